@@ -1,0 +1,22 @@
+# One library per source area. Sources are every .cpp in the area's folder, so adding a file
+# needs no edit here; the dependencies are spelled out so layering is enforced by the link.
+#   vumo_library(NAME timeline DEPS vumo::shared [PUBLIC_LIBS ...] [PRIVATE_LIBS ...])
+function(vumo_library)
+  cmake_parse_arguments(ARG "" "NAME" "DEPS;PUBLIC_LIBS;PRIVATE_LIBS" ${ARGN})
+  file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.cpp)
+  add_library(vumo_${ARG_NAME} STATIC ${sources})
+  add_library(vumo::${ARG_NAME} ALIAS vumo_${ARG_NAME})
+  target_include_directories(vumo_${ARG_NAME} PUBLIC ${PROJECT_SOURCE_DIR}/src)
+  target_link_libraries(vumo_${ARG_NAME} PUBLIC ${ARG_DEPS} ${ARG_PUBLIC_LIBS} PRIVATE ${ARG_PRIVATE_LIBS})
+endfunction()
+
+# One GoogleTest executable per tested area, built from every .cpp in the test folder.
+#   vumo_test(NAME timeline DEPS vumo::timeline)
+function(vumo_test)
+  cmake_parse_arguments(ARG "" "NAME" "DEPS" ${ARGN})
+  file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.cpp)
+  add_executable(${ARG_NAME}_tests ${sources})
+  target_link_libraries(${ARG_NAME}_tests PRIVATE ${ARG_DEPS} vumo_test_support GTest::gtest GTest::gmock GTest::gtest_main)
+  gtest_discover_tests(${ARG_NAME}_tests DISCOVERY_MODE PRE_TEST
+    PROPERTIES ENVIRONMENT "VUMO_BINARY=$<TARGET_FILE:vumo>;VUMO_SOURCE_DIR=${PROJECT_SOURCE_DIR}")
+endfunction()

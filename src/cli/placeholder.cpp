@@ -1,0 +1,1 @@
+int vumoCliPlaceholder = 0;

@@ -1,0 +1,14 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <string_view>
+
+namespace vumo {
+
+// SHA-256 in lower-case hexadecimal.
+std::string sha256Hex(std::string_view bytes);
+// Digest of a file's raw bytes; a missing or unreadable file is a FileError.
+std::string sha256HexOfFile(const std::filesystem::path& path);
+
+}  // namespace vumo
