@@ -1,0 +1,1 @@
+int vumoprojectPlaceholder = 0;  // removed once the area has real sources

@@ -1,0 +1,1 @@
+int vumotimelinePlaceholder = 0;  // removed once the area has real sources
