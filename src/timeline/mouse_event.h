@@ -1,0 +1,50 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string_view>
+
+#include "shared/geometry.h"
+#include "shared/json.h"
+#include "shared/project_time.h"
+
+namespace vumo {
+
+// Stored in chunk files as the case names.
+enum class MouseButton { left, right, other, none };
+enum class MousePhase { moved, dragged, down, up };
+
+std::string_view toString(MouseButton button);
+std::string_view toString(MousePhase phase);
+// Throw DecodingError for a name that is not a case.
+MouseButton mouseButtonFromString(std::string_view text);
+MousePhase mousePhaseFromString(std::string_view text);
+
+// One pointer event as recorded: a chunked record in the package's `events/` folder.
+struct MouseEvent {
+  std::uint64_t rawTimestampNanoseconds = 0;  // the input system's own timestamp, kept for diagnosis
+  ProjectTime time;
+  PointValue globalPoint;      // global display coordinates
+  PointValue localPoint;       // globalPoint less the captured frame's origin, not clamped
+  PointValue normalizedPoint;  // position within the captured frame, 0...1
+  std::uint32_t geometryRevision = 0;
+  MouseButton button = MouseButton::none;
+  MousePhase phase = MousePhase::moved;
+  // Absent in records written before the field existed; those count as inside.
+  std::optional<bool> isInsideSource;
+
+  bool isVisibleInsideSource() const { return isInsideSource.value_or(true); }
+  // A press of the primary button: what automatic zooms and click effects are made from.
+  bool isLeftPress() const { return phase == MousePhase::down && button == MouseButton::left; }
+
+  friend bool operator==(const MouseEvent&, const MouseEvent&) = default;
+};
+
+void to_json(Json& j, MouseButton button);
+void from_json(const Json& j, MouseButton& button);
+void to_json(Json& j, MousePhase phase);
+void from_json(const Json& j, MousePhase& phase);
+void to_json(Json& j, const MouseEvent& event);
+void from_json(const Json& j, MouseEvent& event);
+
+}  // namespace vumo

@@ -1,1 +1,0 @@
-int vumotimelinePlaceholder = 0;  // removed once the area has real sources
