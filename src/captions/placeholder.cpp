@@ -1,1 +1,0 @@
-int vumocaptionsPlaceholder = 0;  // removed once the area has real sources
