@@ -1,0 +1,32 @@
+#pragma once
+
+// Small pieces shared by the editing engines of this folder.
+
+#include <algorithm>
+#include <vector>
+
+#include "shared/project_time.h"
+#include "timeline/edit_timeline.h"
+#include "timeline/timeline_effect_engine.h"
+
+namespace vumo::engine_support {
+
+// Every engine hands back only documents that pass the whole validation.
+inline EditTimeline validated(EditTimeline timeline, ProjectTime sourceDuration) {
+  TimelineEffectEngine::validate(timeline, sourceDuration);
+  return timeline;
+}
+
+// Like std::clamp, but defined when the bounds cross: the lower bound wins, and validation then
+// reports whatever that leaves wrong.
+template <class T>
+T clampLowerWins(T value, T lower, T upper) {
+  return std::max(lower, std::min(value, upper));
+}
+
+template <class T, class Key>
+void stableSortBy(std::vector<T>& items, Key key) {
+  std::stable_sort(items.begin(), items.end(), [&](const T& a, const T& b) { return key(a) < key(b); });
+}
+
+}  // namespace vumo::engine_support
