@@ -7,13 +7,13 @@
 
 #include "shared/project_time.h"
 #include "timeline/edit_timeline.h"
-#include "timeline/timeline_effect_engine.h"
+#include "timeline/timeline_validator.h"
 
 namespace vumo::engine_support {
 
 // Every engine hands back only documents that pass the whole validation.
 inline EditTimeline validated(EditTimeline timeline, ProjectTime sourceDuration) {
-  TimelineEffectEngine::validate(timeline, sourceDuration);
+  TimelineValidator::validate(timeline, sourceDuration);
   return timeline;
 }
 

@@ -1,8 +1,12 @@
 #pragma once
 
+#include <map>
 #include <string>
+#include <vector>
 
 #include "shared/error.h"
+#include "shared/geometry.h"
+#include "timeline/edit_timeline.h"
 
 namespace vumo {
 
@@ -28,6 +32,26 @@ class TimelineSettingsError : public Error {
   TimelineSettingsError(Case kind, std::string key);
   Case kind_;
   std::string key_;
+};
+
+// The one parser of setting strings, for the command line's `set` and an edit plan's settings.
+struct TimelineSettingsEngine {
+  // Applies every pair in sorted key order (so where two keys touch one field, the later key in
+  // that order wins), then keeps the camera overlay inside the output. Any bad pair stops the
+  // whole batch: there is no partial result. Validation is the caller's, who knows the source
+  // duration.
+  static EditTimeline applying(const std::map<std::string, std::string>& values, const EditTimeline& timeline,
+                               bool hasWebcam, PixelSize sourceSize);
+
+  // Clamps the overlay's centre so that the whole camera stays on the output of the canvas's
+  // aspect ratio (`source` uses `sourceSize`). Keyframes are clamped when evaluated.
+  static EditTimeline constrainWebcam(const EditTimeline& timeline, PixelSize sourceSize);
+
+  // Output width over height of the timeline's canvas for a source of `sourceSize`.
+  static double outputAspectRatio(const EditTimeline& timeline, PixelSize sourceSize);
+
+  // Every key `applying` understands, sorted.
+  static const std::vector<std::string>& supportedKeys();
 };
 
 }  // namespace vumo
