@@ -11,6 +11,7 @@ namespace vumo::testing {
 // Deterministic ids, so failures print the same every run.
 inline Uuid cueId(int number) {
   Uuid id;
+  id.bytes[13] = static_cast<std::uint8_t>(number >> 16);
   id.bytes[14] = static_cast<std::uint8_t>(number >> 8);
   id.bytes[15] = static_cast<std::uint8_t>(number);
   id.bytes[6] = 0x40;  // version 4, variant 1: an ordinary random-looking UUID
