@@ -1,0 +1,24 @@
+#pragma once
+
+#include <filesystem>
+
+namespace vumo {
+
+// An exclusive BSD `flock` on a lock file, held for the lifetime of the object. Other processes
+// that commit to the same package take the same lock, so it serialises writers across processes;
+// within one process the store's single line of execution already does. The lock file is created
+// with owner read and write permission and never removed. Blocks without a time-out: locks are
+// held for one commit, milliseconds. Any failure to open or lock is
+// ProjectStoreError::timelineLockUnavailable.
+class ExclusiveFileLock {
+ public:
+  explicit ExclusiveFileLock(const std::filesystem::path& lockFile);
+  ~ExclusiveFileLock();
+  ExclusiveFileLock(const ExclusiveFileLock&) = delete;
+  ExclusiveFileLock& operator=(const ExclusiveFileLock&) = delete;
+
+ private:
+  int fd_ = -1;
+};
+
+}  // namespace vumo

@@ -1,0 +1,41 @@
+#include "project/folder_listing.h"
+
+#include <algorithm>
+#include <system_error>
+
+#include <fmt/format.h>
+
+#include "shared/error.h"
+
+namespace vumo {
+
+std::vector<std::filesystem::path> visibleFilesWithExtension(const std::filesystem::path& folder,
+                                                             const char* extension) {
+  std::vector<std::filesystem::path> files;
+  std::error_code error;
+  if (!std::filesystem::exists(folder, error)) return files;
+  std::filesystem::directory_iterator it(folder, error);
+  for (; !error && it != std::filesystem::directory_iterator(); it.increment(error)) {
+    const auto& path = it->path();
+    std::string name = path.filename().string();
+    if (name.empty() || name[0] == '.' || path.extension() != extension) continue;
+    files.push_back(path);
+  }
+  if (error) throw FileError(fmt::format("Could not list {}: {}", folder.string(), error.message()));
+  std::sort(files.begin(), files.end(),
+            [](const auto& a, const auto& b) { return a.filename().native() < b.filename().native(); });
+  return files;
+}
+
+std::vector<std::filesystem::path> visibleEntries(const std::filesystem::path& folder) {
+  std::vector<std::filesystem::path> entries;
+  std::error_code error;
+  std::filesystem::directory_iterator it(folder, error);
+  for (; !error && it != std::filesystem::directory_iterator(); it.increment(error)) {
+    std::string name = it->path().filename().string();
+    if (!name.empty() && name[0] != '.') entries.push_back(it->path());
+  }
+  return entries;
+}
+
+}  // namespace vumo

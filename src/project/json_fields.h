@@ -1,0 +1,31 @@
+#pragma once
+
+// Strict readers for the unsigned fields of package documents. nlohmann would happily convert a
+// negative number into a huge unsigned one, which is how a corrupt manifest turns into nonsense
+// counters instead of a decoding error.
+
+#include <cstdint>
+#include <optional>
+#include <string_view>
+
+#include "shared/json.h"
+
+namespace vumo::project_json {
+
+std::uint64_t asUInt64(const Json& value, std::string_view context);
+std::uint32_t asUInt32(const Json& value, std::string_view context);
+
+std::uint64_t requiredUInt64(const Json& object, std::string_view key);
+std::uint32_t requiredUInt32(const Json& object, std::string_view key);
+std::optional<std::uint64_t> optionalUInt64(const Json& object, std::string_view key);
+
+// Enumerations stored as strings: the text must be one of `names`, whose position is the value.
+template <class Enum, std::size_t N>
+Enum enumFromString(const Json& value, std::string_view context, const std::string_view (&names)[N]) {
+  std::string text = json::asString(value, context);
+  for (std::size_t i = 0; i < N; ++i)
+    if (names[i] == text) return static_cast<Enum>(i);
+  throw DecodingError("Cannot initialize " + std::string(context) + " from invalid String value " + text);
+}
+
+}  // namespace vumo::project_json

@@ -1,1 +1,0 @@
-int vumoprojectPlaceholder = 0;  // removed once the area has real sources

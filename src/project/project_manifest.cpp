@@ -1,0 +1,233 @@
+#include "project/project_manifest.h"
+
+#include "project/json_fields.h"
+
+namespace vumo {
+
+namespace {
+
+constexpr std::string_view stateNames[] = {"recording", "finalizing", "completed", "recovered", "failed"};
+constexpr std::string_view sourceKindNames[] = {"display", "window", "area", "device"};
+constexpr std::string_view trackKindNames[] = {"screen", "systemAudio", "microphone"};
+
+template <class T>
+void setIfPresent(Json& j, const char* key, const std::optional<T>& value) {
+  json::setOptional(j, key, value);
+}
+
+std::optional<std::int64_t> optionalInt64(const Json& j, std::string_view key) {
+  return json::optional<std::int64_t>(j, key);
+}
+
+}  // namespace
+
+std::string_view projectStateName(ProjectState state) { return stateNames[static_cast<int>(state)]; }
+std::string_view captureSourceKindName(CaptureSourceKind kind) { return sourceKindNames[static_cast<int>(kind)]; }
+std::string_view mediaTrackKindName(MediaTrackKind kind) { return trackKindNames[static_cast<int>(kind)]; }
+
+std::string CaptureSourceDescriptor::identifier() const {
+  if (kind == CaptureSourceKind::device && deviceUniqueID) return "device-" + *deviceUniqueID;
+  return std::string(captureSourceKindName(kind)) + "-" + std::to_string(nativeID);
+}
+
+void to_json(Json& j, const ProjectState& v) { j = std::string(projectStateName(v)); }
+void from_json(const Json& j, ProjectState& v) {
+  v = project_json::enumFromString<ProjectState>(j, "ProjectState", stateNames);
+}
+void to_json(Json& j, const CaptureSourceKind& v) { j = std::string(captureSourceKindName(v)); }
+void from_json(const Json& j, CaptureSourceKind& v) {
+  v = project_json::enumFromString<CaptureSourceKind>(j, "CaptureSourceKind", sourceKindNames);
+}
+void to_json(Json& j, const MediaTrackKind& v) { j = std::string(mediaTrackKindName(v)); }
+void from_json(const Json& j, MediaTrackKind& v) {
+  v = project_json::enumFromString<MediaTrackKind>(j, "MediaTrackKind", trackKindNames);
+}
+
+void to_json(Json& j, const CaptureSourceDescriptor& v) {
+  j = Json{{"kind", v.kind},
+           {"nativeID", v.nativeID},
+           {"title", v.title},
+           {"globalFrame", v.globalFrame},
+           {"initialPixelSize", v.initialPixelSize}};
+  setIfPresent(j, "applicationName", v.applicationName);
+  setIfPresent(j, "areaSourceRect", v.areaSourceRect);
+  setIfPresent(j, "pointPixelScale", v.pointPixelScale);
+  setIfPresent(j, "deviceUniqueID", v.deviceUniqueID);
+}
+
+void from_json(const Json& j, CaptureSourceDescriptor& v) {
+  json::requireObject(j, "source");
+  v.kind = json::required<CaptureSourceKind>(j, "kind");
+  v.nativeID = project_json::requiredUInt32(j, "nativeID");
+  v.title = json::required<std::string>(j, "title");
+  v.applicationName = json::optional<std::string>(j, "applicationName");
+  v.globalFrame = json::required<RectValue>(j, "globalFrame");
+  v.initialPixelSize = json::required<PixelSize>(j, "initialPixelSize");
+  v.areaSourceRect = json::optional<RectValue>(j, "areaSourceRect");
+  v.pointPixelScale = json::optional<double>(j, "pointPixelScale");
+  v.deviceUniqueID = json::optional<std::string>(j, "deviceUniqueID");
+}
+
+void to_json(Json& j, const RecordingOptions& v) {
+  j = Json{{"capturesSystemAudio", v.capturesSystemAudio},
+           {"capturesMicrophone", v.capturesMicrophone},
+           {"capturesWebcam", v.capturesWebcam},
+           {"capturesMenuBar", v.capturesMenuBar},
+           {"framesPerSecond", v.framesPerSecond}};
+  setIfPresent(j, "microphoneDeviceID", v.microphoneDeviceID);
+  setIfPresent(j, "webcamDeviceID", v.webcamDeviceID);
+}
+
+void from_json(const Json& j, RecordingOptions& v) {
+  json::requireObject(j, "options");
+  RecordingOptions defaults;
+  v.capturesSystemAudio = json::valueOr(j, "capturesSystemAudio", defaults.capturesSystemAudio);
+  v.capturesMicrophone = json::valueOr(j, "capturesMicrophone", defaults.capturesMicrophone);
+  v.capturesWebcam = json::valueOr(j, "capturesWebcam", defaults.capturesWebcam);
+  v.capturesMenuBar = json::valueOr(j, "capturesMenuBar", defaults.capturesMenuBar);
+  v.microphoneDeviceID = json::optional<std::string>(j, "microphoneDeviceID");
+  v.webcamDeviceID = json::optional<std::string>(j, "webcamDeviceID");
+  v.framesPerSecond = json::valueOr(j, "framesPerSecond", defaults.framesPerSecond);
+}
+
+void to_json(Json& j, const MediaTrack& v) { j = Json{{"kind", v.kind}, {"trackIndex", v.trackIndex}}; }
+
+void from_json(const Json& j, MediaTrack& v) {
+  json::requireObject(j, "MediaTrack");
+  v.kind = json::required<MediaTrackKind>(j, "kind");
+  v.trackIndex = json::required<std::int64_t>(j, "trackIndex");
+}
+
+void to_json(Json& j, const MediaAsset& v) { j = Json{{"relativePath", v.relativePath}, {"tracks", v.tracks}}; }
+
+void from_json(const Json& j, MediaAsset& v) {
+  json::requireObject(j, "media");
+  v.relativePath = json::required<std::string>(j, "relativePath");
+  const Json& tracks = json::requireKey(j, "tracks");
+  json::requireArray(tracks, "tracks");
+  v.tracks.clear();
+  for (const Json& t : tracks) v.tracks.push_back(json::as<MediaTrack>(t, "tracks"));
+}
+
+void to_json(Json& j, const MicrophoneMediaInfo& v) {
+  j = Json{{"deviceName", v.deviceName}};
+  setIfPresent(j, "deviceID", v.deviceID);
+}
+
+void from_json(const Json& j, MicrophoneMediaInfo& v) {
+  json::requireObject(j, "microphone");
+  v.deviceID = json::optional<std::string>(j, "deviceID");
+  v.deviceName = json::required<std::string>(j, "deviceName");
+}
+
+void to_json(Json& j, const WebcamMediaInfo& v) {
+  j = Json{{"trackIndex", v.trackIndex},
+           {"deviceID", v.deviceID},
+           {"deviceName", v.deviceName},
+           {"pixelSize", v.pixelSize},
+           {"framesPerSecond", v.framesPerSecond}};
+}
+
+void from_json(const Json& j, WebcamMediaInfo& v) {
+  json::requireObject(j, "webcam");
+  v.trackIndex = json::required<std::int64_t>(j, "trackIndex");
+  v.deviceID = json::required<std::string>(j, "deviceID");
+  v.deviceName = json::required<std::string>(j, "deviceName");
+  v.pixelSize = json::required<PixelSize>(j, "pixelSize");
+  v.framesPerSecond = json::required<std::int64_t>(j, "framesPerSecond");
+}
+
+void to_json(Json& j, const RecordingMetrics& v) {
+  j = Json{{"videoFrames", v.videoFrames},
+           {"droppedVideoFrames", v.droppedVideoFrames},
+           {"systemAudioSamples", v.systemAudioSamples},
+           {"microphoneSamples", v.microphoneSamples},
+           {"mouseEvents", v.mouseEvents},
+           {"geometryRevisions", v.geometryRevisions},
+           {"maximumClockOffsetNanoseconds", v.maximumClockOffsetNanoseconds}};
+  setIfPresent(j, "webcamFrames", v.webcamFrames);
+  setIfPresent(j, "droppedWebcamFrames", v.droppedWebcamFrames);
+  setIfPresent(j, "webcamInterruptions", v.webcamInterruptions);
+  setIfPresent(j, "maximumWebcamOffsetNanoseconds", v.maximumWebcamOffsetNanoseconds);
+  setIfPresent(j, "timeDiscontinuities", v.timeDiscontinuities);
+  setIfPresent(j, "pauseCount", v.pauseCount);
+  setIfPresent(j, "pausedDurationNanoseconds", v.pausedDurationNanoseconds);
+  setIfPresent(j, "maximumAVDriftNanoseconds", v.maximumAVDriftNanoseconds);
+  setIfPresent(j, "peakResidentMemoryBytes", v.peakResidentMemoryBytes);
+  setIfPresent(j, "writerStatus", v.writerStatus);
+}
+
+void from_json(const Json& j, RecordingMetrics& v) {
+  json::requireObject(j, "metrics");
+  v.videoFrames = json::required<std::int64_t>(j, "videoFrames");
+  v.droppedVideoFrames = json::required<std::int64_t>(j, "droppedVideoFrames");
+  v.systemAudioSamples = json::required<std::int64_t>(j, "systemAudioSamples");
+  v.microphoneSamples = json::required<std::int64_t>(j, "microphoneSamples");
+  v.webcamFrames = optionalInt64(j, "webcamFrames");
+  v.droppedWebcamFrames = optionalInt64(j, "droppedWebcamFrames");
+  v.webcamInterruptions = optionalInt64(j, "webcamInterruptions");
+  v.maximumWebcamOffsetNanoseconds = optionalInt64(j, "maximumWebcamOffsetNanoseconds");
+  v.mouseEvents = json::required<std::int64_t>(j, "mouseEvents");
+  v.geometryRevisions = json::required<std::int64_t>(j, "geometryRevisions");
+  v.maximumClockOffsetNanoseconds = json::required<std::int64_t>(j, "maximumClockOffsetNanoseconds");
+  v.timeDiscontinuities = optionalInt64(j, "timeDiscontinuities");
+  v.pauseCount = optionalInt64(j, "pauseCount");
+  v.pausedDurationNanoseconds = optionalInt64(j, "pausedDurationNanoseconds");
+  v.maximumAVDriftNanoseconds = optionalInt64(j, "maximumAVDriftNanoseconds");
+  v.peakResidentMemoryBytes = project_json::optionalUInt64(j, "peakResidentMemoryBytes");
+  v.writerStatus = json::optional<std::string>(j, "writerStatus");
+}
+
+void to_json(Json& j, const ProjectManifest& v) {
+  j = Json{{"version", v.version},
+           {"id", v.id},
+           {"createdAt", v.createdAt},
+           {"updatedAt", v.updatedAt},
+           {"state", v.state},
+           {"source", v.source},
+           {"options", v.options},
+           {"encodedPixelSize", v.encodedPixelSize},
+           {"duration", v.duration},
+           {"media", v.media},
+           {"metrics", v.metrics}};
+  setIfPresent(j, "microphone", v.microphone);
+  setIfPresent(j, "webcam", v.webcam);
+  setIfPresent(j, "cursorAssets", v.cursorAssets);
+  setIfPresent(j, "failureReason", v.failureReason);
+}
+
+void from_json(const Json& j, ProjectManifest& v) {
+  json::requireObject(j, "manifest");
+  v.version = json::required<std::int64_t>(j, "version");
+  v.id = json::required<Uuid>(j, "id");
+  v.createdAt = json::required<Timestamp>(j, "createdAt");
+  v.updatedAt = json::required<Timestamp>(j, "updatedAt");
+  v.state = json::required<ProjectState>(j, "state");
+  v.source = json::required<CaptureSourceDescriptor>(j, "source");
+  v.options = json::required<RecordingOptions>(j, "options");
+  v.encodedPixelSize = json::required<PixelSize>(j, "encodedPixelSize");
+  v.duration = json::required<ProjectTime>(j, "duration");
+  v.media = json::required<MediaAsset>(j, "media");
+  v.microphone = json::optional<MicrophoneMediaInfo>(j, "microphone");
+  v.webcam = json::optional<WebcamMediaInfo>(j, "webcam");
+  if (const Json* assets = json::findKey(j, "cursorAssets"); assets != nullptr && !assets->is_null()) {
+    json::requireArray(*assets, "cursorAssets");
+    std::vector<CursorAssetDescriptor> list;
+    list.reserve(assets->size());
+    for (const Json& a : *assets) list.push_back(json::as<CursorAssetDescriptor>(a, "cursorAssets"));
+    v.cursorAssets = std::move(list);
+  } else {
+    v.cursorAssets.reset();
+  }
+  v.metrics = json::required<RecordingMetrics>(j, "metrics");
+  v.failureReason = json::optional<std::string>(j, "failureReason");
+}
+
+std::string encodeProjectManifest(const ProjectManifest& manifest) { return encodeDocument(Json(manifest)); }
+
+ProjectManifest decodeProjectManifest(std::string_view bytes) {
+  Json document = parseJson(bytes);
+  return json::as<ProjectManifest>(document, "manifest");
+}
+
+}  // namespace vumo
