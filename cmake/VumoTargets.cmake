@@ -20,6 +20,8 @@ function(vumo_test)
   endif()
   add_executable(${ARG_NAME}_tests ${sources})
   target_link_libraries(${ARG_NAME}_tests PRIVATE ${ARG_DEPS} vumo_test_support GTest::gtest GTest::gmock GTest::gtest_main)
+  # End-to-end cases run the real executable.
+  add_dependencies(${ARG_NAME}_tests vumo)
   gtest_discover_tests(${ARG_NAME}_tests DISCOVERY_MODE PRE_TEST
     PROPERTIES ENVIRONMENT "VUMO_BINARY=$<TARGET_FILE:vumo>;VUMO_SOURCE_DIR=${PROJECT_SOURCE_DIR}")
 endfunction()

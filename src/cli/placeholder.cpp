@@ -1,1 +1,0 @@
-int vumoCliPlaceholder = 0;

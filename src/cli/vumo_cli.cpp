@@ -1,0 +1,204 @@
+#include "cli/vumo_cli.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <type_traits>
+
+#include "cli/agent_help_catalog.h"
+#include "cli/cli_argument_parser.h"
+#include "cli/cli_errors.h"
+#include "cli/system_capability_inspector.h"
+#include "shared/files.h"
+
+namespace vumo {
+
+namespace {
+
+void writeAll(int fd, std::string_view bytes) {
+  while (!bytes.empty()) {
+    ssize_t n = ::write(fd, bytes.data(), bytes.size());
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return;
+    }
+    bytes.remove_prefix(static_cast<std::size_t>(n));
+  }
+}
+
+template <class>
+inline constexpr bool alwaysFalse = false;
+
+}  // namespace
+
+CLIExitCode exitCode(ErrorKind kind) {
+  switch (kind) {
+    case ErrorKind::invalidArguments: return CLIExitCode::invalidArguments;
+    case ErrorKind::projectNotFound: return CLIExitCode::projectNotFound;
+    case ErrorKind::conflict: return CLIExitCode::conflict;
+    case ErrorKind::validation: return CLIExitCode::validation;
+    case ErrorKind::failure: return CLIExitCode::failure;
+  }
+  return CLIExitCode::failure;
+}
+
+VumoCLI::Streams VumoCLI::Streams::process() {
+  return {[](std::string_view bytes) { writeAll(STDOUT_FILENO, bytes); },
+          [](std::string_view bytes) { writeAll(STDERR_FILENO, bytes); }};
+}
+
+VumoCLI::VumoCLI(std::stop_token cancellation, Streams streams)
+    : cancellation_(std::move(cancellation)), streams_(std::move(streams)) {}
+
+int VumoCLI::run(const std::vector<std::string>& arguments) {
+  try {
+    CLICommand command = CLIArgumentParser::parse(arguments);
+    if (const auto* help = std::get_if<CLICommand::Help>(&command.value)) {
+      std::string text = help->topic ? AgentHelpCatalog::text(*help->topic) : usageText();
+      streams_.standardOutput(text + "\n");
+      return 0;
+    }
+    Json answer = execute(command);
+    std::string encoded;
+    try {
+      encoded = encodeDocument(answer) + "\n";
+    } catch (const nlohmann::json::exception& e) {
+      throw DecodingError(std::string("The answer could not be encoded: ") + e.what());
+    }
+    streams_.standardOutput(encoded);
+    return 0;
+  } catch (const std::exception& error) {
+    return report(error);
+  }
+}
+
+Json VumoCLI::execute(const CLICommand& command) {
+  // Every command but help gets the projects folder, so it exists after any command.
+  createDirectories(vumoSupportDirectory() / "Projects");
+  return std::visit(
+      [&](const auto& request) -> Json {
+        using T = std::decay_t<decltype(request)>;
+        if constexpr (std::is_same_v<T, CLICommand::SystemInfo>) {
+          return SystemCapabilityInspector::inspect();
+        } else if constexpr (std::is_same_v<T, CLICommand::Frame>) {
+          prepareOutput(request.outputURL, request.replace);
+          throw CLIUnavailableError("Rendering a frame");
+        } else if constexpr (std::is_same_v<T, CLICommand::Help>) {
+          throw CLIUnavailableError("Help");  // handled before any store exists
+        } else if constexpr (std::is_same_v<T, CLICommand::List>) {
+          throw CLIUnavailableError("Listing projects");
+        } else if constexpr (std::is_same_v<T, CLICommand::Describe>) {
+          throw CLIUnavailableError("Describing a project");
+        } else if constexpr (std::is_same_v<T, CLICommand::Idle>) {
+          throw CLIUnavailableError("Idle analysis");
+        } else if constexpr (std::is_same_v<T, CLICommand::History>) {
+          throw CLIUnavailableError("Timeline history");
+        } else if constexpr (std::is_same_v<T, CLICommand::CaptionsRead>) {
+          throw CLIUnavailableError("Reading captions");
+        } else if constexpr (std::is_same_v<T, CLICommand::CaptionsPrepare>) {
+          throw CLIUnavailableError("Caption preparation");
+        } else if constexpr (std::is_same_v<T, CLICommand::CaptionsGenerate>) {
+          throw CLIUnavailableError("Cloud caption generation");
+        } else if constexpr (std::is_same_v<T, CLICommand::CaptionsImport>) {
+          throw CLIUnavailableError("Caption import");
+        } else if constexpr (std::is_same_v<T, CLICommand::EditPlanPrepare> ||
+                             std::is_same_v<T, CLICommand::EditPlan>) {
+          throw CLIUnavailableError("Edit plans");
+        } else if constexpr (std::is_same_v<T, CLICommand::Mutate>) {
+          throw CLIUnavailableError("Editing a project");
+        } else {
+          static_assert(alwaysFalse<T>, "every command needs a dispatch");
+        }
+      },
+      command.value);
+}
+
+int VumoCLI::report(const std::exception& error) const {
+  if (dynamic_cast<const CancelledError*>(&error) != nullptr) {
+    writeError("cancelled", "命令已取消。", std::nullopt);
+    return cancelledStatus;
+  }
+  CLIClassification classification = classify(error);
+  writeError(classification.code, error.what(), validationDetails(error));
+  return static_cast<int>(classification.exitCode);
+}
+
+void VumoCLI::writeJSON(const Json& value) const { streams_.standardOutput(encodeDocument(value) + "\n"); }
+
+void VumoCLI::writeError(const std::string& code, const std::string& message,
+                         const std::optional<CLIValidationDetails>& details) const {
+  std::string encoded;
+  try {
+    encoded = escapeSlashes(encodeDocument(CLIErrorResponse{1, code, message, details}));
+  } catch (const std::exception&) {
+    return;  // an envelope that cannot be encoded is not printed; the status stands
+  }
+  streams_.standardError(encoded + "\n");
+}
+
+CLIClassification VumoCLI::classify(const std::exception& error) {
+  if (const auto* known = dynamic_cast<const Error*>(&error)) {
+    ErrorClassification c = known->classification();
+    return {c.code, exitCode(c.kind)};
+  }
+  return {"execution", CLIExitCode::failure};
+}
+
+std::optional<CLIValidationDetails> VumoCLI::validationDetails(const std::exception&) { return std::nullopt; }
+
+void VumoCLI::prepareOutput(const std::filesystem::path& url, bool replace) {
+  if (!url.is_absolute()) throw CLIArgumentError::invalidValue("--out");
+  std::error_code ignored;
+  if (std::filesystem::exists(std::filesystem::symlink_status(url, ignored)) && !replace)
+    throw CLIOutputError::outputExists(url.string());
+  std::filesystem::path parent = url.parent_path();
+  if (std::filesystem::exists(parent, ignored)) return;
+  createDirectories(applicationSupportDirectory());
+  std::filesystem::path exports = defaultExportsDirectory();
+  if (parent.lexically_normal() == exports.lexically_normal()) {
+    createDirectories(exports);
+    return;
+  }
+  throw CLIOutputError::parentMissing(parent.string());
+}
+
+std::string VumoCLI::usageText() {
+  return "Vumo Headless Agent剪辑命令。除帮助外统一输出JSON；修改命令默认只预演。\n"
+         "\n"
+         "Agent使用说明：\n"
+         "  help workflow|edit-plan|captions|settings|output\n"
+         "\n"
+         "读：\n"
+         "  system-info\n"
+         "  list\n"
+         "  describe <id-prefix>\n"
+         "  idle <id-prefix> [--track microphone|system-audio] [--min-ms 1500] [--silence-db -42]\n"
+         "       [--keep-tail-ms 500] [--min-removal-ms 150]\n"
+         "  history <id-prefix>\n"
+         "  captions-read <id-prefix>\n"
+         "  captions-prepare <id-prefix> [--track microphone|system-audio]\n"
+         "  captions-generate <id-prefix> [--track auto|microphone|system-audio]\n"
+         "  edit-plan-prepare <id-prefix>\n"
+         "\n"
+         "改：\n"
+         "  captions-import <id-prefix> --job UUID [--align-audio]\n"
+         "      [--apply --expect-timeline digest --expect-captions digest]\n"
+         "  edit-plan-preview <id-prefix> --job UUID\n"
+         "      [--apply --expect-timeline digest --expect-captions digest --expect-plan digest]\n"
+         "  cut <id-prefix> --range start,end [--source] [--apply --expect digest]\n"
+         "  speed-set <id-prefix> --range start,end --rate 2.0 [--source] [--apply --expect digest]\n"
+         "  zoom-add <id-prefix> --range start,end [--source] [--level 1.8] [--at x,y]\n"
+         "  zoom-rm <id-prefix> (--index N | --all)\n"
+         "  zoom-regen <id-prefix>\n"
+         "  set <id-prefix> key=value ...\n"
+         "  restore <id-prefix> --index N\n"
+         "\n"
+         "出：\n"
+         "  frame <id-prefix> --ms 5000 --out frame.jpg [--width 1280] [--replace]\n"
+         "\n"
+         "时间范围单位为毫秒，默认成片Sequence Time；--source切换到Source Project Time。\n"
+         "相对--out文件名写入$XDG_DATA_HOME/Vumo/Exports；绝对路径需已有写入权限。\n"
+         "单项提交必须提供--apply与--expect；Edit Plan只执行预演返回的三Digest确认参数。";
+}
+
+}  // namespace vumo

@@ -1,0 +1,155 @@
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <thread>
+
+#include "cli/agent_help_catalog.h"
+#include "cli/cli_errors.h"
+#include "cli/signal_cancellation.h"
+#include "cli/vumo_cli.h"
+#include "shared/files.h"
+#include "support/test_support.h"
+
+namespace vumo {
+namespace {
+
+struct Captured {
+  std::string out;
+  std::string err;
+  int writesToOut = 0;
+  int writesToErr = 0;
+  VumoCLI::Streams streams() {
+    return {[this](std::string_view s) { out += s, ++writesToOut; }, [this](std::string_view s) { err += s, ++writesToErr; }};
+  }
+};
+
+class DriverTest : public ::testing::Test {
+ protected:
+  int run(std::vector<std::string> arguments, std::stop_token token = {}) {
+    VumoCLI cli(token, captured.streams());
+    return cli.run(arguments);
+  }
+  testing::ScopedDataHome home;
+  Captured captured;
+};
+
+TEST_F(DriverTest, HelpPrintsPlainTextAndCreatesNothing) {
+  EXPECT_EQ(run({}), 0);
+  EXPECT_EQ(captured.out, VumoCLI::usageText() + "\n");
+  EXPECT_TRUE(captured.err.empty());
+  EXPECT_EQ(run({"help", "output"}), 0);
+  EXPECT_NE(captured.out.find("# Vumo 检查与输出\n\n- CLI只提供单帧图片检查"), std::string::npos);
+  EXPECT_FALSE(std::filesystem::exists(home.path() / "Vumo"));
+}
+
+TEST_F(DriverTest, ParseFailureIsOneEnvelopeOnStandardErrorAndWritesNothing) {
+  EXPECT_EQ(run({"cut", "abc", "--range", "5,1"}), 2);
+  EXPECT_TRUE(captured.out.empty());
+  EXPECT_EQ(captured.writesToErr, 1);
+  EXPECT_EQ(captured.err,
+            "{\n  \"error\": \"invalid_arguments\",\n  \"message\": \"参数无效：--range\",\n  \"protocolVersion\": 1\n}\n");
+  EXPECT_FALSE(std::filesystem::exists(home.path() / "Vumo"));
+}
+
+TEST_F(DriverTest, SystemInfoAnswersOneDocumentWithoutIdentifyingTheMachine) {
+  EXPECT_EQ(run({"system-info"}), 0);
+  EXPECT_EQ(captured.writesToOut, 1);
+  EXPECT_TRUE(captured.err.empty());
+  Json info = Json::parse(captured.out);
+  for (const char* key : {"architecture", "chip", "logicalCoreCount", "memoryBytes", "operatingSystemVersion",
+                          "supportsMetal", "availableDiskBytes", "privacyNote", "protocolVersion"})
+    EXPECT_TRUE(info.contains(key)) << key;
+  EXPECT_EQ(info.size(), 9u);
+  EXPECT_GT(info["logicalCoreCount"].get<int>(), 0);
+  if (const char* user = std::getenv("USER"); user != nullptr && std::string(user).size() > 3) {
+    EXPECT_EQ(captured.out.find(user), std::string::npos);
+  }
+  EXPECT_TRUE(std::filesystem::is_directory(home.path() / "Vumo" / "Projects"));
+}
+
+TEST_F(DriverTest, CommandsWithoutAServiceFailAsExecutionNamingTheCapability) {
+  EXPECT_EQ(run({"idle", "abc"}), 6);
+  Json envelope = Json::parse(captured.err);
+  EXPECT_EQ(envelope["error"], "execution");
+  EXPECT_NE(envelope["message"].get<std::string>().find("Idle analysis"), std::string::npos);
+  EXPECT_TRUE(captured.out.empty());
+}
+
+TEST_F(DriverTest, ACancelledCommandAnswersWithStatus130) {
+  VumoCLI cli({}, captured.streams());
+  EXPECT_EQ(cli.report(CancelledError()), 130);
+  EXPECT_EQ(Json::parse(captured.err), (Json{{"error", "cancelled"}, {"message", "命令已取消。"}, {"protocolVersion", 1}}));
+}
+
+TEST(ClassifyTest, FamiliesDecideCodeAndStatus) {
+  EXPECT_EQ(VumoCLI::classify(CLIArgumentError::missingValue("id")).exitCode, CLIExitCode::invalidArguments);
+  auto output = VumoCLI::classify(CLIOutputError::outputExists("/x"));
+  EXPECT_EQ(output.code, "execution");
+  EXPECT_EQ(output.exitCode, CLIExitCode::failure);
+  EXPECT_EQ(VumoCLI::classify(FileError("disk full")).code, "execution");
+  EXPECT_EQ(VumoCLI::classify(std::runtime_error("boom")).code, "execution");
+
+  struct Conflict : Error {
+    Conflict() : Error("k", "Editor", "changed") {}
+    ErrorClassification classification() const override { return {"timeline_conflict", ErrorKind::conflict}; }
+  };
+  auto conflict = VumoCLI::classify(Conflict());
+  EXPECT_EQ(conflict.code, "timeline_conflict");
+  EXPECT_EQ(static_cast<int>(conflict.exitCode), 4);
+}
+
+TEST(PrepareOutputTest, RefusesExistingFilesAndCreatesOnlyTheExportsFolder) {
+  testing::ScopedDataHome home;
+  auto exports = home.path() / "Vumo" / "Exports";
+  VumoCLI::prepareOutput(exports / "a.png", false);
+  EXPECT_TRUE(std::filesystem::is_directory(exports));
+
+  writeFileAtomically(exports / "a.png", "x");
+  try {
+    VumoCLI::prepareOutput(exports / "a.png", false);
+    FAIL();
+  } catch (const CLIOutputError& e) {
+    EXPECT_EQ(std::string(e.what()), "输出已存在，使用--replace才能覆盖：" + (exports / "a.png").string());
+  }
+  EXPECT_NO_THROW(VumoCLI::prepareOutput(exports / "a.png", true));
+  EXPECT_EQ(readFile(exports / "a.png"), "x");
+
+  try {
+    VumoCLI::prepareOutput(home.path() / "missing" / "a.png", false);
+    FAIL();
+  } catch (const CLIOutputError& e) {
+    EXPECT_EQ(e.kind(), CLIOutputError::Case::parentMissing);
+    EXPECT_EQ(std::string(e.what()), "输出目录不存在：" + (home.path() / "missing").string());
+  }
+  EXPECT_FALSE(std::filesystem::exists(home.path() / "missing"));
+}
+
+TEST(HelpCatalogTest, TopicsAreMarkdownWithOneBlankLineAfterTheTitle) {
+  for (auto topic : {CLIAgentHelpTopic::workflow, CLIAgentHelpTopic::editPlan, CLIAgentHelpTopic::captions,
+                     CLIAgentHelpTopic::settings, CLIAgentHelpTopic::output}) {
+    std::string text = AgentHelpCatalog::text(topic);
+    EXPECT_TRUE(text.starts_with("# Vumo")) << word(topic);
+    EXPECT_EQ(text.find("\n\n"), text.find('\n')) << word(topic);
+    EXPECT_EQ(text.find("\n\n\n"), std::string::npos);
+    EXPECT_NE(text.back(), '\n');
+    EXPECT_EQ(text.find("Library"), std::string::npos);
+    EXPECT_EQ(text.find("macOS"), std::string::npos);
+  }
+  EXPECT_NE(AgentHelpCatalog::text(CLIAgentHelpTopic::captions).find("`$XDG_DATA_HOME/Vumo/TranscriptionModels/`"),
+            std::string::npos);
+  EXPECT_NE(AgentHelpCatalog::text(CLIAgentHelpTopic::editPlan).find("\"level\":1.8,\"focusX\":0.4"), std::string::npos);
+}
+
+TEST(SignalCancellationTest, SignalsBecomeAStopRequestInsteadOfKillingTheProcess) {
+  for (int signal : {SIGINT, SIGTERM}) {
+    SignalCancellation cancellation;
+    EXPECT_FALSE(cancellation.token().stop_requested());
+    ::kill(::getpid(), signal);
+    for (int i = 0; i < 200 && !cancellation.token().stop_requested(); ++i)
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_TRUE(cancellation.token().stop_requested());
+  }
+}
+
+}  // namespace
+}  // namespace vumo
