@@ -1,0 +1,1 @@
+int vumoagentPlaceholder = 0;  // removed once the area has real sources
