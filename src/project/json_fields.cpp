@@ -1,7 +1,5 @@
 #include "project/json_fields.h"
 
-#include <cmath>
-
 namespace vumo::project_json {
 
 std::uint64_t asUInt64(const Json& value, std::string_view context) {
@@ -9,9 +7,6 @@ std::uint64_t asUInt64(const Json& value, std::string_view context) {
   if (value.is_number_integer()) {
     auto v = value.get<std::int64_t>();
     if (v >= 0) return static_cast<std::uint64_t>(v);
-  } else if (value.is_number_float()) {
-    double d = value.get<double>();
-    if (d >= 0 && d < 1.8e19 && std::floor(d) == d) return static_cast<std::uint64_t>(d);
   }
   throw DecodingError("Expected an unsigned integer for key " + std::string(context));
 }

@@ -2,7 +2,8 @@
 
 // Strict readers for the unsigned fields of package documents. nlohmann would happily convert a
 // negative number into a huge unsigned one, which is how a corrupt manifest turns into nonsense
-// counters instead of a decoding error.
+// counters instead of a decoding error. Written as integers; a number with a fraction part is
+// refused, as the pointer event reader does.
 
 #include <cstdint>
 #include <optional>

@@ -8,7 +8,6 @@ namespace {
 
 constexpr std::string_view stateNames[] = {"recording", "finalizing", "completed", "recovered", "failed"};
 constexpr std::string_view sourceKindNames[] = {"display", "window", "area", "device"};
-constexpr std::string_view trackKindNames[] = {"screen", "systemAudio", "microphone"};
 
 template <class T>
 void setIfPresent(Json& j, const char* key, const std::optional<T>& value) {
@@ -23,7 +22,6 @@ std::optional<std::int64_t> optionalInt64(const Json& j, std::string_view key) {
 
 std::string_view projectStateName(ProjectState state) { return stateNames[static_cast<int>(state)]; }
 std::string_view captureSourceKindName(CaptureSourceKind kind) { return sourceKindNames[static_cast<int>(kind)]; }
-std::string_view mediaTrackKindName(MediaTrackKind kind) { return trackKindNames[static_cast<int>(kind)]; }
 
 std::string CaptureSourceDescriptor::identifier() const {
   if (kind == CaptureSourceKind::device && deviceUniqueID) return "device-" + *deviceUniqueID;
@@ -37,10 +35,6 @@ void from_json(const Json& j, ProjectState& v) {
 void to_json(Json& j, const CaptureSourceKind& v) { j = std::string(captureSourceKindName(v)); }
 void from_json(const Json& j, CaptureSourceKind& v) {
   v = project_json::enumFromString<CaptureSourceKind>(j, "CaptureSourceKind", sourceKindNames);
-}
-void to_json(Json& j, const MediaTrackKind& v) { j = std::string(mediaTrackKindName(v)); }
-void from_json(const Json& j, MediaTrackKind& v) {
-  v = project_json::enumFromString<MediaTrackKind>(j, "MediaTrackKind", trackKindNames);
 }
 
 void to_json(Json& j, const CaptureSourceDescriptor& v) {

@@ -10,6 +10,7 @@
 #include "shared/date.h"
 #include "shared/geometry.h"
 #include "shared/json.h"
+#include "shared/media_track_kind.h"
 #include "shared/project_time.h"
 #include "shared/uuid.h"
 
@@ -21,11 +22,8 @@ enum class ProjectState { recording, finalizing, completed, recovered, failed };
 
 enum class CaptureSourceKind { display, window, area, device };
 
-enum class MediaTrackKind { screen, systemAudio, microphone };
-
 std::string_view projectStateName(ProjectState state);
 std::string_view captureSourceKindName(CaptureSourceKind kind);
-std::string_view mediaTrackKindName(MediaTrackKind kind);
 
 // What was recorded.
 struct CaptureSourceDescriptor {
@@ -139,8 +137,6 @@ void to_json(Json& j, const ProjectState& v);
 void from_json(const Json& j, ProjectState& v);
 void to_json(Json& j, const CaptureSourceKind& v);
 void from_json(const Json& j, CaptureSourceKind& v);
-void to_json(Json& j, const MediaTrackKind& v);
-void from_json(const Json& j, MediaTrackKind& v);
 void to_json(Json& j, const CaptureSourceDescriptor& v);
 void from_json(const Json& j, CaptureSourceDescriptor& v);
 void to_json(Json& j, const RecordingOptions& v);
