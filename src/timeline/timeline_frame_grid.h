@@ -17,7 +17,10 @@ struct TimelineFrameGrid {
   static ProjectTime nearestBoundary(ProjectTime time);
   // The first grid line at or after `time` (negative times give 0).
   static ProjectTime ceilingBoundary(ProjectTime time);
-  // The last grid line at or before a non-negative `time` (negative times give 0).
+  // The grid floor: the frame count of `time` rounded down, then back to nanoseconds, i.e.
+  // (t * 60 / 1e9) * 1e9 / 60 in integers (negative times give 0). Two of every three grid lines
+  // lie a fraction of a nanosecond below their exact frame time, so for those lines this gives
+  // the line before; callers that clamp to it stay on the grid and never pass `time`.
   static ProjectTime floorBoundary(ProjectTime time);
   // Grid line number `frame`.
   static ProjectTime boundary(std::int64_t frame);
