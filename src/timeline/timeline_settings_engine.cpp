@@ -178,6 +178,8 @@ EditTimeline TimelineSettingsEngine::applying(const std::map<std::string, std::s
   for (const auto& [key, value] : values) {
     auto applier = table.find(key);
     if (applier == table.end()) throw TimelineSettingsError::unknownKey(key);
+    // The camera is checked before the value is looked at: without a camera no value is right.
+    if (key.starts_with("webcam.") && !hasWebcam) throw TimelineSettingsError::webcamUnavailable();
     applier->second(Setting{key, value, result, hasWebcam});
   }
   return constrainWebcam(result, sourceSize);
