@@ -1,0 +1,118 @@
+// Validation runs on every caption edit, so it must stay linear and cheap next to the work that
+// surrounds it. Measured against two baselines of the same run: copying the document (validation
+// returns a new one, so the copy is its floor) and encoding it (what a commit does next).
+
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <map>
+#include <string>
+
+#include "captions/caption_document.h"
+
+namespace {
+
+using namespace vumo;
+
+CaptionDocument makeDocument(int cueCount) {
+  CaptionDocument document;
+  document.sourceTrack = MediaTrackKind::microphone;
+  document.sourceAudioDigest = std::string(64, 'a');
+  document.basedOnTimelineDigest = std::string(64, 'b');
+  document.cues.reserve(static_cast<std::size_t>(cueCount));
+  for (int i = 0; i < cueCount; ++i) {
+    std::int64_t start = i * 100'000'000LL;
+    CaptionCue cue;
+    cue.id = Uuid::random();
+    cue.start = {start};
+    cue.end = {start + 90'000'000};
+    if (i % 2 == 0) {
+      cue.text = " Hello big world number " + std::to_string(i) + " ";
+      cue.words = {{{start}, {start + 30'000'000}, "Hello"}, {{start + 30'000'000}, {start + 60'000'000}, "big"},
+                   {{start + 60'000'000}, {start + 90'000'000}, "world"}};
+      cue.highlights = {{"big", 1}};
+    } else {
+      cue.text = "\u3000字幕测试，第" + std::to_string(i) + "句 e\u0301 👨‍👩‍👧";
+      cue.words = {{{start}, {start + 45'000'000}, "字幕"}, {{start + 45'000'000}, {start + 90'000'000}, "测试"}};
+      cue.highlights = {{"测试", 1}};
+    }
+    document.cues.push_back(std::move(cue));
+  }
+  return document;
+}
+
+ProjectTime durationFor(int cueCount) { return {cueCount * 100'000'000LL + 1}; }
+
+void BM_CopyDocument(benchmark::State& state) {
+  CaptionDocument document = makeDocument(static_cast<int>(state.range(0)));
+  for (auto _ : state) {
+    CaptionDocument copy = document;
+    benchmark::DoNotOptimize(copy);
+  }
+  state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+
+void BM_EncodeDocument(benchmark::State& state) {
+  CaptionDocument document = makeDocument(static_cast<int>(state.range(0)));
+  for (auto _ : state) benchmark::DoNotOptimize(encodeCaptionDocument(document));
+  state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+
+void BM_Validate(benchmark::State& state) {
+  int cueCount = static_cast<int>(state.range(0));
+  CaptionDocument document = makeDocument(cueCount);
+  ProjectTime duration = durationFor(cueCount);
+  for (auto _ : state) benchmark::DoNotOptimize(document.validated(duration));
+  state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+
+void BM_ValidateLongCueTexts(benchmark::State& state) {
+  // Texts above the 2,000-character threshold go through ICU's grapheme rules.
+  CaptionDocument document = makeDocument(1000);
+  std::string longText;
+  for (int i = 0; i < 1000; ++i) longText += "字e\u0301";
+  for (auto& cue : document.cues) {
+    cue.text = longText;
+    cue.words.clear();
+    cue.highlights.clear();
+  }
+  for (auto _ : state) benchmark::DoNotOptimize(document.validated(durationFor(1000)));
+  state.SetItemsProcessed(state.iterations() * 1000);
+}
+
+BENCHMARK(BM_CopyDocument)->Arg(100'000)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_EncodeDocument)->Arg(100'000)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Validate)->Arg(1'000)->Arg(100'000)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ValidateLongCueTexts)->Unit(benchmark::kMillisecond);
+
+// Keeps every run's CPU time per iteration (the machines are shared, so wall time is noisier) so
+// that main can print the ratios.
+class RecordingReporter : public benchmark::ConsoleReporter {
+ public:
+  void ReportRuns(const std::vector<Run>& runs) override {
+    for (const auto& run : runs)
+      if (run.run_type == Run::RT_Iteration) times[run.benchmark_name()] = run.GetAdjustedCPUTime();
+    ConsoleReporter::ReportRuns(runs);
+  }
+  std::map<std::string, double> times;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  RecordingReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  benchmark::Shutdown();
+
+  auto& t = reporter.times;
+  auto ratio = [&](const char* label, const std::string& a, const std::string& b, double scale = 1.0) {
+    if (t.count(a) && t.count(b) && t[b] > 0) std::printf("%-52s %.2f\n", label, t[a] / t[b] * scale);
+  };
+  std::printf("\nRatios (same run):\n");
+  ratio("validate 100k cues / copy 100k cues", "BM_Validate/100000", "BM_CopyDocument/100000");
+  ratio("validate 100k cues / encode 100k cues", "BM_Validate/100000", "BM_EncodeDocument/100000");
+  ratio("time per cue at 100k / time per cue at 1k", "BM_Validate/100000", "BM_Validate/1000", 1000.0 / 100'000.0);
+  ratio("1k cues of 2,000 chars / 1k short cues", "BM_ValidateLongCueTexts", "BM_Validate/1000");
+  return 0;
+}
