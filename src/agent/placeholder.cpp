@@ -1,1 +1,0 @@
-int vumoagentPlaceholder = 0;  // removed once the area has real sources
