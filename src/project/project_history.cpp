@@ -22,7 +22,9 @@ std::string ProjectHistoryFiles::timelineFileName(std::chrono::system_clock::tim
 
 std::string ProjectHistoryFiles::captionFileName(std::chrono::system_clock::time_point now, const Uuid& id) {
   using namespace std::chrono;
-  double seconds = duration<double>(now.time_since_epoch()).count();
+  // Whole microseconds divided once: the double nearest to the decimal value, so the shortest
+  // text is that decimal and not a neighbour such as "…045.6780002".
+  double seconds = static_cast<double>(duration_cast<microseconds>(now.time_since_epoch()).count()) / 1e6;
   // fmt's "{}" is the shortest text that reads back as the same double.
   return fmt::format("{}-{}.json", seconds, id.string());
 }

@@ -1,0 +1,136 @@
+#include <gtest/gtest.h>
+
+#include "project/chunk_store.h"
+#include "project/cursor_asset_store.h"
+#include "project/media_probe.h"
+#include "project/project_store.h"
+#include "project_fixtures.h"
+#include "shared/files.h"
+#include "support/test_support.h"
+
+namespace vumo {
+namespace {
+
+namespace fs = std::filesystem;
+using project_testing::displaySource;
+using project_testing::runFFmpeg;
+using project_testing::StoreFixture;
+
+// Movies made once for the whole suite: a fragmented one (as a recorder that must survive a
+// crash writes them), a plain one whose index sits at the end, and a sound-only one.
+class RecoveryTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    movies_ = new testing::TemporaryDirectory;
+    const std::string video = "-f lavfi -i testsrc=duration=2:size=320x240:rate=30 -c:v mpeg4 -g 10 ";
+    ready_ = runFFmpeg(video + "-movflags frag_keyframe+empty_moov " + (movies_->path() / "fragmented.mov").string()) &&
+             runFFmpeg(video + (movies_->path() / "plain.mov").string()) &&
+             runFFmpeg("-f lavfi -i sine=duration=2 -c:a pcm_s16le " + (movies_->path() / "sound.mov").string());
+  }
+  static void TearDownTestSuite() {
+    delete movies_;
+    movies_ = nullptr;
+  }
+  void SetUp() override {
+    if (!ready_) GTEST_SKIP() << "the ffmpeg command line could not make test movies";
+  }
+
+  static std::string movie(const char* name) { return readFile(movies_->path() / name); }
+  static std::string firstHalf(const std::string& bytes) { return bytes.substr(0, bytes.size() / 2); }
+
+  // An unfinished package as a crash leaves it: media, chunks and cursor images, never finished.
+  ProjectPackage interruptedRecording(const std::string& media) {
+    auto created = f.store.createProject(displaySource(), RecordingOptions{}, {320, 240}, std::nullopt, std::nullopt);
+    writeFileAtomically(created.package.mediaURL(), media);
+    ChunkStore<MouseEvent> events(created.package.mouseEventsDirectory(), 500, standardChunkMaximumSpan,
+                                  [](const MouseEvent& e) { return e.time; });
+    for (int i = 0; i < 730; ++i) {
+      MouseEvent event;
+      event.time = ProjectTime::fromMilliseconds(i);
+      events.append(event);
+    }
+    events.flush();
+    ChunkStore<GeometrySample> geometry(created.package.geometryDirectory(), 500, standardChunkMaximumSpan,
+                                        [](const GeometrySample& g) { return g.time; });
+    GeometrySample sample;
+    sample.revision = 1;
+    geometry.append(sample);
+    sample.time = ProjectTime::fromMilliseconds(500);
+    sample.revision = 2;
+    geometry.append(sample);
+    geometry.flush();
+    // The chunk being written when the process died.
+    writeFileAtomically(created.package.mouseEventsDirectory() / "active.tmp", "[{\"time\":");
+    CursorAssetStore(created.package.cursorAssetsDirectory()).store("png", {16, 16}, {0, 0});
+    return created.package;
+  }
+
+  StoreFixture f;
+  static inline testing::TemporaryDirectory* movies_ = nullptr;
+  static inline bool ready_ = false;
+};
+
+TEST_F(RecoveryTest, TheMediaProbeReadsDurationAndVideoTracks) {
+  auto whole = MediaProbe::inspect(movies_->path() / "fragmented.mov");
+  ASSERT_TRUE(whole.has_value());
+  EXPECT_TRUE(whole->hasVideoTrack);
+  EXPECT_EQ(whole->duration, ProjectTime::fromMilliseconds(2'000));
+  auto sound = MediaProbe::inspect(movies_->path() / "sound.mov");
+  ASSERT_TRUE(sound.has_value());
+  EXPECT_FALSE(sound->hasVideoTrack);
+  EXPECT_FALSE(sound->isPlayableRecording());
+  EXPECT_FALSE(MediaProbe::inspect(movies_->path() / "missing.mov").has_value());
+}
+
+TEST_F(RecoveryTest, APackageWhoseMediaWasCutShortIsRecoveredWithWhatItsChunksHold) {
+  ProjectPackage package = interruptedRecording(firstHalf(movie("fragmented.mov")));
+  auto recoverable = f.store.recoverableProjects();
+  ASSERT_EQ(recoverable.size(), 1u);
+  EXPECT_EQ(recoverable[0].package, package);
+  ProjectTime duration = recoverable[0].mediaDuration;
+  EXPECT_GT(duration, ProjectTime::zero());
+  EXPECT_LT(duration, ProjectTime::fromMilliseconds(2'000));
+
+  ProjectPackage recovered = f.store.markRecovered(package, duration);
+  EXPECT_EQ(recovered.rootURL.filename().string(), recoverable[0].manifest.id.string() + ".vumo");
+  EXPECT_FALSE(fs::exists(package.rootURL));
+  ProjectManifest manifest = f.store.readManifest(recovered);
+  EXPECT_EQ(manifest.state, ProjectState::recovered);
+  EXPECT_EQ(manifest.duration, duration);
+  EXPECT_EQ(manifest.metrics.mouseEvents, 730);
+  EXPECT_EQ(manifest.metrics.geometryRevisions, 2);
+  EXPECT_EQ(manifest.metrics.writerStatus, "recoveredFragment");
+  ASSERT_TRUE(manifest.cursorAssets.has_value());
+  EXPECT_EQ(manifest.cursorAssets->size(), 1u);
+  EXPECT_TRUE(decodeDiagnosticReport(readFile(recovered.reportURL())).recovered);
+
+  // From now on an ordinary project: listed, found, and loaded with one clip over the media.
+  ASSERT_EQ(f.store.recentProjects().size(), 1u);
+  EXPECT_EQ(f.store.project(manifest.id.string().substr(0, 6)), recovered);
+  ProjectSnapshot snapshot = f.store.loadSnapshot(recovered);
+  EXPECT_EQ(snapshot.mouseEvents.size(), 730u);
+  ASSERT_EQ(snapshot.timeline.segments.size(), 1u);
+  EXPECT_EQ(snapshot.timeline.segments[0].sourceRange.duration, duration);
+  EXPECT_TRUE(f.store.recoverableProjects().empty());
+}
+
+TEST_F(RecoveryTest, PackagesWithoutPlayableVideoAreLeftWhereTheyAre) {
+  std::vector<ProjectPackage> unplayable = {
+      interruptedRecording(firstHalf(movie("plain.mov"))),  // the index at the end was never written
+      interruptedRecording(""),
+      interruptedRecording("not a movie at all"),
+      interruptedRecording(movie("sound.mov")),
+  };
+  ProjectPackage noManifest = interruptedRecording(movie("fragmented.mov"));
+  fs::remove(noManifest.manifestURL());
+  ProjectPackage noMedia = interruptedRecording(movie("fragmented.mov"));
+  fs::remove(noMedia.mediaURL());
+
+  EXPECT_TRUE(f.store.recoverableProjects().empty());
+  for (const auto& p : unplayable) EXPECT_TRUE(fs::exists(p.rootURL));
+  EXPECT_TRUE(fs::exists(noManifest.rootURL));
+  EXPECT_TRUE(f.store.recentProjects().empty());
+}
+
+}  // namespace
+}  // namespace vumo
