@@ -54,6 +54,7 @@ TimelineEditError::TimelineEditError(Case kind) : Error(describe(kind).key, "Edi
 
 EditTimeline TimelineEditEngine::split(const EditTimeline& timeline, ProjectTime sequenceTime, ProjectTime sourceDuration) {
   TimelineMapper mapper(timeline, sourceDuration);
+  if (!engine_support::isSnappable(sequenceTime)) throw TimelineEditError(Case::noSegmentAtPlayhead);
   auto mapped = mapper.mappedTimeForSequenceTime(Grid::nearestBoundary(sequenceTime));
   if (!mapped) throw TimelineEditError(Case::noSegmentAtPlayhead);
 
@@ -82,6 +83,7 @@ EditTimeline TimelineEditEngine::trimStart(const EditTimeline& timeline, const U
   ProjectTime end = segment->sourceRange.end();
   ProjectTime lowest = segment == result.segments.begin() ? ProjectTime::zero() : (segment - 1)->sourceRange.end();
   ProjectTime highest = end - Grid::minimumDuration;
+  if (!engine_support::isSnappable(sourceTime)) throw TimelineEditError(Case::trimOutsideHandles);
   ProjectTime start = Grid::nearestBoundary(sourceTime);
   if (start < lowest || start > highest) throw TimelineEditError(Case::trimOutsideHandles);
   segment->sourceRange = ProjectTimeRange::fromStartEnd(start, end);
@@ -96,6 +98,7 @@ EditTimeline TimelineEditEngine::trimEnd(const EditTimeline& timeline, const Uui
   ProjectTime start = segment->sourceRange.start;
   ProjectTime lowest = start + Grid::minimumDuration;
   ProjectTime highest = segment + 1 == result.segments.end() ? sourceDuration : (segment + 1)->sourceRange.start;
+  if (!engine_support::isSnappable(sourceTime)) throw TimelineEditError(Case::trimOutsideHandles);
   ProjectTime end = Grid::nearestBoundary(sourceTime);
   if (end < lowest || end > highest) throw TimelineEditError(Case::trimOutsideHandles);
   segment->sourceRange = ProjectTimeRange::fromStartEnd(start, end);
@@ -120,7 +123,9 @@ EditTimeline TimelineEditEngine::removeSourceRanges(const EditTimeline& timeline
   std::vector<Cut> cuts;
   for (const ProjectTimeRange& range : ranges) {
     std::int64_t rawEnd;
-    if (!tryAdd(range.start.nanoseconds, range.duration.nanoseconds, rawEnd)) throw TimelineEditError(Case::invalidRange);
+    if (!tryAdd(range.start.nanoseconds, range.duration.nanoseconds, rawEnd) || !engine_support::isSnappable(range.start) ||
+        !engine_support::isSnappable({rawEnd}))
+      throw TimelineEditError(Case::invalidRange);
     // Each edge is snapped on its own, so a range between two grid lines vanishes.
     ProjectTime start = Grid::nearestBoundary(range.start);
     ProjectTime end = Grid::nearestBoundary({rawEnd});

@@ -169,6 +169,12 @@ EditTimeline withFullscreenUpdate(const EditTimeline& timeline, const Uuid& id, 
   return engine_support::validated(std::move(result), sourceDuration);
 }
 
+// A requested edge on the grid. Far-out requests are clamped first; the edge is clamped to its
+// neighbours afterwards anyway.
+ProjectTime snappedRequest(ProjectTime time) {
+  return TimelineFrameGrid::nearestBoundary(engine_support::clampedForSnapping(time));
+}
+
 double clampDiameter(double diameter) {
   return clampLowerWins(diameter, TimelineEffectEngine::minimumWebcamDiameter, TimelineEffectEngine::maximumWebcamDiameter);
 }
@@ -216,7 +222,7 @@ EditTimeline TimelineEffectEngine::updateZoomStart(const EditTimeline& timeline,
     ProjectTime lowest = around.previous ? TimelineFrameGrid::ceilingBoundary(around.previous->endTime) : ProjectTime::zero();
     ProjectTime highest = TimelineFrameGrid::floorBoundary(
         std::max(zoom.endTime - TimelineFrameGrid::minimumDuration, ProjectTime::zero()));
-    ProjectTime start = clampLowerWins(TimelineFrameGrid::nearestBoundary(startTime), lowest, highest);
+    ProjectTime start = clampLowerWins(snappedRequest(startTime), lowest, highest);
     fitRamps(zoom, start, zoom.endTime);
   });
 }
@@ -226,7 +232,7 @@ EditTimeline TimelineEffectEngine::updateZoomEnd(const EditTimeline& timeline, c
   return withZoomUpdate(timeline, id, sourceDuration, [&](ZoomSegment& zoom, const Neighbours<ZoomSegment>& around) {
     ProjectTime lowest = TimelineFrameGrid::ceilingBoundary(zoom.startTime + TimelineFrameGrid::minimumDuration);
     ProjectTime highest = TimelineFrameGrid::floorBoundary(around.next ? around.next->startTime : sourceDuration);
-    ProjectTime end = clampLowerWins(TimelineFrameGrid::nearestBoundary(endTime), lowest, highest);
+    ProjectTime end = clampLowerWins(snappedRequest(endTime), lowest, highest);
     fitRamps(zoom, zoom.startTime, end);
   });
 }
@@ -269,8 +275,12 @@ bool TimelineEffectEngine::hasSameZoomConfiguration(const std::vector<ZoomSegmen
 
 EditTimeline TimelineEffectEngine::addWebcamFullscreen(const EditTimeline& timeline, ProjectTimeRange range,
                                                        ProjectTime sourceDuration) {
+  std::int64_t rawEnd;
+  if (!tryAdd(range.start.nanoseconds, range.duration.nanoseconds, rawEnd) || !engine_support::isSnappable(range.start) ||
+      !engine_support::isSnappable({rawEnd}))
+    throw TimelineEffectError(Case::webcamFullscreenRangeInvalid);
   ProjectTime start = TimelineFrameGrid::nearestBoundary(range.start);
-  ProjectTime end = TimelineFrameGrid::nearestBoundary(range.end());
+  ProjectTime end = TimelineFrameGrid::nearestBoundary({rawEnd});
   if (start < ProjectTime::zero() || end > sourceDuration || !lastsAtLeast(start, end, minimumWebcamFullscreenDuration))
     throw TimelineEffectError(Case::webcamFullscreenRangeInvalid);
   EditTimeline result = timeline;
@@ -296,7 +306,7 @@ EditTimeline TimelineEffectEngine::updateWebcamFullscreenStart(const EditTimelin
         ProjectTime lowest = around.previous ? TimelineFrameGrid::ceilingBoundary(around.previous->endTime) : ProjectTime::zero();
         ProjectTime highest = TimelineFrameGrid::floorBoundary(
             std::max(segment.endTime - minimumWebcamFullscreenDuration, ProjectTime::zero()));
-        segment.startTime = clampLowerWins(TimelineFrameGrid::nearestBoundary(startTime), lowest, highest);
+        segment.startTime = clampLowerWins(snappedRequest(startTime), lowest, highest);
       });
 }
 
@@ -306,7 +316,7 @@ EditTimeline TimelineEffectEngine::updateWebcamFullscreenEnd(const EditTimeline&
       timeline, id, sourceDuration, [&](WebcamFullscreenSegment& segment, const Neighbours<WebcamFullscreenSegment>& around) {
         ProjectTime lowest = TimelineFrameGrid::ceilingBoundary(segment.startTime + minimumWebcamFullscreenDuration);
         ProjectTime highest = TimelineFrameGrid::floorBoundary(around.next ? around.next->startTime : sourceDuration);
-        segment.endTime = clampLowerWins(TimelineFrameGrid::nearestBoundary(endTime), lowest, highest);
+        segment.endTime = clampLowerWins(snappedRequest(endTime), lowest, highest);
       });
 }
 

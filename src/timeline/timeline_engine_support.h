@@ -3,6 +3,7 @@
 // Small pieces shared by the editing engines of this folder.
 
 #include <algorithm>
+#include <cstdint>
 #include <vector>
 
 #include "shared/project_time.h"
@@ -15,6 +16,19 @@ namespace vumo::engine_support {
 inline EditTimeline validated(EditTimeline timeline, ProjectTime sourceDuration) {
   TimelineValidator::validate(timeline, sourceDuration);
   return timeline;
+}
+
+// Requested times come from users and agents. Snapping a time to the grid beyond about 146 years
+// from zero could leave the 64-bit range and stop the process, and no recording reaches that far,
+// so such times are refused (or, where a clamp to the source follows anyway, clamped) first.
+constexpr std::int64_t snappableLimitNanoseconds = std::int64_t{1} << 62;
+
+inline bool isSnappable(ProjectTime time) {
+  return time.nanoseconds >= -snappableLimitNanoseconds && time.nanoseconds <= snappableLimitNanoseconds;
+}
+
+inline ProjectTime clampedForSnapping(ProjectTime time) {
+  return {std::clamp(time.nanoseconds, -snappableLimitNanoseconds, snappableLimitNanoseconds)};
 }
 
 // Like std::clamp, but defined when the bounds cross: the lower bound wins, and validation then

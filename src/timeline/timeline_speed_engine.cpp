@@ -38,7 +38,9 @@ CaseText describe(Case kind) {
 // The range with both edges on the grid; an end that does not fit in 64 bits is invalidRange.
 std::pair<ProjectTime, ProjectTime> snappedEdges(const ProjectTimeRange& range) {
   std::int64_t end;
-  if (!tryAdd(range.start.nanoseconds, range.duration.nanoseconds, end)) throw TimelineSpeedError(Case::invalidRange);
+  if (!tryAdd(range.start.nanoseconds, range.duration.nanoseconds, end) || !engine_support::isSnappable(range.start) ||
+      !engine_support::isSnappable({end}))
+    throw TimelineSpeedError(Case::invalidRange);
   return {Grid::nearestBoundary(range.start), Grid::nearestBoundary({end})};
 }
 

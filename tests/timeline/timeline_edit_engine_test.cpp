@@ -225,6 +225,21 @@ TEST(TimelineEditEngineCutTest, OrphanedAnnotationsGoAndStraddlingOnesStayWhole)
   EXPECT_EQ(result.annotations[1].id, untouched.id);
 }
 
+TEST(TimelineEditEngineTest, ExtremeTimesAreRefusedNotOverflowed) {
+  EditTimeline timeline = timelineOf({clip(ms(0), ms(4'000)), clip(ms(6'000), ms(10'000))});
+  const Uuid id = timeline.segments[0].id;
+  for (ProjectTime extreme : {ns(INT64_MAX), ns(INT64_MIN), ns(INT64_MAX / 2)}) {
+    SCOPED_TRACE(extreme.nanoseconds);
+    expectEditError([&] { TimelineEditEngine::split(timeline, extreme, source); }, EditCase::noSegmentAtPlayhead);
+    expectEditError([&] { TimelineEditEngine::trimStart(timeline, id, extreme, source); }, EditCase::trimOutsideHandles);
+    expectEditError([&] { TimelineEditEngine::trimEnd(timeline, id, extreme, source); }, EditCase::trimOutsideHandles);
+    expectEditError([&] { TimelineEditEngine::removeSourceRanges(timeline, {{extreme, ms(1)}}, source); },
+                    EditCase::invalidRange);
+  }
+  expectEditError([&] { TimelineEditEngine::removeSourceRanges(timeline, {{ms(0), ns(INT64_MAX / 2)}}, source); },
+                  EditCase::invalidRange);
+}
+
 TEST(TimelineEditEngineTest, ValidationErrorsOfTheResultPassThrough) {
   // The input's annotation is out of the source: the engine reports the validator's error.
   EditTimeline timeline = timelineOf({clip(ms(0), ms(10'000))});

@@ -199,6 +199,25 @@ TEST(TimelineEffectZoomEditTest, EdgesStopAtTheNeighbours) {
                     EffectCase::zoomNotFound);
 }
 
+TEST(TimelineEffectZoomEditTest, ExtremeRequestsAreClampedToTheNeighbours) {
+  EditTimeline timeline = timelineOf({clip(ms(0), ms(10'000))});
+  timeline.zooms = {zoom(ms(2'000), ms(2'500), ms(4'000), ms(5'000))};
+  const Uuid id = timeline.zooms[0].id;
+  EXPECT_EQ(TimelineEffectEngine::updateZoomStart(timeline, id, ns(INT64_MIN), source).zooms[0].startTime, ms(0));
+  EXPECT_EQ(TimelineEffectEngine::updateZoomEnd(timeline, id, ns(INT64_MAX), source).zooms[0].endTime, source);
+
+  EditTimeline camera = withCamera();
+  expectEffectError([&] { TimelineEffectEngine::addWebcamFullscreen(camera, {ms(1'000), ns(INT64_MAX)}, source); },
+                    EffectCase::webcamFullscreenRangeInvalid);
+  expectEffectError([&] { TimelineEffectEngine::addWebcamFullscreen(camera, {ns(INT64_MIN), ms(1'000)}, source); },
+                    EffectCase::webcamFullscreenRangeInvalid);
+  camera = TimelineEffectEngine::addWebcamFullscreen(camera, span(ms(1'000), ms(2'000)), source);
+  EXPECT_EQ(TimelineEffectEngine::updateWebcamFullscreenEnd(camera, camera.webcamFullscreenSegments[0].id, ns(INT64_MAX), source)
+                .webcamFullscreenSegments[0]
+                .endTime,
+            source);
+}
+
 TEST(TimelineEffectZoomEditTest, ScaleAndFocusAreClampedSoTheViewStaysInTheFrame) {
   EditTimeline timeline = timelineOf({clip(ms(0), ms(10'000))});
   timeline.zooms = {zoom(ms(1'000), ms(1'500), ms(3'000), ms(4'000), 2.0, {0.25, 0.75})};

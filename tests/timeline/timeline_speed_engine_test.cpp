@@ -52,6 +52,7 @@ TEST(TimelineSpeedEngineNormalizeTest, RefusesBadRatesShortRangesAndConflicts) {
       {"above 4", {change(ms(0), ms(1'000), 4010)}, SpeedCase::invalidRate},
       {"not a step of 0.01", {change(ms(0), ms(1'000), 1005)}, SpeedCase::invalidRate},
       {"under a frame after snapping", {change(ms(1'001), ms(1'006), 2000)}, SpeedCase::invalidRange},
+      {"far beyond any recording", {change(ns(INT64_MAX - 100), ns(INT64_MAX), 2000)}, SpeedCase::invalidRange},
       {"backwards", {TimelineSpeedChange{ProjectTimeRange{ms(2'000), ms(-1'000)}, {2000}}}, SpeedCase::invalidRange},
       {"overlap with another rate", {change(ms(0), ms(2'000), 2000), change(ms(1'000), ms(3'000), 1500)},
        SpeedCase::conflictingRanges},
@@ -132,6 +133,8 @@ TEST(TimelineSpeedEngineSetRateTest, RefusesRangesOutsideTheSourceOrAcrossACut) 
       {"beyond the source", {2000}, span(ms(9'000), ms(10'100)), SpeedCase::invalidRange},
       {"under a frame", {2000}, span(ms(1'000), ms(1'005)), SpeedCase::invalidRange},
       {"end overflows", {2000}, {ms(1'000), ns(INT64_MAX)}, SpeedCase::invalidRange},
+      {"far beyond any recording", {2000}, {ns(INT64_MAX - 5), ms(1)}, SpeedCase::invalidRange},
+      {"far before zero", {2000}, {ns(INT64_MIN), ms(1'000)}, SpeedCase::invalidRange},
       {"across the cut", {2000}, span(ms(2'000), ms(6'000)), SpeedCase::rangeOutsideRetainedContent},
       {"inside the cut", {2000}, span(ms(3'500), ms(4'500)), SpeedCase::rangeOutsideRetainedContent},
   };
