@@ -7,8 +7,11 @@
 
 #include "cli/agent_help_catalog.h"
 #include "cli/cli_argument_parser.h"
+#include "agent/timeline_plan_engine.h"
 #include "cli/cli_errors.h"
+#include "cli/project_command_service.h"
 #include "cli/system_capability_inspector.h"
+#include "project/project_store.h"
 #include "shared/files.h"
 
 namespace vumo {
@@ -73,39 +76,42 @@ int VumoCLI::run(const std::vector<std::string>& arguments) {
 }
 
 Json VumoCLI::execute(const CLICommand& command) {
-  // Every command but help gets the projects folder, so it exists after any command.
-  createDirectories(vumoSupportDirectory() / "Projects");
+  // Every command but help gets the store, so the projects folder exists after any command.
+  ProjectStore store;
+  ProjectCommandService service(store);
   return std::visit(
       [&](const auto& request) -> Json {
         using T = std::decay_t<decltype(request)>;
         if constexpr (std::is_same_v<T, CLICommand::SystemInfo>) {
           return SystemCapabilityInspector::inspect();
+        } else if constexpr (std::is_same_v<T, CLICommand::List>) {
+          return service.list();
+        } else if constexpr (std::is_same_v<T, CLICommand::Describe>) {
+          return service.describe(request.projectID);
+        } else if constexpr (std::is_same_v<T, CLICommand::History>) {
+          return service.history(request.projectID);
+        } else if constexpr (std::is_same_v<T, CLICommand::CaptionsRead>) {
+          return service.readCaptions(request.projectID);
+        } else if constexpr (std::is_same_v<T, CLICommand::Mutate>) {
+          return service.mutate(request.request);
+        } else if constexpr (std::is_same_v<T, CLICommand::EditPlanPrepare>) {
+          return service.prepareEditPlan(request.projectID);
+        } else if constexpr (std::is_same_v<T, CLICommand::EditPlan>) {
+          return service.executeEditPlan(request.request);
         } else if constexpr (std::is_same_v<T, CLICommand::Frame>) {
           prepareOutput(request.outputURL, request.replace);
+          service.load(request.projectID);
           throw CLIUnavailableError("Rendering a frame");
-        } else if constexpr (std::is_same_v<T, CLICommand::Help>) {
-          throw CLIUnavailableError("Help");  // handled before any store exists
-        } else if constexpr (std::is_same_v<T, CLICommand::List>) {
-          throw CLIUnavailableError("Listing projects");
-        } else if constexpr (std::is_same_v<T, CLICommand::Describe>) {
-          throw CLIUnavailableError("Describing a project");
         } else if constexpr (std::is_same_v<T, CLICommand::Idle>) {
           throw CLIUnavailableError("Idle analysis");
-        } else if constexpr (std::is_same_v<T, CLICommand::History>) {
-          throw CLIUnavailableError("Timeline history");
-        } else if constexpr (std::is_same_v<T, CLICommand::CaptionsRead>) {
-          throw CLIUnavailableError("Reading captions");
         } else if constexpr (std::is_same_v<T, CLICommand::CaptionsPrepare>) {
           throw CLIUnavailableError("Caption preparation");
         } else if constexpr (std::is_same_v<T, CLICommand::CaptionsGenerate>) {
           throw CLIUnavailableError("Cloud caption generation");
         } else if constexpr (std::is_same_v<T, CLICommand::CaptionsImport>) {
           throw CLIUnavailableError("Caption import");
-        } else if constexpr (std::is_same_v<T, CLICommand::EditPlanPrepare> ||
-                             std::is_same_v<T, CLICommand::EditPlan>) {
-          throw CLIUnavailableError("Edit plans");
-        } else if constexpr (std::is_same_v<T, CLICommand::Mutate>) {
-          throw CLIUnavailableError("Editing a project");
+        } else if constexpr (std::is_same_v<T, CLICommand::Help>) {
+          throw CLIUnavailableError("Help");  // answered before any store exists
         } else {
           static_assert(alwaysFalse<T>, "every command needs a dispatch");
         }
@@ -144,7 +150,15 @@ CLIClassification VumoCLI::classify(const std::exception& error) {
   return {"execution", CLIExitCode::failure};
 }
 
-std::optional<CLIValidationDetails> VumoCLI::validationDetails(const std::exception&) { return std::nullopt; }
+std::optional<CLIValidationDetails> VumoCLI::validationDetails(const std::exception& error) {
+  const auto* plan = dynamic_cast<const TimelinePlanError*>(&error);
+  if (plan == nullptr || plan->kind() != TimelinePlanError::Case::zoomOutsideRetainedContent) return std::nullopt;
+  CLIValidationDetails details;
+  details.requestedRange = CLIRange::from(plan->range());
+  if (plan->zoomID()) details.zoomID = plan->zoomID()->string();
+  for (const auto& cut : plan->normalizedCuts()) details.normalizedCuts.push_back(CLIRange::from(cut));
+  return details;
+}
 
 void VumoCLI::prepareOutput(const std::filesystem::path& url, bool replace) {
   if (!url.is_absolute()) throw CLIArgumentError::invalidValue("--out");

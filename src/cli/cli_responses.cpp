@@ -1,0 +1,178 @@
+#include "cli/cli_responses.h"
+
+namespace vumo {
+
+void to_json(Json& j, const CLIProjectSummary& v) {
+  j = Json{{"id", v.id},         {"title", v.title},         {"packagePath", v.packagePath},
+           {"durationMilliseconds", v.durationMilliseconds}, {"hasWebcam", v.hasWebcam},
+           {"updatedAt", v.updatedAt}};
+}
+
+void to_json(Json& j, const CLISegmentDescription& v) {
+  j = Json{{"id", v.id},
+           {"sourceStartMilliseconds", v.sourceStartMilliseconds},
+           {"sourceEndMilliseconds", v.sourceEndMilliseconds},
+           {"sequenceStartMilliseconds", v.sequenceStartMilliseconds},
+           {"sequenceEndMilliseconds", v.sequenceEndMilliseconds},
+           {"playbackRate", v.playbackRate}};
+}
+
+void to_json(Json& j, const CLIZoomDescription& v) {
+  j = Json{{"index", v.index},
+           {"id", v.id},
+           {"sourceStartMilliseconds", v.sourceStartMilliseconds},
+           {"sourceEndMilliseconds", v.sourceEndMilliseconds},
+           {"focusX", v.focusX},
+           {"focusY", v.focusY},
+           {"scale", v.scale}};
+}
+
+void to_json(Json& j, const CLISpeedDescription& v) {
+  j = Json{{"sourceStartMilliseconds", v.sourceStartMilliseconds},
+           {"sourceEndMilliseconds", v.sourceEndMilliseconds},
+           {"playbackRate", v.playbackRate}};
+}
+
+void to_json(Json& j, const CLISpanDescription& v) {
+  j = Json{{"sourceStartMilliseconds", v.sourceStartMilliseconds},
+           {"sourceEndMilliseconds", v.sourceEndMilliseconds},
+           {"sequenceRanges", v.sequenceRanges}};
+}
+
+void to_json(Json& j, const CLIProjectDescription& v) {
+  j = Json{{"protocolVersion", v.protocolVersion},
+           {"id", v.id},
+           {"packagePath", v.packagePath},
+           {"manifestVersion", v.manifestVersion},
+           {"timelineSchema", v.timelineSchema},
+           {"state", v.state},
+           {"sourceWidth", v.sourceWidth},
+           {"sourceHeight", v.sourceHeight},
+           {"sourceDurationMilliseconds", v.sourceDurationMilliseconds},
+           {"sequenceDurationMilliseconds", v.sequenceDurationMilliseconds},
+           {"segments", v.segments},
+           {"zooms", v.zooms},
+           {"canvas", v.canvas},
+           {"cursor", v.cursor},
+           {"audio", v.audio},
+           {"tracks", v.tracks},
+           {"clickMilliseconds", v.clickMilliseconds},
+           {"captionCueCount", v.captionCueCount},
+           {"timelineDigest", v.timelineDigest}};
+  json::setOptional(j, "webcam", v.webcam);
+  json::setOptional(j, "captionLanguage", v.captionLanguage);
+}
+
+void to_json(Json& j, const CLIHistoryEntry& v) {
+  j = Json{{"index", v.index}, {"fileName", v.fileName}, {"timelineDigest", v.timelineDigest}};
+}
+
+void to_json(Json& j, const CLIHistoryResponse& v) {
+  j = Json{{"protocolVersion", v.protocolVersion}, {"projectID", v.projectID}, {"entries", v.entries}};
+}
+
+void to_json(Json& j, const CLITimelineSummary& v) {
+  j = Json{{"sequenceDurationMilliseconds", v.sequenceDurationMilliseconds},
+           {"segmentCount", v.segmentCount},
+           {"speedSegmentCount", v.speedSegmentCount},
+           {"zoomCount", v.zoomCount},
+           {"canvas", v.canvas},
+           {"cursor", v.cursor},
+           {"audio", v.audio}};
+  json::setOptional(j, "webcam", v.webcam);
+}
+
+void to_json(Json& j, const CLIZoomReconciliationDescription& v) {
+  j = Json{{"zoomID", v.zoomID}, {"originalRange", v.originalRange}, {"action", v.action}, {"resultingRanges", v.resultingRanges}};
+}
+
+void to_json(Json& j, const CLIMutationResponse& v) {
+  j = Json{{"protocolVersion", v.protocolVersion},
+           {"applied", v.applied},
+           {"projectID", v.projectID},
+           {"timelineDigest", v.timelineDigest},
+           {"before", v.before},
+           {"after", v.after},
+           {"normalizedCuts", v.normalizedCuts},
+           {"zoomReconciliations", v.zoomReconciliations},
+           {"warnings", v.warnings}};
+  json::setOptional(j, "resultingDigest", v.resultingDigest);
+  json::setOptional(j, "confirmationArguments", v.confirmationArguments);
+}
+
+void to_json(Json& j, const CLICaptionWordDescription& v) {
+  j = Json{{"startMilliseconds", v.startMilliseconds}, {"endMilliseconds", v.endMilliseconds}, {"text", v.text}};
+}
+
+void to_json(Json& j, const CLICaptionHighlightDescription& v) {
+  j = Json{{"text", v.text}, {"occurrence", v.occurrence}};
+}
+
+void to_json(Json& j, const CLICaptionCueDescription& v) {
+  j = Json{{"id", v.id},
+           {"sourceStartMilliseconds", v.sourceStartMilliseconds},
+           {"sourceEndMilliseconds", v.sourceEndMilliseconds},
+           {"sequenceRanges", v.sequenceRanges},
+           {"text", v.text},
+           {"words", v.words},
+           {"highlights", v.highlights}};
+}
+
+void to_json(Json& j, const CLICaptionReadResponse& v) {
+  j = Json{{"protocolVersion", v.protocolVersion}, {"projectID", v.projectID},         {"timeDomain", v.timeDomain},
+           {"timelineDigest", v.timelineDigest},   {"captionsDigest", v.captionsDigest}, {"cues", v.cues}};
+  json::setOptional(j, "language", v.language);
+  json::setOptional(j, "sourceTrack", v.sourceTrack);
+  json::setOptional(j, "hint", v.hint);
+}
+
+}  // namespace vumo
+
+namespace vumo {
+
+void to_json(Json& j, const CLICaptionImpactDescription& v) {
+  j = Json{{"cueID", v.cueID}, {"kind", v.kind}, {"affectedCutRanges", v.affectedCutRanges}, {"hasWordTimings", v.hasWordTimings}};
+}
+
+void to_json(Json& j, const CLIEditPlanOperationDescription& v) {
+  j = Json{{"index", v.index}, {"type", v.type}};
+  json::setOptional(j, "range", v.range);
+  json::setOptional(j, "level", v.level);
+  json::setOptional(j, "rate", v.rate);
+  json::setOptional(j, "focusX", v.focusX);
+  json::setOptional(j, "focusY", v.focusY);
+  json::setOptional(j, "values", v.values);
+  json::setOptional(j, "reason", v.reason);
+}
+
+void to_json(Json& j, const CLIEditPlanPreparationResponse& v) {
+  j = Json{{"protocolVersion", v.protocolVersion}, {"projectID", v.projectID},
+           {"jobID", v.jobID},                     {"planPath", v.planPath},
+           {"timeDomain", v.timeDomain},           {"timelineDigest", v.timelineDigest},
+           {"captionsDigest", v.captionsDigest},   {"example", v.example},
+           {"instructions", v.instructions}};
+}
+
+void to_json(Json& j, const CLIEditPlanResponse& v) {
+  j = Json{{"protocolVersion", v.protocolVersion},
+           {"applied", v.applied},
+           {"projectID", v.projectID},
+           {"jobID", v.jobID},
+           {"timelineDigest", v.timelineDigest},
+           {"captionsDigest", v.captionsDigest},
+           {"planDigest", v.planDigest},
+           {"before", v.before},
+           {"after", v.after},
+           {"operations", v.operations},
+           {"normalizedCuts", v.normalizedCuts},
+           {"normalizedSpeedChanges", v.normalizedSpeedChanges},
+           {"zoomReconciliations", v.zoomReconciliations},
+           {"captionImpacts", v.captionImpacts},
+           {"fullyRemovedCaptionIDs", v.fullyRemovedCaptionIDs},
+           {"splitCaptionIDs", v.splitCaptionIDs},
+           {"warnings", v.warnings}};
+  json::setOptional(j, "resultingDigest", v.resultingDigest);
+  json::setOptional(j, "confirmationArguments", v.confirmationArguments);
+}
+
+}  // namespace vumo
