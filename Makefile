@@ -19,7 +19,7 @@ test: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
 
 demo: build
-	bash scripts/demo $(BUILD)/src/app/vumo
+	bash scripts/demo $(BUILD)
 
 bench: configure
 	cmake --build $(BUILD) -j $(JOBS) --target benchmarks
