@@ -324,8 +324,19 @@ TimelinePlanResult TimelinePlanEngine::apply(const TimelineEditPlan& plan, const
   }
 
   if (!plan.speedChanges.empty()) {
-    TimelineSpeedApplication speed = TimelineSpeedEngine::applying(plan.speedChanges, current, sourceDuration);
+    // Speed changes touch clips only, but the speed engine validates the whole document after
+    // every change. The zooms and annotations ride along unchanged, so they are set aside for the
+    // duration (and checked with everything else at the end) instead of being revalidated
+    // hundreds of times in a large plan.
+    EditTimeline clips = std::move(current);
+    std::vector<ZoomSegment> zooms = std::move(clips.zooms);
+    std::vector<AnnotationElement> annotations = std::move(clips.annotations);
+    clips.zooms.clear();
+    clips.annotations.clear();
+    TimelineSpeedApplication speed = TimelineSpeedEngine::applying(plan.speedChanges, clips, sourceDuration);
     current = std::move(speed.timeline);
+    current.zooms = std::move(zooms);
+    current.annotations = std::move(annotations);
     result.normalizedSpeedChanges = std::move(speed.normalizedChanges);
   }
 
@@ -360,6 +371,7 @@ TimelinePlanResult TimelinePlanEngine::apply(const TimelineEditPlan& plan, const
     std::vector<PlannedZoom> planned = plan.zooms;
     std::stable_sort(planned.begin(), planned.end(),
                      [](const PlannedZoom& a, const PlannedZoom& b) { return a.range.start < b.range.start; });
+    sortZooms(current.zooms);
     for (const PlannedZoom& zoom : planned) {
       std::int64_t rawEnd;
       if (!tryAdd(zoom.range.start.nanoseconds, zoom.range.duration.nanoseconds, rawEnd))
@@ -368,9 +380,16 @@ TimelinePlanResult TimelinePlanEngine::apply(const TimelineEditPlan& plan, const
       if (zoom.range.duration > ProjectTime::zero() && !isRetainedEntirely(zoom.range, current))
         throw TimelinePlanError::zoomOutsideRetainedContent(zoom.range, std::nullopt, cuts);
       PointValue focus = zoom.focus ? *zoom.focus : clickFocus(clickEvents, zoom.range);
-      current.zooms.push_back(makeZoom(zoom.range.start, {rawEnd}, focus, zoom.scale, sourceDuration));
-      sortZooms(current.zooms);
-      TimelineEffectEngine::validate(current, sourceDuration);
+      ZoomSegment added = makeZoom(zoom.range.start, {rawEnd}, focus, zoom.scale, sourceDuration);
+      // The zooms are sorted and valid and the new one is valid by construction, so a check
+      // against its two neighbours is what a full effect validation would find: an overlap.
+      // The whole document is validated at the end.
+      auto position = std::upper_bound(current.zooms.begin(), current.zooms.end(), added.startTime,
+                                       [](ProjectTime start, const ZoomSegment& z) { return start < z.startTime; });
+      bool overlapsBefore = position != current.zooms.begin() && added.startTime < std::prev(position)->endTime;
+      bool overlapsAfter = position != current.zooms.end() && position->startTime < added.endTime;
+      if (overlapsBefore || overlapsAfter) throw TimelineEffectError(TimelineEffectError::Case::zoomOverlap);
+      current.zooms.insert(position, added);
     }
   }
 
