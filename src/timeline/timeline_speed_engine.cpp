@@ -82,7 +82,9 @@ std::vector<TimelineSpeedChange> TimelineSpeedEngine::normalized(const std::vect
 EditTimeline TimelineSpeedEngine::settingRate(TimelinePlaybackRate rate, const ProjectTimeRange& range,
                                               const EditTimeline& timeline, ProjectTime sourceDuration) {
   if (!rate.isValid()) throw TimelineSpeedError(Case::invalidRate);
-  auto [lower, upper] = snappedEdges(range);
+  const auto edges = snappedEdges(range);
+  const ProjectTime lower = edges.first;
+  const ProjectTime upper = edges.second;
   if (!lastsAFrame(lower, upper) || lower < ProjectTime::zero() || upper > sourceDuration)
     throw TimelineSpeedError(Case::invalidRange);
 
