@@ -79,11 +79,22 @@ bool hasValidGeometry(const AnnotationElement& annotation) {
   return r.x >= 0 && r.y >= 0 && r.width >= 0.02 && r.height >= 0.02 && r.x + r.width <= 1 && r.y + r.height <= 1;
 }
 
+// Every cluster holds at least one code point, so the break iterator (costly to create) is only
+// needed for texts with more code points than the limit.
+bool hasAtMostGraphemes(std::string_view utf8, std::size_t limit) {
+  if (utf8.size() <= limit) return true;
+  std::size_t codePoints = 0;
+  for (char c : utf8)
+    if ((static_cast<unsigned char>(c) & 0xC0) != 0x80) ++codePoints;
+  if (codePoints <= limit) return true;
+  return graphemeCount(utf8) <= limit;
+}
+
 bool hasValidStyle(const AnnotationElement& annotation) {
   if (annotation.kind == AnnotationKind::text) {
     if (!annotation.textStyle) return false;
     if (!within(annotation.textStyle->fontSize, 12, 240)) return false;
-    if (graphemeCount(annotation.textStyle->content) > TimelineValidator::maximumTextGraphemes) return false;
+    if (!hasAtMostGraphemes(annotation.textStyle->content, TimelineValidator::maximumTextGraphemes)) return false;
   }
   if (!within(annotation.cornerRadius, 0, 1)) return false;
   if (!within(annotation.lineWidth, 0.001, 0.05)) return false;
