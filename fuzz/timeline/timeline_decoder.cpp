@@ -21,7 +21,8 @@ using namespace vumo;
   std::abort();
 }
 
-// The source durations tried: none, a typical one, and one that every clip of the document fits.
+// The source durations tried: none, a typical one, one that every clip of the document fits, and
+// the largest there is.
 std::int64_t coveringDuration(const EditTimeline& timeline) {
   std::int64_t end = 0;
   for (const auto& segment : timeline.segments) {
@@ -76,7 +77,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (!(again == timeline)) fail("a decoded timeline changed on writing and reading");
 
   const bool hasWebcam = size % 2 == 1;
-  for (std::int64_t duration : {std::int64_t{0}, std::int64_t{60'000'000'000}, coveringDuration(timeline)}) {
+  for (std::int64_t duration : {std::int64_t{0}, std::int64_t{60'000'000'000}, coveringDuration(timeline),
+                                std::numeric_limits<std::int64_t>::max()}) {
     exercise(timeline, ProjectTime{duration});
     EditTimeline normal = timeline.normalized(ProjectTime{duration}, hasWebcam);
     exercise(normal, ProjectTime{duration});

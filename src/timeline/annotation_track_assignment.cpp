@@ -1,7 +1,10 @@
 #include "timeline/annotation_track_assignment.h"
 
 #include <algorithm>
+#include <functional>
 #include <numeric>
+#include <queue>
+#include <set>
 #include <unordered_map>
 
 namespace vumo {
@@ -19,27 +22,36 @@ std::vector<AnnotationElement> AnnotationTrackAssignment::reflow(const std::vect
     return a.id < b.id;
   });
 
-  std::vector<ProjectTime> laneEnds;
+  // Starts only grow in this order, so a lane whose end is not after the current start stays free
+  // for every later annotation until it is taken again. Busy lanes wait in a heap by end time and
+  // move to the free set once the start passes them: O(n log n), even for a hostile document.
+  using BusyLane = std::pair<ProjectTime, std::size_t>;  // end time, lane
+  std::priority_queue<BusyLane, std::vector<BusyLane>, std::greater<>> busy;
+  std::set<std::size_t> free;
+  std::size_t laneCount = 0;
   std::unordered_map<Uuid, std::int64_t> laneByID;
   laneByID.reserve(annotations.size());
   for (std::size_t index : order) {
     const AnnotationElement& annotation = annotations[index];
-    // An annotation stays in its own lane whenever that lane is free, so a reflow after an edit
-    // moves as little as possible.
-    std::size_t preferred = static_cast<std::size_t>(std::max<std::int64_t>(annotation.trackIndex, 0));
-    std::size_t lane = laneEnds.size();
-    if (preferred < laneEnds.size() && laneEnds[preferred] <= annotation.startTime) {
-      lane = preferred;
-    } else {
-      for (std::size_t candidate = 0; candidate < laneEnds.size(); ++candidate) {
-        if (laneEnds[candidate] <= annotation.startTime) {
-          lane = candidate;
-          break;
-        }
-      }
+    while (!busy.empty() && busy.top().first <= annotation.startTime) {
+      free.insert(busy.top().second);
+      busy.pop();
     }
-    if (lane == laneEnds.size()) laneEnds.push_back(annotation.endTime);
-    else laneEnds[lane] = annotation.endTime;
+    // An annotation stays in its own lane whenever that lane is free, so a reflow after an edit
+    // moves as little as possible; otherwise it takes the lowest free lane, or opens one.
+    const std::int64_t preferred = std::max<std::int64_t>(annotation.trackIndex, 0);
+    std::size_t lane;
+    if (auto it = free.find(static_cast<std::size_t>(preferred));
+        static_cast<std::uint64_t>(preferred) < laneCount && it != free.end()) {
+      lane = *it;
+      free.erase(it);
+    } else if (!free.empty()) {
+      lane = *free.begin();
+      free.erase(free.begin());
+    } else {
+      lane = laneCount++;
+    }
+    busy.emplace(annotation.endTime, lane);
     laneByID[annotation.id] = static_cast<std::int64_t>(lane);
   }
 
