@@ -29,9 +29,6 @@ void writeAll(int fd, std::string_view bytes) {
   }
 }
 
-template <class>
-inline constexpr bool alwaysFalse = false;
-
 }  // namespace
 
 CLIExitCode exitCode(ErrorKind kind) {
@@ -110,10 +107,9 @@ Json VumoCLI::execute(const CLICommand& command) {
           throw CLIUnavailableError("Cloud caption generation");
         } else if constexpr (std::is_same_v<T, CLICommand::CaptionsImport>) {
           throw CLIUnavailableError("Caption import");
-        } else if constexpr (std::is_same_v<T, CLICommand::Help>) {
-          throw CLIUnavailableError("Help");  // answered before any store exists
         } else {
-          static_assert(alwaysFalse<T>, "every command needs a dispatch");
+          static_assert(std::is_same_v<T, CLICommand::Help>, "every command needs a dispatch");
+          throw CLIUnavailableError("Help");  // answered before any store exists
         }
       },
       command.value);

@@ -43,8 +43,9 @@ std::int64_t asInt64(const Json& value, std::string_view context) {
   if (value.is_number_integer()) return value.get<std::int64_t>();
   if (value.is_number_float()) {
     // A whole number written with a fraction part ("3.0") still reads as an integer.
+    // The range is checked before the conversion: converting an out-of-range double is undefined.
     double d = value.get<double>();
-    if (d == static_cast<double>(static_cast<std::int64_t>(d)) && d >= -9.2e18 && d <= 9.2e18)
+    if (d >= -9.2e18 && d <= 9.2e18 && d == static_cast<double>(static_cast<std::int64_t>(d)))
       return static_cast<std::int64_t>(d);
   }
   throw DecodingError("Expected an integer for " + describe(context));
