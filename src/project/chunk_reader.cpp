@@ -84,175 +84,102 @@ std::string_view stringOf(element e, std::string_view key) {
   return s;
 }
 
-// Tracks which required keys were seen. A key whose (last) value is null counts as missing,
-// as it does for the document readers.
+// The fields of one object that a record knows, by position in `names`. As in the document
+// reader, a repeated key counts with its last value only, and a null value is a missing key.
 template <std::size_t N>
-struct RequiredKeys {
+struct Fields {
   const std::string_view (&names)[N];
-  unsigned seen = 0;
+  element values[N];
+  bool seen[N] = {};
 
-  // Returns false (and forgets the key) for a null value, so the caller skips decoding it.
-  bool take(std::size_t index, element value) {
-    if (value.is_null()) {
-      seen &= ~(1u << index);
-      return false;
+  Fields(element e, std::string_view context, const std::string_view (&fieldNames)[N]) : names(fieldNames) {
+    for (auto field : objectOf(e, context)) {
+      for (std::size_t i = 0; i < N; ++i) {
+        if (field.key == names[i]) {
+          values[i] = field.value;
+          seen[i] = true;
+          break;
+        }
+      }
     }
-    seen |= 1u << index;
-    return true;
   }
-  void check() const {
-    for (std::size_t i = 0; i < N; ++i)
-      if ((seen & (1u << i)) == 0) fail("Missing key " + std::string(names[i]));
+  bool has(std::size_t i) const { return seen[i] && !values[i].is_null(); }
+  element required(std::size_t i) const {
+    if (!has(i)) fail("Missing key " + std::string(names[i]));
+    return values[i];
   }
 };
 
 ProjectTime timeOf(element e, std::string_view key) {
   static constexpr std::string_view names[] = {"nanoseconds"};
-  RequiredKeys<1> required{names};
-  ProjectTime t;
-  for (auto field : objectOf(e, key)) {
-    if (field.key == "nanoseconds" && required.take(0, field.value)) t.nanoseconds = int64Of(field.value, field.key);
-  }
-  required.check();
-  return t;
+  Fields<1> f(e, key, names);
+  return ProjectTime{int64Of(f.required(0), names[0])};
 }
 
 PointValue pointOf(element e, std::string_view key) {
   static constexpr std::string_view names[] = {"x", "y"};
-  RequiredKeys<2> required{names};
-  PointValue p;
-  for (auto field : objectOf(e, key)) {
-    if (field.key == "x") {
-      if (required.take(0, field.value)) p.x = doubleOf(field.value, field.key);
-    } else if (field.key == "y") {
-      if (required.take(1, field.value)) p.y = doubleOf(field.value, field.key);
-    }
-  }
-  required.check();
-  return p;
+  Fields<2> f(e, key, names);
+  return PointValue{doubleOf(f.required(0), names[0]), doubleOf(f.required(1), names[1])};
 }
 
 SizeValue sizeOf(element e, std::string_view key) {
   static constexpr std::string_view names[] = {"width", "height"};
-  RequiredKeys<2> required{names};
-  SizeValue s;
-  for (auto field : objectOf(e, key)) {
-    if (field.key == "width") {
-      if (required.take(0, field.value)) s.width = doubleOf(field.value, field.key);
-    } else if (field.key == "height") {
-      if (required.take(1, field.value)) s.height = doubleOf(field.value, field.key);
-    }
-  }
-  required.check();
-  return s;
+  Fields<2> f(e, key, names);
+  return SizeValue{doubleOf(f.required(0), names[0]), doubleOf(f.required(1), names[1])};
 }
 
 PixelSize pixelSizeOf(element e, std::string_view key) {
   static constexpr std::string_view names[] = {"width", "height"};
-  RequiredKeys<2> required{names};
-  PixelSize s;
-  for (auto field : objectOf(e, key)) {
-    if (field.key == "width") {
-      if (required.take(0, field.value)) s.width = int64Of(field.value, field.key);
-    } else if (field.key == "height") {
-      if (required.take(1, field.value)) s.height = int64Of(field.value, field.key);
-    }
-  }
-  required.check();
-  return s;
+  Fields<2> f(e, key, names);
+  return PixelSize{int64Of(f.required(0), names[0]), int64Of(f.required(1), names[1])};
 }
 
 RectValue rectOf(element e, std::string_view key) {
   static constexpr std::string_view names[] = {"x", "y", "width", "height"};
-  RequiredKeys<4> required{names};
-  RectValue r;
-  for (auto field : objectOf(e, key)) {
-    for (std::size_t i = 0; i < 4; ++i) {
-      if (field.key != names[i]) continue;
-      if (required.take(i, field.value)) {
-        double v = doubleOf(field.value, field.key);
-        (i == 0 ? r.x : i == 1 ? r.y : i == 2 ? r.width : r.height) = v;
-      }
-      break;
-    }
-  }
-  required.check();
-  return r;
+  Fields<4> f(e, key, names);
+  return RectValue{doubleOf(f.required(0), names[0]), doubleOf(f.required(1), names[1]),
+                   doubleOf(f.required(2), names[2]), doubleOf(f.required(3), names[3])};
 }
 
 void decodeRecord(element e, MouseEvent& m) {
-  static constexpr std::string_view names[] = {"rawTimestampNanoseconds", "time", "globalPoint", "localPoint",
-                                               "normalizedPoint", "geometryRevision", "button", "phase"};
-  RequiredKeys<8> required{names};
+  static constexpr std::string_view names[] = {"rawTimestampNanoseconds", "time",        "globalPoint",
+                                               "localPoint",              "normalizedPoint", "geometryRevision",
+                                               "button",                  "phase",       "isInsideSource"};
+  Fields<9> f(e, "MouseEvent", names);
+  m.rawTimestampNanoseconds = unsignedOf(f.required(0), names[0], UINT64_MAX);
+  m.time = timeOf(f.required(1), names[1]);
+  m.globalPoint = pointOf(f.required(2), names[2]);
+  m.localPoint = pointOf(f.required(3), names[3]);
+  m.normalizedPoint = pointOf(f.required(4), names[4]);
+  m.geometryRevision = static_cast<std::uint32_t>(unsignedOf(f.required(5), names[5], UINT32_MAX));
+  m.button = mouseButtonFromString(stringOf(f.required(6), names[6]));
+  m.phase = mousePhaseFromString(stringOf(f.required(7), names[7]));
   m.isInsideSource.reset();
-  for (auto field : objectOf(e, "MouseEvent")) {
-    std::string_view k = field.key;
-    element v = field.value;
-    if (k == "isInsideSource") {
-      if (v.is_null()) {
-        m.isInsideSource.reset();
-      } else {
-        bool b;
-        if (v.get_bool().get(b) != simdjson::SUCCESS) fail("Expected a boolean for key isInsideSource");
-        m.isInsideSource = b;
-      }
-      continue;
-    }
-    for (std::size_t i = 0; i < 8; ++i) {
-      if (k != names[i]) continue;
-      if (!required.take(i, v)) break;
-      switch (i) {
-        case 0: m.rawTimestampNanoseconds = unsignedOf(v, k, UINT64_MAX); break;
-        case 1: m.time = timeOf(v, k); break;
-        case 2: m.globalPoint = pointOf(v, k); break;
-        case 3: m.localPoint = pointOf(v, k); break;
-        case 4: m.normalizedPoint = pointOf(v, k); break;
-        case 5: m.geometryRevision = static_cast<std::uint32_t>(unsignedOf(v, k, UINT32_MAX)); break;
-        case 6: m.button = mouseButtonFromString(stringOf(v, k)); break;
-        case 7: m.phase = mousePhaseFromString(stringOf(v, k)); break;
-      }
-      break;
-    }
+  if (f.has(8)) {
+    bool inside;
+    if (f.values[8].get_bool().get(inside) != simdjson::SUCCESS) fail("Expected a boolean for key isInsideSource");
+    m.isInsideSource = inside;
   }
-  required.check();
 }
 
 void decodeRecord(element e, GeometrySample& g) {
   static constexpr std::string_view names[] = {"time",          "revision", "globalWindowFrame", "sourceContentSize",
                                                "encodedPixelSize", "contentRectInEncodedFrame", "scaleFactor"};
-  RequiredKeys<7> required{names};
-  for (auto field : objectOf(e, "GeometrySample")) {
-    std::string_view k = field.key;
-    element v = field.value;
-    for (std::size_t i = 0; i < 7; ++i) {
-      if (k != names[i]) continue;
-      if (!required.take(i, v)) break;
-      switch (i) {
-        case 0: g.time = timeOf(v, k); break;
-        case 1: g.revision = static_cast<std::uint32_t>(unsignedOf(v, k, UINT32_MAX)); break;
-        case 2: g.globalWindowFrame = rectOf(v, k); break;
-        case 3: g.sourceContentSize = sizeOf(v, k); break;
-        case 4: g.encodedPixelSize = pixelSizeOf(v, k); break;
-        case 5: g.contentRectInEncodedFrame = rectOf(v, k); break;
-        case 6: g.scaleFactor = doubleOf(v, k); break;
-      }
-      break;
-    }
-  }
-  required.check();
+  Fields<7> f(e, "GeometrySample", names);
+  g.time = timeOf(f.required(0), names[0]);
+  g.revision = static_cast<std::uint32_t>(unsignedOf(f.required(1), names[1], UINT32_MAX));
+  g.globalWindowFrame = rectOf(f.required(2), names[2]);
+  g.sourceContentSize = sizeOf(f.required(3), names[3]);
+  g.encodedPixelSize = pixelSizeOf(f.required(4), names[4]);
+  g.contentRectInEncodedFrame = rectOf(f.required(5), names[5]);
+  g.scaleFactor = doubleOf(f.required(6), names[6]);
 }
 
 void decodeRecord(element e, CursorShapeSample& c) {
   static constexpr std::string_view names[] = {"time", "assetID"};
-  RequiredKeys<2> required{names};
-  for (auto field : objectOf(e, "CursorShapeSample")) {
-    if (field.key == "time") {
-      if (required.take(0, field.value)) c.time = timeOf(field.value, field.key);
-    } else if (field.key == "assetID") {
-      if (required.take(1, field.value)) c.assetID = std::string(stringOf(field.value, field.key));
-    }
-  }
-  required.check();
+  Fields<2> f(e, "CursorShapeSample", names);
+  c.time = timeOf(f.required(0), names[0]);
+  c.assetID = std::string(stringOf(f.required(1), names[1]));
 }
 
 // The fewest bytes one record can take in a chunk (compact, all numbers one digit, plus a comma).
