@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <limits>
 #include <string_view>
+#include <unordered_set>
 
 #include "timeline/edit_timeline.h"
 #include "timeline/timeline_mapper.h"
@@ -33,6 +34,13 @@ std::int64_t coveringDuration(const EditTimeline& timeline) {
     end = std::max(end, segmentEnd);
   }
   return end;
+}
+
+bool uniqueAnnotationIDs(const EditTimeline& timeline) {
+  std::unordered_set<Uuid> ids;
+  for (const auto& annotation : timeline.annotations)
+    if (!ids.insert(annotation.id).second) return false;
+  return true;
 }
 
 void exercise(const EditTimeline& timeline, ProjectTime sourceDuration) {
@@ -82,7 +90,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     exercise(timeline, ProjectTime{duration});
     EditTimeline normal = timeline.normalized(ProjectTime{duration}, hasWebcam);
     exercise(normal, ProjectTime{duration});
-    if (!(normal.normalized(ProjectTime{duration}, hasWebcam) == normal)) fail("normalising is not idempotent");
+    // Lanes are noted by annotation id, so only documents with unique ids (which the validator
+    // insists on) are guaranteed to keep their lanes on a second pass.
+    if (uniqueAnnotationIDs(normal) && !(normal.normalized(ProjectTime{duration}, hasWebcam) == normal))
+      fail("normalising is not idempotent");
   }
   return 0;
 }

@@ -1,8 +1,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <filesystem>
 #include <string>
 
+#include "shared/files.h"
 #include "timeline/timeline_validator.h"
 #include "timeline_builders.h"
 
@@ -430,6 +433,50 @@ TEST(EditTimelineNormalized, RepairsPresetsAndClampsSettings) {
 TEST(EditTimelineNormalized, IsIdempotentOnAnAlreadyNormalTimeline) {
   EditTimeline t = decodeEditTimeline(R"({"schemaVersion": 2, "canvas": {"padding": 0.3}})").normalized(ms(5'000), true);
   EXPECT_EQ(t.normalized(ms(5'000), true), t);
+}
+
+}  // namespace
+}  // namespace vumo
+
+namespace vumo {
+namespace {
+
+using namespace vumo::testing;
+
+// Inputs the decoder fuzzer once stopped on, replayed here.
+std::filesystem::path fuzzCorpus() {
+  const char* root = std::getenv("VUMO_SOURCE_DIR");
+  return std::filesystem::path(root != nullptr ? root : VUMO_TEST_SOURCE_DIR) / "fuzz/corpus/timeline_decoder";
+}
+
+TEST(EditTimelineFuzzRegression, DuplicateAnnotationIDsNormaliseAndAreRefused) {
+  // Two annotations share an id: normalising (which notes lanes by id) must still finish, and
+  // the validator refuses the document whatever the lanes came out as.
+  EditTimeline timeline = decodeEditTimeline(readFile(fuzzCorpus() / "duplicate-annotation-ids.json"));
+  for (int pass = 0; pass < 3; ++pass) {
+    timeline = timeline.normalized(ms(60'000), true);
+    try {
+      TimelineValidator::validate(timeline, ms(60'000));
+      FAIL() << "duplicate annotation ids accepted";
+    } catch (const TimelineValidationError& error) {
+      EXPECT_EQ(error.kind(), TimelineValidationError::Case::invalidAnnotation);
+    }
+  }
+}
+
+TEST(EditTimelineFuzzRegression, EveryKeptInputDecodesOrFailsCleanly) {
+  for (const auto& entry : std::filesystem::directory_iterator(fuzzCorpus())) {
+    try {
+      EditTimeline timeline = decodeEditTimeline(readFile(entry.path()));
+      EXPECT_EQ(decodeEditTimeline(encodeEditTimeline(timeline)), timeline) << entry.path();
+      EditTimeline normal = timeline.normalized(ms(60'000), false);
+      try {
+        TimelineValidator::validate(normal, ms(60'000));
+      } catch (const Error&) {
+      }
+    } catch (const DecodingError&) {
+    }
+  }
 }
 
 }  // namespace
