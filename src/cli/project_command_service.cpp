@@ -12,6 +12,8 @@
 #include "timeline/timeline_edit_engine.h"
 #include "timeline/timeline_effect_engine.h"
 #include "timeline/timeline_mapper.h"
+#include "timeline/timeline_settings_engine.h"
+#include "timeline/timeline_speed_engine.h"
 #include "timeline/timeline_validator.h"
 
 namespace vumo {
@@ -151,9 +153,9 @@ ProjectCommandService::MutationResult ProjectCommandService::compute(const CLIMu
   const PixelSize sourceSize = snapshot.manifest.encodedPixelSize;
   TimelineMapper mapper(timeline, duration);
 
-  // Cuts, speed, added zooms and settings go through the plan engine, which also reconciles the
-  // zooms a cut runs through and gives new clips and zooms stable ids, so that a commit repeats
-  // its preview exactly.
+  // Cuts and added zooms go through the plan engine, which reconciles the zooms a cut runs
+  // through, picks an added zoom's focus from the clicks, and gives new clips and zooms stable
+  // ids, so that a commit repeats its preview exactly.
   auto viaPlan = [&](TimelineEditPlan plan) {
     TimelinePlanResult result =
         TimelinePlanEngine::apply(plan, timeline, duration, hasWebcam, sourceSize, snapshot.mouseEvents);
@@ -169,17 +171,18 @@ ProjectCommandService::MutationResult ProjectCommandService::compute(const CLIMu
           plan.cuts = sourceRanges(m.range, m.domain, mapper);
           return viaPlan(std::move(plan));
         } else if constexpr (std::is_same_v<T, CLIMutation::Speed>) {
-          TimelineEditPlan plan;
-          for (const auto& range : sourceRanges(m.range, m.domain, mapper)) plan.speedChanges.push_back({range, m.rate});
-          return viaPlan(std::move(plan));
+          // Straight to the speed engine: a plan would also insist that every existing zoom lies in
+          // retained content, which a speed change does not touch.
+          std::vector<TimelineSpeedChange> changes;
+          for (const auto& range : sourceRanges(m.range, m.domain, mapper)) changes.push_back({range, m.rate});
+          EditTimeline result = TimelineSpeedEngine::applying(changes, timeline, duration).timeline;
+          return {TimelinePlanEngine::canonicalSegmentIDs(result, timeline), {}, {}};
         } else if constexpr (std::is_same_v<T, CLIMutation::ZoomAdd>) {
           TimelineEditPlan plan;
           plan.zooms.push_back({zoomSourceRange(m.range, m.domain, mapper), m.level, m.focus});
           return viaPlan(std::move(plan));
         } else if constexpr (std::is_same_v<T, CLIMutation::Settings>) {
-          TimelineEditPlan plan;
-          plan.settings = m.values;
-          return viaPlan(std::move(plan));
+          return {TimelineSettingsEngine::applying(m.values, timeline, hasWebcam, sourceSize), {}, {}};
         } else if constexpr (std::is_same_v<T, CLIMutation::ZoomRemove>) {
           if (m.all) return {TimelineEffectEngine::replaceZooms(timeline, {}, duration), {}, {}};
           auto zooms = ProjectInspector::zoomsByStart(timeline);

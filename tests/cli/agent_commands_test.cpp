@@ -150,6 +150,15 @@ TEST_F(AgentCommandsTest, SettingsConfirmationIsSortedByKey) {
   EXPECT_EQ(unknown["error"], "validation");
 }
 
+TEST_F(AgentCommandsTest, SpeedAndSettingsWorkWhileRegeneratedZoomsSpanACut) {
+  ok(confirmation(ok({"cut", prefix(), "--range", "3000,3500", "--source"})));
+  ok(confirmation(ok({"zoom-regen", prefix()})));
+  Json speed = ok(confirmation(ok({"speed-set", prefix(), "--range", "6000,7000", "--rate", "2", "--source"})));
+  EXPECT_EQ(speed["after"]["speedSegmentCount"], 1);
+  ok(confirmation(ok({"set", prefix(), "cursor.scale=2"})));
+  EXPECT_EQ(ok({"describe", prefix()})["cursor"]["scale"], 2.0);
+}
+
 TEST_F(AgentCommandsTest, ZoomOverRemovedContentCarriesDetails) {
   ok(confirmation(ok({"cut", prefix(), "--range", "9500,11000", "--source"})));
   Json error = failure({"zoom-add", prefix(), "--range", "9800,10500", "--source"}, 5);
