@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <cctype>
+
 #include "cli/cli_argument_parser.h"
 #include "cli/cli_errors.h"
 #include "support/test_support.h"
@@ -32,6 +34,14 @@ struct FailureCase {
   const char* line;
   const char* message;
 };
+
+// Test names from the command line itself, so a failure names the words that broke.
+std::string caseName(const ::testing::TestParamInfo<FailureCase>& info) {
+  std::string name;
+  for (const char* c = info.param.line; *c != 0; ++c)
+    name += std::isalnum(static_cast<unsigned char>(*c)) ? *c : '_';
+  return name + "_" + std::to_string(info.index);
+}
 
 class ParserFailureTest : public ::testing::TestWithParam<FailureCase> {};
 
@@ -120,7 +130,8 @@ INSTANTIATE_TEST_SUITE_P(
         FailureCase{"frame abc --ms 0 --out a.png --width 1", "参数无效：--width"},
         FailureCase{"frame abc --ms 0 --out a.png --replace yes", "参数无效：--replace"},
         // a value that starts with "--" is never a value
-        FailureCase{"cut abc --range --source", "缺少参数：--range"}));
+        FailureCase{"cut abc --range --source", "缺少参数：--range"}),
+    caseName);
 
 TEST(ParserTest, EmptyArgumentsMeanHelp) {
   EXPECT_EQ(CLIArgumentParser::parse({}), CLICommand{CLICommand::Help{}});
