@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
@@ -15,6 +16,7 @@
 
 #include "project/chunk_store.h"
 #include "shared/error.h"
+#include "shared/json.h"
 
 namespace vumo {
 
@@ -26,11 +28,20 @@ using simdjson::dom::object;
 
 [[noreturn]] void fail(const std::string& message) { throw DecodingError(message); }
 
-std::string keyText(std::string_view key) { return "key " + std::string(key); }
+// The failure paths are kept out of line, so the hot readers stay small enough to inline.
+[[noreturn, gnu::cold, gnu::noinline]] void failExpected(const char* what, std::string_view key) {
+  fail(std::string("Expected ") + what + " for key " + std::string(key));
+}
+[[noreturn, gnu::cold, gnu::noinline]] void failMissing(std::string_view key) {
+  fail("Missing key " + std::string(key));
+}
+[[noreturn, gnu::cold, gnu::noinline]] void failNotObject(std::string_view context) {
+  fail("Expected an object around key " + std::string(context));
+}
 
 object objectOf(element e, std::string_view context) {
   object o;
-  if (e.get_object().get(o) != simdjson::SUCCESS) fail("Expected an object around " + keyText(context));
+  if (e.get_object().get(o) != simdjson::SUCCESS) failNotObject(context);
   return o;
 }
 
@@ -47,7 +58,7 @@ std::int64_t int64Of(element e, std::string_view key) {
     default:
       break;
   }
-  fail("Expected an integer for " + keyText(key));
+  failExpected("an integer", key);
 }
 
 std::uint64_t unsignedOf(element e, std::string_view key, std::uint64_t maximum) {
@@ -61,31 +72,48 @@ std::uint64_t unsignedOf(element e, std::string_view key, std::uint64_t maximum)
     ok = s >= 0;
     v = static_cast<std::uint64_t>(s);
   }
-  if (!ok || v > maximum) fail("Expected an unsigned integer in range for " + keyText(key));
+  if (!ok || v > maximum) failExpected("an unsigned integer in range", key);
   return v;
 }
 
 double doubleOf(element e, std::string_view key) {
-  switch (e.type()) {
-    case element_type::DOUBLE:
-      return e.get_double().value_unsafe();
-    case element_type::INT64:
-      return static_cast<double>(e.get_int64().value_unsafe());
-    case element_type::UINT64:
-      return static_cast<double>(e.get_uint64().value_unsafe());
-    default:
-      fail("Expected a number for " + keyText(key));
-  }
+  double d;
+  // Also reads integers, as the document reader does.
+  if (e.get_double().get(d) != simdjson::SUCCESS) failExpected("a number", key);
+  return d;
 }
 
 std::string_view stringOf(element e, std::string_view key) {
   std::string_view s;
-  if (e.get_string().get(s) != simdjson::SUCCESS) fail("Expected a string for " + keyText(key));
+  if (e.get_string().get(s) != simdjson::SUCCESS) failExpected("a string", key);
   return s;
+}
+
+inline std::uint64_t word(const char* p) {
+  std::uint64_t w;
+  std::memcpy(&w, p, sizeof w);
+  return w;
+}
+
+// Keys are a few bytes long and compared once per field of every record: eight bytes at a time,
+// in line, is much cheaper than a call to memcmp or a loop over bytes.
+inline bool sameKey(std::string_view a, std::string_view b) {
+  const std::size_t n = a.size();
+  if (n != b.size()) return false;
+  if (n < 8) {
+    for (std::size_t i = 0; i < n; ++i)
+      if (a[i] != b[i]) return false;
+    return true;
+  }
+  for (std::size_t i = 0; i + 8 < n; i += 8)
+    if (word(a.data() + i) != word(b.data() + i)) return false;
+  return word(a.data() + n - 8) == word(b.data() + n - 8);
 }
 
 // The fields of one object that a record knows, by position in `names`. As in the document
 // reader, a repeated key counts with its last value only, and a null value is a missing key.
+// `names` are in sorted order, which is how chunk files are written, so the name after the last
+// match is tried first and usually is the one.
 template <std::size_t N>
 struct Fields {
   const std::string_view (&names)[N];
@@ -93,19 +121,27 @@ struct Fields {
   bool seen[N] = {};
 
   Fields(element e, std::string_view context, const std::string_view (&fieldNames)[N]) : names(fieldNames) {
+    std::size_t guess = 0;
     for (auto field : objectOf(e, context)) {
-      for (std::size_t i = 0; i < N; ++i) {
-        if (field.key == names[i]) {
-          values[i] = field.value;
-          seen[i] = true;
-          break;
-        }
+      std::size_t found = N;
+      if (guess < N && sameKey(field.key, names[guess])) {
+        found = guess;
+      } else {
+        for (std::size_t i = 0; i < N; ++i)
+          if (sameKey(field.key, names[i])) {
+            found = i;
+            break;
+          }
       }
+      if (found == N) continue;  // a key of a later format: ignored
+      values[found] = field.value;
+      seen[found] = true;
+      guess = found + 1;
     }
   }
   bool has(std::size_t i) const { return seen[i] && !values[i].is_null(); }
   element required(std::size_t i) const {
-    if (!has(i)) fail("Missing key " + std::string(names[i]));
+    if (!has(i)) failMissing(names[i]);
     return values[i];
   }
 };
@@ -123,63 +159,85 @@ PointValue pointOf(element e, std::string_view key) {
 }
 
 SizeValue sizeOf(element e, std::string_view key) {
-  static constexpr std::string_view names[] = {"width", "height"};
+  static constexpr std::string_view names[] = {"height", "width"};
   Fields<2> f(e, key, names);
-  return SizeValue{doubleOf(f.required(0), names[0]), doubleOf(f.required(1), names[1])};
+  return SizeValue{doubleOf(f.required(1), names[1]), doubleOf(f.required(0), names[0])};
 }
 
 PixelSize pixelSizeOf(element e, std::string_view key) {
-  static constexpr std::string_view names[] = {"width", "height"};
+  static constexpr std::string_view names[] = {"height", "width"};
   Fields<2> f(e, key, names);
-  return PixelSize{int64Of(f.required(0), names[0]), int64Of(f.required(1), names[1])};
+  return PixelSize{int64Of(f.required(1), names[1]), int64Of(f.required(0), names[0])};
 }
 
 RectValue rectOf(element e, std::string_view key) {
-  static constexpr std::string_view names[] = {"x", "y", "width", "height"};
+  static constexpr std::string_view names[] = {"height", "width", "x", "y"};
   Fields<4> f(e, key, names);
-  return RectValue{doubleOf(f.required(0), names[0]), doubleOf(f.required(1), names[1]),
-                   doubleOf(f.required(2), names[2]), doubleOf(f.required(3), names[3])};
+  return RectValue{doubleOf(f.required(2), names[2]), doubleOf(f.required(3), names[3]),
+                   doubleOf(f.required(1), names[1]), doubleOf(f.required(0), names[0])};
+}
+
+// The case names come from the pointer event's own table; anything else goes to its reader,
+// which throws with its message.
+MouseButton buttonOf(element e, std::string_view key) {
+  static constexpr MouseButton cases[] = {MouseButton::left, MouseButton::right, MouseButton::other, MouseButton::none};
+  static const std::array<std::string_view, 4> names = {toString(cases[0]), toString(cases[1]), toString(cases[2]),
+                                                        toString(cases[3])};
+  std::string_view text = stringOf(e, key);
+  for (std::size_t i = 0; i < 4; ++i)
+    if (sameKey(text, names[i])) return cases[i];
+  return mouseButtonFromString(text);
+}
+
+MousePhase phaseOf(element e, std::string_view key) {
+  static constexpr MousePhase cases[] = {MousePhase::moved, MousePhase::dragged, MousePhase::down, MousePhase::up};
+  static const std::array<std::string_view, 4> names = {toString(cases[0]), toString(cases[1]), toString(cases[2]),
+                                                        toString(cases[3])};
+  std::string_view text = stringOf(e, key);
+  for (std::size_t i = 0; i < 4; ++i)
+    if (sameKey(text, names[i])) return cases[i];
+  return mousePhaseFromString(text);
 }
 
 void decodeRecord(element e, MouseEvent& m) {
-  static constexpr std::string_view names[] = {"rawTimestampNanoseconds", "time",        "globalPoint",
-                                               "localPoint",              "normalizedPoint", "geometryRevision",
-                                               "button",                  "phase",       "isInsideSource"};
+  static constexpr std::string_view names[] = {"button",     "geometryRevision", "globalPoint",
+                                               "isInsideSource", "localPoint", "normalizedPoint",
+                                               "phase",      "rawTimestampNanoseconds", "time"};
   Fields<9> f(e, "MouseEvent", names);
-  m.rawTimestampNanoseconds = unsignedOf(f.required(0), names[0], UINT64_MAX);
-  m.time = timeOf(f.required(1), names[1]);
+  m.button = buttonOf(f.required(0), names[0]);
+  m.geometryRevision = static_cast<std::uint32_t>(unsignedOf(f.required(1), names[1], UINT32_MAX));
   m.globalPoint = pointOf(f.required(2), names[2]);
-  m.localPoint = pointOf(f.required(3), names[3]);
-  m.normalizedPoint = pointOf(f.required(4), names[4]);
-  m.geometryRevision = static_cast<std::uint32_t>(unsignedOf(f.required(5), names[5], UINT32_MAX));
-  m.button = mouseButtonFromString(stringOf(f.required(6), names[6]));
-  m.phase = mousePhaseFromString(stringOf(f.required(7), names[7]));
   m.isInsideSource.reset();
-  if (f.has(8)) {
+  if (f.has(3)) {
     bool inside;
-    if (f.values[8].get_bool().get(inside) != simdjson::SUCCESS) fail("Expected a boolean for key isInsideSource");
+    if (f.values[3].get_bool().get(inside) != simdjson::SUCCESS) failExpected("a boolean", names[3]);
     m.isInsideSource = inside;
   }
+  m.localPoint = pointOf(f.required(4), names[4]);
+  m.normalizedPoint = pointOf(f.required(5), names[5]);
+  m.phase = phaseOf(f.required(6), names[6]);
+  m.rawTimestampNanoseconds = unsignedOf(f.required(7), names[7], UINT64_MAX);
+  m.time = timeOf(f.required(8), names[8]);
 }
 
 void decodeRecord(element e, GeometrySample& g) {
-  static constexpr std::string_view names[] = {"time",          "revision", "globalWindowFrame", "sourceContentSize",
-                                               "encodedPixelSize", "contentRectInEncodedFrame", "scaleFactor"};
+  static constexpr std::string_view names[] = {"contentRectInEncodedFrame", "encodedPixelSize", "globalWindowFrame",
+                                               "revision", "scaleFactor", "sourceContentSize", "time"};
   Fields<7> f(e, "GeometrySample", names);
-  g.time = timeOf(f.required(0), names[0]);
-  g.revision = static_cast<std::uint32_t>(unsignedOf(f.required(1), names[1], UINT32_MAX));
+  g.contentRectInEncodedFrame = rectOf(f.required(0), names[0]);
+  g.encodedPixelSize = pixelSizeOf(f.required(1), names[1]);
   g.globalWindowFrame = rectOf(f.required(2), names[2]);
-  g.sourceContentSize = sizeOf(f.required(3), names[3]);
-  g.encodedPixelSize = pixelSizeOf(f.required(4), names[4]);
-  g.contentRectInEncodedFrame = rectOf(f.required(5), names[5]);
-  g.scaleFactor = doubleOf(f.required(6), names[6]);
+  g.revision = static_cast<std::uint32_t>(unsignedOf(f.required(3), names[3], UINT32_MAX));
+  g.scaleFactor = doubleOf(f.required(4), names[4]);
+  g.sourceContentSize = sizeOf(f.required(5), names[5]);
+  g.time = timeOf(f.required(6), names[6]);
 }
 
 void decodeRecord(element e, CursorShapeSample& c) {
-  static constexpr std::string_view names[] = {"time", "assetID"};
+  static constexpr std::string_view names[] = {"assetID", "time"};
   Fields<2> f(e, "CursorShapeSample", names);
-  c.time = timeOf(f.required(0), names[0]);
-  c.assetID = std::string(stringOf(f.required(1), names[1]));
+  c.assetID = std::string(stringOf(f.required(0), names[0]));
+  c.time = timeOf(f.required(1), names[1]);
 }
 
 // The fewest bytes one record can take in a chunk (compact, all numbers one digit, plus a comma).
@@ -272,8 +330,23 @@ void ChunkReader::decodeInto(std::string_view bytes, std::vector<Record>& out) {
     std::memset(copy + bytes.size(), 0, simdjson::SIMDJSON_PADDING);
     data = copy;
   }
+  std::size_t length = bytes.size();
+  // A byte order mark is allowed at the start, as the document reader allows it.
+  if (bytes.starts_with("\xEF\xBB\xBF")) {
+    data += 3;
+    length -= 3;
+  }
   element root;
-  auto error = state_->parser.parse(reinterpret_cast<const std::uint8_t*>(data), bytes.size(), false).get(root);
+  auto error = state_->parser.parse(reinterpret_cast<const std::uint8_t*>(data), length, false).get(root);
+  if (error == simdjson::NUMBER_ERROR) {
+    // simdjson refuses integers beyond 64 bits, which the document reader reads as doubles (and
+    // then accepts, in a key it ignores or a floating-point field). Such a chunk is not ours, but
+    // it is read exactly as everything else would read it.
+    Json document = parseJson(bytes);
+    json::requireArray(document, "");
+    for (const Json& element : document) out.push_back(json::as<Record>(element, ""));
+    return;
+  }
   if (error != simdjson::SUCCESS)
     fail(fmt::format("The data isn't valid JSON: {}", simdjson::error_message(error)));
   simdjson::dom::array array;

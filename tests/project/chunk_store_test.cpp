@@ -235,6 +235,12 @@ TEST(ChunkReader, AgreesWithTheDocumentReaderOnEdgeCases) {
       with(R"("x":1,)", R"("x":1,"x":2,)"),
       with(R"("x":1,)", R"("x":1,"x":null,)"),
       with(R"("time":{"nanoseconds":-5})", R"("time":5)"),
+      // Integers beyond 64 bits: doubles to the document reader, refused by simdjson itself.
+      with(R"("x":1,)", R"("x":18446744073709551616,)"),
+      with(R"("phase":"down")", R"("phase":"down","later":-9223372036854775809)"),
+      with(R"("nanoseconds":-5)", R"("nanoseconds":18446744073709551616)"),
+      "\xEF\xBB\xBF[" + valid + "]",
+      with(R"("x":1,)", R"("x":1e400,)"),
       with(R"("phase":"down")", R"("phase":"down","isInsideSource":1)"),
       "{}",
       "[1]",
