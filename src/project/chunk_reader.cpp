@@ -152,10 +152,23 @@ ProjectTime timeOf(element e, std::string_view key) {
   return ProjectTime{int64Of(f.required(0), names[0])};
 }
 
+// Three points in every pointer event: worth a reader of their own.
 PointValue pointOf(element e, std::string_view key) {
-  static constexpr std::string_view names[] = {"x", "y"};
-  Fields<2> f(e, key, names);
-  return PointValue{doubleOf(f.required(0), names[0]), doubleOf(f.required(1), names[1])};
+  element x, y;
+  bool hasX = false, hasY = false;
+  for (auto field : objectOf(e, key)) {
+    if (field.key.size() != 1) continue;
+    if (field.key[0] == 'x') {
+      x = field.value;
+      hasX = !x.is_null();
+    } else if (field.key[0] == 'y') {
+      y = field.value;
+      hasY = !y.is_null();
+    }
+  }
+  if (!hasX) failMissing("x");
+  if (!hasY) failMissing("y");
+  return PointValue{doubleOf(x, "x"), doubleOf(y, "y")};
 }
 
 SizeValue sizeOf(element e, std::string_view key) {
