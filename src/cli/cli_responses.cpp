@@ -135,14 +135,8 @@ void to_json(Json& j, const CLICaptionImpactDescription& v) {
 }
 
 void to_json(Json& j, const CLIEditPlanOperationDescription& v) {
-  j = Json{{"index", v.index}, {"type", v.type}};
-  json::setOptional(j, "range", v.range);
-  json::setOptional(j, "level", v.level);
-  json::setOptional(j, "rate", v.rate);
-  json::setOptional(j, "focusX", v.focusX);
-  json::setOptional(j, "focusY", v.focusY);
-  json::setOptional(j, "values", v.values);
-  json::setOptional(j, "reason", v.reason);
+  j = v.operation;
+  j["index"] = v.index;
 }
 
 void to_json(Json& j, const CLIEditPlanPreparationResponse& v) {

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "agent/edit_plan_exchange.h"
 #include "cli/cli_models.h"
 #include "shared/date.h"
 #include "shared/json.h"
@@ -185,16 +186,10 @@ struct CLICaptionImpactDescription {
 };
 void to_json(Json& j, const CLICaptionImpactDescription& v);
 
+// One operation of the plan as the agent wrote it, with its position.
 struct CLIEditPlanOperationDescription {
   std::int64_t index = 0;
-  std::string type;
-  std::optional<CLIRange> range;
-  std::optional<double> level;
-  std::optional<double> rate;
-  std::optional<double> focusX;
-  std::optional<double> focusY;
-  std::optional<std::map<std::string, std::string>> values;
-  std::optional<std::string> reason;
+  EditPlanOperation operation;
 };
 void to_json(Json& j, const CLIEditPlanOperationDescription& v);
 

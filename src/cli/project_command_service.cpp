@@ -73,11 +73,6 @@ std::string segmentNamespace(const EditTimeline& timeline) {
   return ids;
 }
 
-std::optional<CLIRange> rangeOf(const std::optional<EditPlanRange>& range) {
-  if (!range) return std::nullopt;
-  return CLIRange{range->startMilliseconds, range->endMilliseconds};
-}
-
 const std::vector<std::string>& editPlanInstructions() {
   static const std::vector<std::string> instructions = {
       "把完整Edit Plan Schema 3写入planPath；所有时间为Source milliseconds，范围按describe返回的Source Time填写。",
@@ -347,10 +342,7 @@ CLIEditPlanResponse ProjectCommandService::executeEditPlan(const CLIEditPlanRequ
   response.before = ProjectInspector::timelineSummary(snapshot.timeline, duration);
   response.after = ProjectInspector::timelineSummary(result.timeline, duration);
   std::int64_t index = 0;
-  for (const auto& operation : document.operations)
-    response.operations.push_back({index++, std::string(jsonString(operation.type)), rangeOf(operation.range),
-                                   operation.level, operation.rate, operation.focusX, operation.focusY, operation.values,
-                                   operation.reason});
+  for (const auto& operation : document.operations) response.operations.push_back({index++, operation});
   response.normalizedCuts = millisecondRanges(result.normalizedCutRanges);
   for (const auto& change : result.normalizedSpeedChanges)
     response.normalizedSpeedChanges.push_back(
