@@ -5,6 +5,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include "recording_reporter.h"
+
 #include <cstdio>
 #include <map>
 #include <string>
@@ -90,19 +92,9 @@ void BM_ApplyFullPlan(benchmark::State& state) {
 }
 BENCHMARK(BM_ApplyFullPlan)->Unit(benchmark::kMillisecond);
 
-// Keeps each run's CPU time per iteration (the machines are shared, so wall time is noisier) for
-// the ratio that main prints.
-class RecordingReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    for (const Run& run : runs)
-      if (run.run_type == Run::RT_Iteration) times[run.benchmark_name()] = run.GetAdjustedCPUTime();
-    ConsoleReporter::ReportRuns(runs);
-  }
-  std::map<std::string, double> times;
-};
-
 }  // namespace
+
+using vumo::bench::RecordingReporter;
 
 int main(int argc, char** argv) {
   // Fail loudly rather than time an exception path.

@@ -4,6 +4,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include "recording_reporter.h"
+
 #include <cstdio>
 #include <map>
 #include <string>
@@ -85,19 +87,9 @@ BENCHMARK(BM_EncodeDocument)->Arg(100'000)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Validate)->Arg(1'000)->Arg(100'000)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_ValidateLongCueTexts)->Unit(benchmark::kMillisecond);
 
-// Keeps every run's CPU time per iteration (the machines are shared, so wall time is noisier) so
-// that main can print the ratios.
-class RecordingReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    for (const auto& run : runs)
-      if (run.run_type == Run::RT_Iteration) times[run.benchmark_name()] = run.GetAdjustedCPUTime();
-    ConsoleReporter::ReportRuns(runs);
-  }
-  std::map<std::string, double> times;
-};
-
 }  // namespace
+
+using vumo::bench::RecordingReporter;
 
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);

@@ -5,6 +5,8 @@
 //   a 500-operation edit plan   ->  under 200 ms beyond the snapshot load
 
 #include <benchmark/benchmark.h>
+
+#include "recording_reporter.h"
 #include <stdlib.h>
 
 #include <cstdio>
@@ -129,18 +131,6 @@ void BM_EditPlanPreview(benchmark::State& state) {
   for (auto _ : state) benchmark::DoNotOptimize(service.executeEditPlan(request));
 }
 
-// Keeps each benchmark's mean time per iteration so the ratios can be printed at the end.
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    ConsoleReporter::ReportRuns(runs);
-    for (const auto& run : runs)
-      if (run.run_type == Run::RT_Iteration && run.iterations > 0)
-        seconds[run.benchmark_name()] = run.real_accumulated_time / static_cast<double>(run.iterations);
-  }
-  std::map<std::string, double> seconds;
-};
-
 }  // namespace
 
 BENCHMARK(BM_LoadSnapshot)->Unit(benchmark::kMillisecond)->MinTime(2.0);
@@ -150,9 +140,9 @@ BENCHMARK(BM_EditPlanPreview)->Unit(benchmark::kMillisecond)->MinTime(2.0);
 
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
-  RatioReporter reporter;
+  vumo::bench::RecordingReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
-  auto at = [&](const char* name) { return reporter.seconds.count(name) ? reporter.seconds[name] : 0.0; };
+  auto at = [&](const char* name) { return reporter.realSeconds.count(name) ? reporter.realSeconds[name] : 0.0; };
   double load = at("BM_LoadSnapshot/min_time:2.000");
   if (load > 0) {
     std::printf("describe / snapshot load:        %.2fx (target <= 1.3x)\n", at("BM_Describe/min_time:2.000") / load);

@@ -4,6 +4,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include "recording_reporter.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <map>
@@ -80,17 +82,9 @@ void BM_MappedTimeForSourceTime(benchmark::State& state) {
 }
 BENCHMARK(BM_MappedTimeForSourceTime);
 
-class RecordingReporter : public benchmark::ConsoleReporter {
- public:
-  std::map<std::string, double> times;
-  void ReportRuns(const std::vector<Run>& runs) override {
-    for (const auto& run : runs)
-      if (run.run_type == Run::RT_Iteration) times[run.benchmark_name()] = run.GetAdjustedCPUTime();
-    ConsoleReporter::ReportRuns(runs);
-  }
-};
-
 }  // namespace
+
+using vumo::bench::RecordingReporter;
 
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);

@@ -4,6 +4,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include "recording_reporter.h"
+
 #include <cstdio>
 #include <map>
 #include <random>
@@ -88,25 +90,16 @@ void BM_DecodeDocument(benchmark::State& state) {
 }
 BENCHMARK(BM_DecodeDocument)->Unit(benchmark::kMicrosecond);
 
-class RecordingReporter : public benchmark::ConsoleReporter {
- public:
-  std::map<std::string, double> times;  // CPU seconds per iteration
-  void ReportRuns(const std::vector<Run>& runs) override {
-    for (const auto& run : runs)
-      if (run.run_type == Run::RT_Iteration)
-        times[run.benchmark_name()] = run.GetAdjustedCPUTime() / benchmark::GetTimeUnitMultiplier(run.time_unit);
-    ConsoleReporter::ReportRuns(runs);
-  }
-};
-
 }  // namespace
+
+using vumo::bench::RecordingReporter;
 
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   RecordingReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
-  const double validate = reporter.times["BM_Validate"];
-  const double decode = reporter.times["BM_DecodeDocument"];
+  const double validate = reporter.cpuSeconds["BM_Validate"];
+  const double decode = reporter.cpuSeconds["BM_DecodeDocument"];
   if (validate > 0 && decode > 0) {
     std::printf("\nvalidate, 1000 clips + 300 zooms + 500 annotations: %.1f us (target < 1000 us)\n", validate * 1e6);
     std::printf("decode of the same document (%zu bytes): %.1f us\n", fixture().document.size(), decode * 1e6);
