@@ -21,6 +21,9 @@ std::string escapeSlashes(std::string_view encoded) {
 }
 
 Json parseJson(std::string_view text) {
+  // A raw NUL can stand nowhere in JSON text, and the parser would take it for the end of input
+  // and ignore whatever follows.
+  if (text.find('\0') != std::string_view::npos) throw DecodingError("The data isn't valid JSON: it contains a NUL byte");
   try {
     return Json::parse(text.begin(), text.end());
   } catch (const nlohmann::json::exception& e) {

@@ -46,6 +46,7 @@ TEST(JsonTest, DocumentsArePrettySortedAndSlashesAreOnlyEscapedOnRequest) {
   EXPECT_EQ(encodeDocument(doc), "{\n  \"alpha\": \"a/b\",\n  \"mid\": {\n    \"a\": true,\n    \"b\": 2.5\n  },\n  \"zeta\": 1\n}");
   EXPECT_EQ(escapeSlashes(encodeCompact(doc)), R"({"alpha":"a\/b","mid":{"a":true,"b":2.5},"zeta":1})");
   EXPECT_THROW(parseJson("{"), DecodingError);
+  EXPECT_THROW(parseJson(std::string("[1]\0garbage", 11)), DecodingError);
 }
 
 }  // namespace
