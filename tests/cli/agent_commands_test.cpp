@@ -271,6 +271,38 @@ TEST_F(EditPlanTest, AJobOfAnotherTimelineIsStale) {
             "validation");
 }
 
+TEST_F(EditPlanTest, CaptionsAreReadInSourceTimeAndAPlanReportsWhatItsCutsDoToThem) {
+  ProjectStore store;
+  CaptionDocument document;
+  document.sourceTrack = MediaTrackKind::systemAudio;
+  document.language = "zh-Hans";
+  document.basedOnTimelineDigest = sha256HexOfFile(package_->timelineURL());
+  document.cues = {{Uuid::random(), ProjectTime::fromMilliseconds(400), ProjectTime::fromMilliseconds(1200), "开始录制", {}, {}},
+                   {Uuid::random(), ProjectTime::fromMilliseconds(4000), ProjectTime::fromMilliseconds(5000), "打开设置", {}, {}}};
+  store.commitCaptions(document, store.captionsDigest(*package_), store.timelineDigest(*package_), *package_);
+
+  ok(confirmation(ok({"cut", prefix(), "--range", "4500,4800", "--source"})));
+  Json captions = ok({"captions-read", prefix()});
+  EXPECT_EQ(captions["language"], "zh-Hans");
+  EXPECT_EQ(captions["sourceTrack"], "systemAudio");
+  EXPECT_FALSE(captions.contains("hint"));
+  ASSERT_EQ(captions["cues"].size(), 2u);
+  EXPECT_EQ(captions["cues"][1]["sourceStartMilliseconds"], 4000);
+  EXPECT_EQ(captions["cues"][1]["sequenceRanges"].size(), 2u);
+  EXPECT_EQ(ok({"describe", prefix()})["captionCueCount"], 2);
+
+  Json job = prepare();
+  writePlan(job, Json::parse(R"([{"type": "cut", "range": {"startMilliseconds": 0, "endMilliseconds": 2000}},
+                                 {"type": "zoom-clear"}])"));
+  Json preview = ok({"edit-plan-preview", prefix(), "--job", job["jobID"]});
+  EXPECT_EQ(preview["fullyRemovedCaptionIDs"], (Json{document.cues[0].id.string()}));
+  EXPECT_EQ(preview["captionImpacts"][0]["kind"], "fully-removed");
+  Bytes before = packageBytes(package_->rootURL);
+  ok(confirmation(preview));
+  // A timeline commit never changes the caption file.
+  EXPECT_EQ(packageBytes(package_->rootURL).at("edits/captions.json"), before.at("edits/captions.json"));
+}
+
 TEST_F(AgentCommandsTest, CaptionsReadWithoutCaptionsGivesAHint) {
   Json captions = ok({"captions-read", prefix()});
   EXPECT_EQ(captions["cues"], Json::array());
