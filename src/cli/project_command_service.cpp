@@ -6,7 +6,7 @@
 
 #include "agent/agent_exchange.h"
 #include "captions/caption_errors.h"
-#include "cli/project_inspector.h"
+#include "cli/project_description.h"
 #include "shared/digest.h"
 #include "timeline/auto_zoom_engine.h"
 #include "timeline/timeline_edit_engine.h"

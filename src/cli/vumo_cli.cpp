@@ -10,7 +10,7 @@
 #include "agent/timeline_plan_engine.h"
 #include "cli/cli_errors.h"
 #include "cli/project_command_service.h"
-#include "cli/system_capability_inspector.h"
+#include "cli/system_information.h"
 #include "project/project_store.h"
 #include "shared/files.h"
 
