@@ -11,17 +11,19 @@ function(vumo_library)
 endfunction()
 
 # One GoogleTest executable per tested area, built from every .cpp in the test folder.
-#   vumo_test(NAME timeline DEPS vumo::timeline)
+#   vumo_test(NAME timeline DEPS vumo::timeline [RUNS_EXECUTABLE])
+# RUNS_EXECUTABLE: the tests start the real `vumo`, so it is built first.
 function(vumo_test)
-  cmake_parse_arguments(ARG "" "NAME" "DEPS" ${ARGN})
+  cmake_parse_arguments(ARG "RUNS_EXECUTABLE" "NAME" "DEPS" ${ARGN})
   file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.cpp)
   if(NOT sources)
     return()
   endif()
   add_executable(${ARG_NAME}_tests ${sources})
   target_link_libraries(${ARG_NAME}_tests PRIVATE ${ARG_DEPS} vumo_test_support GTest::gtest GTest::gmock GTest::gtest_main)
-  # End-to-end cases run the real executable.
-  add_dependencies(${ARG_NAME}_tests vumo)
+  if(ARG_RUNS_EXECUTABLE)
+    add_dependencies(${ARG_NAME}_tests vumo)
+  endif()
   gtest_discover_tests(${ARG_NAME}_tests DISCOVERY_MODE PRE_TEST
     PROPERTIES ENVIRONMENT "VUMO_BINARY=$<TARGET_FILE:vumo>;VUMO_SOURCE_DIR=${PROJECT_SOURCE_DIR}")
 endfunction()
