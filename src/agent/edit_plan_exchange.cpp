@@ -2,6 +2,7 @@
 
 #include <cmath>
 
+#include "shared/name_table.h"
 #include "timeline/edit_timeline.h"
 #include "timeline/timeline_validator.h"
 
@@ -188,29 +189,19 @@ void from_json(const Json& j, EditPlanRange& range) {
   range.endMilliseconds = json::required<std::int64_t>(j, "endMilliseconds");
 }
 
-std::string_view jsonString(EditPlanOperationType type) {
-  switch (type) {
-    case EditPlanOperationType::cut:
-      return "cut";
-    case EditPlanOperationType::speed:
-      return "speed";
-    case EditPlanOperationType::zoomClear:
-      return "zoom-clear";
-    case EditPlanOperationType::zoomReconcile:
-      return "zoom-reconcile";
-    case EditPlanOperationType::zoomAdd:
-      return "zoom-add";
-    case EditPlanOperationType::settings:
-      return "settings";
-  }
-  return "cut";
-}
+constexpr NameTable<EditPlanOperationType, 6> operationTypeNames{{
+    {EditPlanOperationType::cut, "cut"},
+    {EditPlanOperationType::speed, "speed"},
+    {EditPlanOperationType::zoomClear, "zoom-clear"},
+    {EditPlanOperationType::zoomReconcile, "zoom-reconcile"},
+    {EditPlanOperationType::zoomAdd, "zoom-add"},
+    {EditPlanOperationType::settings, "settings"},
+}};
+
+std::string_view jsonString(EditPlanOperationType type) { return nameOf(operationTypeNames, type); }
 
 std::optional<EditPlanOperationType> parseEditPlanOperationType(std::string_view text) {
-  for (auto type : {EditPlanOperationType::cut, EditPlanOperationType::speed, EditPlanOperationType::zoomClear,
-                    EditPlanOperationType::zoomReconcile, EditPlanOperationType::zoomAdd, EditPlanOperationType::settings})
-    if (jsonString(type) == text) return type;
-  return std::nullopt;
+  return parseName(operationTypeNames, text);
 }
 
 void to_json(Json& j, EditPlanOperationType type) { j = std::string(jsonString(type)); }

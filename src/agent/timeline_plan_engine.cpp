@@ -8,6 +8,7 @@
 
 #include "shared/checked_math.h"
 #include "shared/digest.h"
+#include "shared/name_table.h"
 #include "timeline/timeline_edit_engine.h"
 #include "timeline/timeline_effect_engine.h"
 #include "timeline/timeline_frame_grid.h"
@@ -106,25 +107,17 @@ std::size_t TimelineEditPlan::operationCount() const {
          (settings.empty() ? 0 : 1);
 }
 
-std::string_view jsonString(ZoomReconciliationAction action) {
-  switch (action) {
-    case ZoomReconciliationAction::preserved:
-      return "preserved";
-    case ZoomReconciliationAction::trimmed:
-      return "trimmed";
-    case ZoomReconciliationAction::split:
-      return "split";
-    case ZoomReconciliationAction::removed:
-      return "removed";
-  }
-  return "preserved";
-}
+constexpr NameTable<ZoomReconciliationAction, 4> reconciliationActionNames{{
+    {ZoomReconciliationAction::preserved, "preserved"},
+    {ZoomReconciliationAction::trimmed, "trimmed"},
+    {ZoomReconciliationAction::split, "split"},
+    {ZoomReconciliationAction::removed, "removed"},
+}};
+
+std::string_view jsonString(ZoomReconciliationAction action) { return nameOf(reconciliationActionNames, action); }
 
 std::optional<ZoomReconciliationAction> parseZoomReconciliationAction(std::string_view text) {
-  for (auto action : {ZoomReconciliationAction::preserved, ZoomReconciliationAction::trimmed, ZoomReconciliationAction::split,
-                      ZoomReconciliationAction::removed})
-    if (jsonString(action) == text) return action;
-  return std::nullopt;
+  return parseName(reconciliationActionNames, text);
 }
 
 void to_json(Json& j, ZoomReconciliationAction action) { j = std::string(jsonString(action)); }

@@ -7,6 +7,7 @@
 #include <fmt/format.h>
 
 #include "captions/caption_text.h"
+#include "shared/name_table.h"
 
 namespace vumo {
 
@@ -14,11 +15,11 @@ namespace {
 
 using ValidationCase = CaptionValidationError::Case;
 
-constexpr std::pair<CaptionAppearance, std::string_view> appearanceNames[] = {
+constexpr NameTable<CaptionAppearance, 3> appearanceNames{{
     {CaptionAppearance::whiteOnBlack, "white-on-black"},
     {CaptionAppearance::whiteWithBlackOutline, "white-black-outline"},
     {CaptionAppearance::blackWithWhiteOutline, "black-white-outline"},
-};
+}};
 
 // Values are kept to two decimals so that a slider position and the stored file agree exactly.
 double clampedToHundredths(double value, double lower, double upper, double fallback) {
@@ -86,16 +87,10 @@ std::vector<T> optionalArray(const Json& object, std::string_view key) {
 
 }  // namespace
 
-std::string_view rawValue(CaptionAppearance appearance) {
-  for (const auto& [value, name] : appearanceNames)
-    if (value == appearance) return name;
-  return appearanceNames[0].second;
-}
+std::string_view rawValue(CaptionAppearance appearance) { return nameOf(appearanceNames, appearance); }
 
 std::optional<CaptionAppearance> captionAppearanceFromRawValue(std::string_view raw) {
-  for (const auto& [value, name] : appearanceNames)
-    if (name == raw) return value;
-  return std::nullopt;
+  return parseName(appearanceNames, raw);
 }
 
 CaptionStyle CaptionStyle::normalized() const {

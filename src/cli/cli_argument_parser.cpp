@@ -275,15 +275,9 @@ CLICommand parseCaptionsGenerate(const Words& words) {
   command.projectID = projectID(words);
   Options options(words, 1);
   options.rejectUnknown({"--track"});
-  std::string track = options.value("--track").value_or("auto");
-  if (track == "auto")
-    command.track = CaptionTrackSelection::automatic;
-  else if (track == "microphone")
-    command.track = CaptionTrackSelection::microphone;
-  else if (track == "system-audio")
-    command.track = CaptionTrackSelection::systemAudio;
-  else
-    throw CLIArgumentError::invalidValue("--track");
+  auto track = captionTrackSelectionFromRawValue(options.value("--track").value_or("auto"));
+  if (!track) throw CLIArgumentError::invalidValue("--track");
+  command.track = *track;
   return {command};
 }
 

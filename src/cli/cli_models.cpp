@@ -1,5 +1,7 @@
 #include "cli/cli_models.h"
 
+#include "shared/name_table.h"
+
 namespace vumo {
 
 ProjectTimeRange CLIRange::projectTimeRange() const {
@@ -20,31 +22,32 @@ void from_json(const Json& j, CLIRange& r) {
   r.endMilliseconds = json::required<std::int64_t>(j, "endMilliseconds");
 }
 
-std::string_view word(CLIAgentHelpTopic topic) {
-  switch (topic) {
-    case CLIAgentHelpTopic::workflow: return "workflow";
-    case CLIAgentHelpTopic::editPlan: return "edit-plan";
-    case CLIAgentHelpTopic::captions: return "captions";
-    case CLIAgentHelpTopic::settings: return "settings";
-    case CLIAgentHelpTopic::output: return "output";
-  }
-  return "workflow";
-}
+namespace {
 
-std::optional<CLIAgentHelpTopic> helpTopicFromWord(std::string_view text) {
-  for (auto topic : {CLIAgentHelpTopic::workflow, CLIAgentHelpTopic::editPlan, CLIAgentHelpTopic::captions,
-                     CLIAgentHelpTopic::settings, CLIAgentHelpTopic::output})
-    if (word(topic) == text) return topic;
-  return std::nullopt;
-}
+constexpr NameTable<CLIAgentHelpTopic, 5> helpTopicWords{{
+    {CLIAgentHelpTopic::workflow, "workflow"},
+    {CLIAgentHelpTopic::editPlan, "edit-plan"},
+    {CLIAgentHelpTopic::captions, "captions"},
+    {CLIAgentHelpTopic::settings, "settings"},
+    {CLIAgentHelpTopic::output, "output"},
+}};
 
-std::string_view rawValue(CaptionTrackSelection selection) {
-  switch (selection) {
-    case CaptionTrackSelection::automatic: return "auto";
-    case CaptionTrackSelection::microphone: return "microphone";
-    case CaptionTrackSelection::systemAudio: return "system-audio";
-  }
-  return "auto";
+constexpr NameTable<CaptionTrackSelection, 3> trackSelectionWords{{
+    {CaptionTrackSelection::automatic, "auto"},
+    {CaptionTrackSelection::microphone, "microphone"},
+    {CaptionTrackSelection::systemAudio, "system-audio"},
+}};
+
+}  // namespace
+
+std::string_view word(CLIAgentHelpTopic topic) { return nameOf(helpTopicWords, topic); }
+
+std::optional<CLIAgentHelpTopic> helpTopicFromWord(std::string_view text) { return parseName(helpTopicWords, text); }
+
+std::string_view rawValue(CaptionTrackSelection selection) { return nameOf(trackSelectionWords, selection); }
+
+std::optional<CaptionTrackSelection> captionTrackSelectionFromRawValue(std::string_view text) {
+  return parseName(trackSelectionWords, text);
 }
 
 void to_json(Json& j, const CLIValidationDetails& d) {

@@ -43,6 +43,7 @@ std::optional<CLIAgentHelpTopic> helpTopicFromWord(std::string_view word);
 
 enum class CaptionTrackSelection { automatic, microphone, systemAudio };
 std::string_view rawValue(CaptionTrackSelection selection);
+std::optional<CaptionTrackSelection> captionTrackSelectionFromRawValue(std::string_view text);
 
 struct CLIMutation {
   struct Cut {

@@ -86,9 +86,9 @@ const std::vector<std::string>& editPlanInstructions() {
 
 ProjectCommandService::LoadedProject ProjectCommandService::load(const std::string& projectID) {
   ProjectPackage package = store_.project(projectID);
+  // The snapshot's timeline comes normalised and fully validated (effects included), so a project
+  // whose timeline is not acceptable ends here with the validator's error.
   ProjectSnapshot snapshot = store_.loadSnapshot(package);
-  // The validator runs the effect checks as well.
-  TimelineValidator::validate(snapshot.timeline, snapshot.manifest.duration);
   std::string digest = store_.timelineDigest(package);
   return {std::move(package), std::move(snapshot), std::move(digest)};
 }

@@ -58,14 +58,7 @@ int VumoCLI::run(const std::vector<std::string>& arguments) {
       streams_.standardOutput(text + "\n");
       return 0;
     }
-    Json answer = execute(command);
-    std::string encoded;
-    try {
-      encoded = encodeDocument(answer) + "\n";
-    } catch (const nlohmann::json::exception& e) {
-      throw DecodingError(std::string("The answer could not be encoded: ") + e.what());
-    }
-    streams_.standardOutput(encoded);
+    writeJSON(execute(command));
     return 0;
   } catch (const std::exception& error) {
     return report(error);
@@ -125,7 +118,15 @@ int VumoCLI::report(const std::exception& error) const {
   return static_cast<int>(classification.exitCode);
 }
 
-void VumoCLI::writeJSON(const Json& value) const { streams_.standardOutput(encodeDocument(value) + "\n"); }
+void VumoCLI::writeJSON(const Json& value) const {
+  std::string encoded;
+  try {
+    encoded = encodeDocument(value) + "\n";
+  } catch (const nlohmann::json::exception& e) {
+    throw DecodingError(std::string("The answer could not be encoded: ") + e.what());
+  }
+  streams_.standardOutput(encoded);
+}
 
 void VumoCLI::writeError(const std::string& code, const std::string& message,
                          const std::optional<CLIValidationDetails>& details) const {

@@ -43,6 +43,7 @@ class VumoCLI {
 
   int run(const std::vector<std::string>& arguments);
 
+  // Throws when the answer cannot be encoded (text that is not UTF-8); nothing is printed then.
   void writeJSON(const Json& value) const;
   void writeError(const std::string& code, const std::string& message,
                   const std::optional<CLIValidationDetails>& details) const;

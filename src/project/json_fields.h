@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "shared/json.h"
+#include "shared/name_table.h"
 
 namespace vumo::project_json {
 
@@ -20,12 +21,11 @@ std::uint64_t requiredUInt64(const Json& object, std::string_view key);
 std::uint32_t requiredUInt32(const Json& object, std::string_view key);
 std::optional<std::uint64_t> optionalUInt64(const Json& object, std::string_view key);
 
-// Enumerations stored as strings: the text must be one of `names`, whose position is the value.
+// Enumerations stored as strings: the text must be one of the table's words.
 template <class Enum, std::size_t N>
-Enum enumFromString(const Json& value, std::string_view context, const std::string_view (&names)[N]) {
+Enum enumFromString(const Json& value, std::string_view context, const NameTable<Enum, N>& names) {
   std::string text = json::asString(value, context);
-  for (std::size_t i = 0; i < N; ++i)
-    if (names[i] == text) return static_cast<Enum>(i);
+  if (auto parsed = parseName(names, text)) return *parsed;
   throw DecodingError("Cannot initialize " + std::string(context) + " from invalid String value " + text);
 }
 

@@ -6,22 +6,25 @@ namespace vumo {
 
 namespace {
 
-constexpr std::string_view stateNames[] = {"recording", "finalizing", "completed", "recovered", "failed"};
-constexpr std::string_view sourceKindNames[] = {"display", "window", "area", "device"};
+constexpr NameTable<ProjectState, 5> stateNames{{
+    {ProjectState::recording, "recording"},
+    {ProjectState::finalizing, "finalizing"},
+    {ProjectState::completed, "completed"},
+    {ProjectState::recovered, "recovered"},
+    {ProjectState::failed, "failed"},
+}};
 
-template <class T>
-void setIfPresent(Json& j, const char* key, const std::optional<T>& value) {
-  json::setOptional(j, key, value);
-}
-
-std::optional<std::int64_t> optionalInt64(const Json& j, std::string_view key) {
-  return json::optional<std::int64_t>(j, key);
-}
+constexpr NameTable<CaptureSourceKind, 4> sourceKindNames{{
+    {CaptureSourceKind::display, "display"},
+    {CaptureSourceKind::window, "window"},
+    {CaptureSourceKind::area, "area"},
+    {CaptureSourceKind::device, "device"},
+}};
 
 }  // namespace
 
-std::string_view projectStateName(ProjectState state) { return stateNames[static_cast<int>(state)]; }
-std::string_view captureSourceKindName(CaptureSourceKind kind) { return sourceKindNames[static_cast<int>(kind)]; }
+std::string_view projectStateName(ProjectState state) { return nameOf(stateNames, state); }
+std::string_view captureSourceKindName(CaptureSourceKind kind) { return nameOf(sourceKindNames, kind); }
 
 std::string CaptureSourceDescriptor::identifier() const {
   if (kind == CaptureSourceKind::device && deviceUniqueID) return "device-" + *deviceUniqueID;
@@ -30,11 +33,11 @@ std::string CaptureSourceDescriptor::identifier() const {
 
 void to_json(Json& j, const ProjectState& v) { j = std::string(projectStateName(v)); }
 void from_json(const Json& j, ProjectState& v) {
-  v = project_json::enumFromString<ProjectState>(j, "ProjectState", stateNames);
+  v = project_json::enumFromString(j, "ProjectState", stateNames);
 }
 void to_json(Json& j, const CaptureSourceKind& v) { j = std::string(captureSourceKindName(v)); }
 void from_json(const Json& j, CaptureSourceKind& v) {
-  v = project_json::enumFromString<CaptureSourceKind>(j, "CaptureSourceKind", sourceKindNames);
+  v = project_json::enumFromString(j, "CaptureSourceKind", sourceKindNames);
 }
 
 void to_json(Json& j, const CaptureSourceDescriptor& v) {
@@ -43,10 +46,10 @@ void to_json(Json& j, const CaptureSourceDescriptor& v) {
            {"title", v.title},
            {"globalFrame", v.globalFrame},
            {"initialPixelSize", v.initialPixelSize}};
-  setIfPresent(j, "applicationName", v.applicationName);
-  setIfPresent(j, "areaSourceRect", v.areaSourceRect);
-  setIfPresent(j, "pointPixelScale", v.pointPixelScale);
-  setIfPresent(j, "deviceUniqueID", v.deviceUniqueID);
+  json::setOptional(j, "applicationName", v.applicationName);
+  json::setOptional(j, "areaSourceRect", v.areaSourceRect);
+  json::setOptional(j, "pointPixelScale", v.pointPixelScale);
+  json::setOptional(j, "deviceUniqueID", v.deviceUniqueID);
 }
 
 void from_json(const Json& j, CaptureSourceDescriptor& v) {
@@ -68,8 +71,8 @@ void to_json(Json& j, const RecordingOptions& v) {
            {"capturesWebcam", v.capturesWebcam},
            {"capturesMenuBar", v.capturesMenuBar},
            {"framesPerSecond", v.framesPerSecond}};
-  setIfPresent(j, "microphoneDeviceID", v.microphoneDeviceID);
-  setIfPresent(j, "webcamDeviceID", v.webcamDeviceID);
+  json::setOptional(j, "microphoneDeviceID", v.microphoneDeviceID);
+  json::setOptional(j, "webcamDeviceID", v.webcamDeviceID);
 }
 
 void from_json(const Json& j, RecordingOptions& v) {
@@ -105,7 +108,7 @@ void from_json(const Json& j, MediaAsset& v) {
 
 void to_json(Json& j, const MicrophoneMediaInfo& v) {
   j = Json{{"deviceName", v.deviceName}};
-  setIfPresent(j, "deviceID", v.deviceID);
+  json::setOptional(j, "deviceID", v.deviceID);
 }
 
 void from_json(const Json& j, MicrophoneMediaInfo& v) {
@@ -139,16 +142,16 @@ void to_json(Json& j, const RecordingMetrics& v) {
            {"mouseEvents", v.mouseEvents},
            {"geometryRevisions", v.geometryRevisions},
            {"maximumClockOffsetNanoseconds", v.maximumClockOffsetNanoseconds}};
-  setIfPresent(j, "webcamFrames", v.webcamFrames);
-  setIfPresent(j, "droppedWebcamFrames", v.droppedWebcamFrames);
-  setIfPresent(j, "webcamInterruptions", v.webcamInterruptions);
-  setIfPresent(j, "maximumWebcamOffsetNanoseconds", v.maximumWebcamOffsetNanoseconds);
-  setIfPresent(j, "timeDiscontinuities", v.timeDiscontinuities);
-  setIfPresent(j, "pauseCount", v.pauseCount);
-  setIfPresent(j, "pausedDurationNanoseconds", v.pausedDurationNanoseconds);
-  setIfPresent(j, "maximumAVDriftNanoseconds", v.maximumAVDriftNanoseconds);
-  setIfPresent(j, "peakResidentMemoryBytes", v.peakResidentMemoryBytes);
-  setIfPresent(j, "writerStatus", v.writerStatus);
+  json::setOptional(j, "webcamFrames", v.webcamFrames);
+  json::setOptional(j, "droppedWebcamFrames", v.droppedWebcamFrames);
+  json::setOptional(j, "webcamInterruptions", v.webcamInterruptions);
+  json::setOptional(j, "maximumWebcamOffsetNanoseconds", v.maximumWebcamOffsetNanoseconds);
+  json::setOptional(j, "timeDiscontinuities", v.timeDiscontinuities);
+  json::setOptional(j, "pauseCount", v.pauseCount);
+  json::setOptional(j, "pausedDurationNanoseconds", v.pausedDurationNanoseconds);
+  json::setOptional(j, "maximumAVDriftNanoseconds", v.maximumAVDriftNanoseconds);
+  json::setOptional(j, "peakResidentMemoryBytes", v.peakResidentMemoryBytes);
+  json::setOptional(j, "writerStatus", v.writerStatus);
 }
 
 void from_json(const Json& j, RecordingMetrics& v) {
@@ -157,17 +160,17 @@ void from_json(const Json& j, RecordingMetrics& v) {
   v.droppedVideoFrames = json::required<std::int64_t>(j, "droppedVideoFrames");
   v.systemAudioSamples = json::required<std::int64_t>(j, "systemAudioSamples");
   v.microphoneSamples = json::required<std::int64_t>(j, "microphoneSamples");
-  v.webcamFrames = optionalInt64(j, "webcamFrames");
-  v.droppedWebcamFrames = optionalInt64(j, "droppedWebcamFrames");
-  v.webcamInterruptions = optionalInt64(j, "webcamInterruptions");
-  v.maximumWebcamOffsetNanoseconds = optionalInt64(j, "maximumWebcamOffsetNanoseconds");
+  v.webcamFrames = json::optional<std::int64_t>(j, "webcamFrames");
+  v.droppedWebcamFrames = json::optional<std::int64_t>(j, "droppedWebcamFrames");
+  v.webcamInterruptions = json::optional<std::int64_t>(j, "webcamInterruptions");
+  v.maximumWebcamOffsetNanoseconds = json::optional<std::int64_t>(j, "maximumWebcamOffsetNanoseconds");
   v.mouseEvents = json::required<std::int64_t>(j, "mouseEvents");
   v.geometryRevisions = json::required<std::int64_t>(j, "geometryRevisions");
   v.maximumClockOffsetNanoseconds = json::required<std::int64_t>(j, "maximumClockOffsetNanoseconds");
-  v.timeDiscontinuities = optionalInt64(j, "timeDiscontinuities");
-  v.pauseCount = optionalInt64(j, "pauseCount");
-  v.pausedDurationNanoseconds = optionalInt64(j, "pausedDurationNanoseconds");
-  v.maximumAVDriftNanoseconds = optionalInt64(j, "maximumAVDriftNanoseconds");
+  v.timeDiscontinuities = json::optional<std::int64_t>(j, "timeDiscontinuities");
+  v.pauseCount = json::optional<std::int64_t>(j, "pauseCount");
+  v.pausedDurationNanoseconds = json::optional<std::int64_t>(j, "pausedDurationNanoseconds");
+  v.maximumAVDriftNanoseconds = json::optional<std::int64_t>(j, "maximumAVDriftNanoseconds");
   v.peakResidentMemoryBytes = project_json::optionalUInt64(j, "peakResidentMemoryBytes");
   v.writerStatus = json::optional<std::string>(j, "writerStatus");
 }
@@ -184,10 +187,10 @@ void to_json(Json& j, const ProjectManifest& v) {
            {"duration", v.duration},
            {"media", v.media},
            {"metrics", v.metrics}};
-  setIfPresent(j, "microphone", v.microphone);
-  setIfPresent(j, "webcam", v.webcam);
-  setIfPresent(j, "cursorAssets", v.cursorAssets);
-  setIfPresent(j, "failureReason", v.failureReason);
+  json::setOptional(j, "microphone", v.microphone);
+  json::setOptional(j, "webcam", v.webcam);
+  json::setOptional(j, "cursorAssets", v.cursorAssets);
+  json::setOptional(j, "failureReason", v.failureReason);
 }
 
 void from_json(const Json& j, ProjectManifest& v) {

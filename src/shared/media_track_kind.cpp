@@ -1,21 +1,20 @@
 #include "shared/media_track_kind.h"
 
+#include "shared/name_table.h"
+
 namespace vumo {
 
-std::string_view rawValue(MediaTrackKind kind) {
-  switch (kind) {
-    case MediaTrackKind::screen: return "screen";
-    case MediaTrackKind::systemAudio: return "systemAudio";
-    case MediaTrackKind::microphone: return "microphone";
-  }
-  return "screen";
-}
+namespace {
+constexpr NameTable<MediaTrackKind, 3> trackKindNames{{
+    {MediaTrackKind::screen, "screen"},
+    {MediaTrackKind::systemAudio, "systemAudio"},
+    {MediaTrackKind::microphone, "microphone"},
+}};
+}  // namespace
 
-std::optional<MediaTrackKind> mediaTrackKindFromRawValue(std::string_view raw) {
-  for (auto kind : {MediaTrackKind::screen, MediaTrackKind::systemAudio, MediaTrackKind::microphone})
-    if (rawValue(kind) == raw) return kind;
-  return std::nullopt;
-}
+std::string_view rawValue(MediaTrackKind kind) { return nameOf(trackKindNames, kind); }
+
+std::optional<MediaTrackKind> mediaTrackKindFromRawValue(std::string_view raw) { return parseName(trackKindNames, raw); }
 
 void to_json(Json& j, const MediaTrackKind& kind) { j = std::string(rawValue(kind)); }
 

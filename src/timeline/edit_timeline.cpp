@@ -6,6 +6,7 @@
 #include <cmath>
 #include <utility>
 
+#include "shared/name_table.h"
 #include "timeline/annotation_track_assignment.h"
 
 namespace vumo {
@@ -13,24 +14,6 @@ namespace vumo {
 namespace {
 
 const char* const playbackRateText = "Playback speed must be a finite value from 0.50 to 4.00 in increments of 0.01.";
-
-// One table per enumeration: the case and its JSON string, in declaration order.
-template <class E, std::size_t N>
-using NameTable = std::array<std::pair<E, std::string_view>, N>;
-
-template <class E, std::size_t N>
-std::string_view nameOf(const NameTable<E, N>& table, E value) {
-  for (const auto& [candidate, name] : table)
-    if (candidate == value) return name;
-  return {};
-}
-
-template <class E, std::size_t N>
-std::optional<E> parseName(const NameTable<E, N>& table, std::string_view text) {
-  for (const auto& [candidate, name] : table)
-    if (name == text) return candidate;
-  return std::nullopt;
-}
 
 template <class E, std::size_t N>
 E decodeName(const NameTable<E, N>& table, const Json& j, std::string_view typeName) {
