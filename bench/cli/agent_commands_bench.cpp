@@ -49,7 +49,7 @@ Fixture& fixture() {
     source.initialPixelSize = {1920, 1080};
     CreatedProject created = made.store->createProject(source, {}, {1920, 1080}, std::nullopt, std::nullopt);
     // The commands never open the movie; listing only asks that it exists.
-    writeFileAtomically(created.package.mediaURL(), "movie");
+    writeFileAtomically(created.package.mediaPath(), "movie");
     {
       ChunkStore<MouseEvent> events(created.package.mouseEventsDirectory(), standardChunkMaximumCount,
                                     ProjectTime{INT64_MAX}, [](const MouseEvent& e) { return e.time; });

@@ -48,7 +48,7 @@ Fixture& fixture() {
     source.globalFrame = {0, 0, 2560, 1440};
     source.initialPixelSize = {2560, 1440};
     auto created = store.createProject(source, RecordingOptions{}, {2560, 1440}, std::nullopt, std::nullopt);
-    writeFileAtomically(created.package.mediaURL(), "media");
+    writeFileAtomically(created.package.mediaPath(), "media");
     std::mt19937_64 random(7);
     std::uniform_real_distribution<double> x(0, 2560), y(0, 1440);
     {
@@ -72,7 +72,7 @@ Fixture& fixture() {
     }
     created.manifest.duration = ProjectTime{static_cast<std::int64_t>(eventCount) * 3'990'000};
     f.package = store.finish(created.package, created.manifest);
-    for (const auto& file : ChunkFiles::existingChunkURLs(f.package.mouseEventsDirectory())) {
+    for (const auto& file : ChunkFiles::existingChunkPaths(f.package.mouseEventsDirectory())) {
       f.chunkBytes += fs::file_size(file);
       ++f.chunkFiles;
     }
@@ -83,7 +83,7 @@ Fixture& fixture() {
 
 // The floor: read each chunk file and parse it, nothing else.
 void BM_BareSimdjsonParse(benchmark::State& state) {
-  auto files = ChunkFiles::existingChunkURLs(fixture().package.mouseEventsDirectory());
+  auto files = ChunkFiles::existingChunkPaths(fixture().package.mouseEventsDirectory());
   simdjson::dom::parser parser;
   for (auto _ : state) {
     std::size_t elements = 0;

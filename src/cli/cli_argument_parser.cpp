@@ -169,7 +169,7 @@ PointValue parsePoint(std::string_view text) {
   return {*x, *y};
 }
 
-std::filesystem::path outputURL(const std::string& text) {
+std::filesystem::path outputPath(const std::string& text) {
   if (text.starts_with("/")) return text;
   if (text.empty() || text.find('/') != std::string::npos || text == "." || text == "..")
     throw CLIArgumentError::invalidValue("--out");
@@ -408,7 +408,7 @@ CLICommand parseFrame(const Words& words) {
   frame.milliseconds = options.int64("--ms", std::nullopt, 0, sevenDaysMilliseconds);
   auto out = options.value("--out");
   if (!out) throw CLIArgumentError::missingValue("--out");
-  frame.outputURL = outputURL(*out);
+  frame.outputPath = outputPath(*out);
   frame.width = options.int64("--width", 1280, 2, 3840);
   options.requireFlag("--replace");
   frame.replace = options.has("--replace");

@@ -169,7 +169,7 @@ struct CLICommand {
   struct Frame {
     std::string projectID;
     std::int64_t milliseconds = 0;
-    std::filesystem::path outputURL;
+    std::filesystem::path outputPath;
     std::int64_t width = 1280;
     bool replace = false;
     friend bool operator==(const Frame&, const Frame&) = default;

@@ -6,7 +6,7 @@
 
 #include "agent/agent_exchange.h"
 #include "captions/caption_errors.h"
-#include "cli/project_description.h"
+#include "cli/project_inspector.h"
 #include "shared/digest.h"
 #include "timeline/auto_zoom_engine.h"
 #include "timeline/timeline_edit_engine.h"
@@ -100,7 +100,7 @@ std::string ProjectCommandService::currentTimelineDigest(const ProjectPackage& p
 std::vector<CLIProjectSummary> ProjectCommandService::list() {
   std::vector<CLIProjectSummary> summaries;
   for (const auto& recent : store_.recentProjects()) {
-    ProjectPackage package{recent.packageURL};
+    ProjectPackage package{recent.packagePath};
     summaries.push_back(ProjectInspector::summary(store_.readManifest(package), package));
   }
   return summaries;
@@ -117,7 +117,7 @@ CLIHistoryResponse ProjectCommandService::history(const std::string& projectID) 
   response.projectID = store_.readManifest(package).id.string();
   std::int64_t index = 0;
   for (const auto& entry : store_.timelineHistory(package))
-    response.entries.push_back({index++, entry.url.filename().string(), entry.digest});
+    response.entries.push_back({index++, entry.path.filename().string(), entry.digest});
   return response;
 }
 

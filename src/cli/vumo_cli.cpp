@@ -10,7 +10,7 @@
 #include "agent/timeline_plan_engine.h"
 #include "cli/cli_errors.h"
 #include "cli/project_command_service.h"
-#include "cli/system_information.h"
+#include "cli/system_capability_inspector.h"
 #include "project/project_store.h"
 #include "shared/files.h"
 
@@ -89,7 +89,7 @@ Json VumoCLI::execute(const CLICommand& command) {
         } else if constexpr (std::is_same_v<T, CLICommand::EditPlan>) {
           return service.executeEditPlan(request.request);
         } else if constexpr (std::is_same_v<T, CLICommand::Frame>) {
-          prepareOutput(request.outputURL, request.replace);
+          prepareOutput(request.outputPath, request.replace);
           service.load(request.projectID);
           throw CLIUnavailableError("Rendering a frame");
         } else if constexpr (std::is_same_v<T, CLICommand::Idle>) {
@@ -157,12 +157,12 @@ std::optional<CLIValidationDetails> VumoCLI::validationDetails(const std::except
   return details;
 }
 
-void VumoCLI::prepareOutput(const std::filesystem::path& url, bool replace) {
-  if (!url.is_absolute()) throw CLIArgumentError::invalidValue("--out");
+void VumoCLI::prepareOutput(const std::filesystem::path& path, bool replace) {
+  if (!path.is_absolute()) throw CLIArgumentError::invalidValue("--out");
   std::error_code ignored;
-  if (std::filesystem::exists(std::filesystem::symlink_status(url, ignored)) && !replace)
-    throw CLIOutputError::outputExists(url.string());
-  std::filesystem::path parent = url.parent_path();
+  if (std::filesystem::exists(std::filesystem::symlink_status(path, ignored)) && !replace)
+    throw CLIOutputError::outputExists(path.string());
+  std::filesystem::path parent = path.parent_path();
   if (std::filesystem::exists(parent, ignored)) return;
   createDirectories(applicationSupportDirectory());
   std::filesystem::path exports = defaultExportsDirectory();

@@ -14,13 +14,13 @@ namespace vumo {
 
 std::string ChunkFiles::fileName(std::uint64_t index) { return fmt::format("{:06}.json", index); }
 
-std::vector<std::filesystem::path> ChunkFiles::existingChunkURLs(const std::filesystem::path& directory) {
+std::vector<std::filesystem::path> ChunkFiles::existingChunkPaths(const std::filesystem::path& directory) {
   return visibleFilesWithExtension(directory, ".json");
 }
 
 std::uint64_t ChunkFiles::nextIndex(const std::filesystem::path& directory) {
   std::uint64_t next = 0;
-  for (const auto& path : existingChunkURLs(directory)) {
+  for (const auto& path : existingChunkPaths(directory)) {
     std::string stem = path.stem().string();
     if (stem.empty() || stem.size() > 19 || stem.find_first_not_of("0123456789") != std::string::npos) continue;
     std::uint64_t index = std::stoull(stem);

@@ -372,7 +372,7 @@ void ChunkReader::decodeInto(std::string_view bytes, std::vector<Record>& out) {
 
 template <class Record>
 std::vector<Record> ChunkReader::readFolder(const std::filesystem::path& directory) {
-  auto files = ChunkFiles::existingChunkURLs(directory);
+  auto files = ChunkFiles::existingChunkPaths(directory);
   std::uintmax_t totalBytes = 0;
   for (const auto& file : files) {
     std::error_code ignored;

@@ -25,7 +25,7 @@ class ChunkReader {
   ChunkReader(const ChunkReader&) = delete;
   ChunkReader& operator=(const ChunkReader&) = delete;
 
-  // The chunks of a folder (ChunkFiles::existingChunkURLs) in name order, concatenated. A chunk
+  // The chunks of a folder (ChunkFiles::existingChunkPaths) in name order, concatenated. A chunk
   // that does not decode is a DecodingError naming the file; a missing folder is empty.
   std::vector<MouseEvent> readMouseEvents(const std::filesystem::path& directory);
   std::vector<GeometrySample> readGeometrySamples(const std::filesystem::path& directory);

@@ -24,7 +24,7 @@ struct ChunkFiles {
   static std::string fileName(std::uint64_t index);
   // The visible `.json` files of a folder sorted by name. A missing folder is empty; one that
   // cannot be listed is a FileError.
-  static std::vector<std::filesystem::path> existingChunkURLs(const std::filesystem::path& directory);
+  static std::vector<std::filesystem::path> existingChunkPaths(const std::filesystem::path& directory);
   // One past the highest numbered chunk in the folder, so a store reopened on a folder continues
   // the numbering instead of overwriting.
   static std::uint64_t nextIndex(const std::filesystem::path& directory);
@@ -86,8 +86,8 @@ class ChunkStore {
 
   const std::filesystem::path& directory() const { return directory_; }
 
-  static std::vector<std::filesystem::path> existingChunkURLs(const std::filesystem::path& directory) {
-    return ChunkFiles::existingChunkURLs(directory);
+  static std::vector<std::filesystem::path> existingChunkPaths(const std::filesystem::path& directory) {
+    return ChunkFiles::existingChunkPaths(directory);
   }
 
  private:

@@ -4,7 +4,7 @@
 
 namespace vumo {
 
-std::filesystem::path ProjectPackage::preSchemaTimelineBackupURL(int schemaVersion) const {
+std::filesystem::path ProjectPackage::preSchemaTimelineBackupPath(int schemaVersion) const {
   return editsDirectory() / ("timeline.pre-schema" + std::to_string(schemaVersion) + ".json");
 }
 

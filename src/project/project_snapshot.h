@@ -30,7 +30,7 @@ struct CanvasBackgroundAssetPayload {
 
 // A project read whole at one moment: a plain value, safe to hand to another thread.
 struct ProjectSnapshot {
-  std::filesystem::path packageURL;
+  std::filesystem::path packagePath;
   ProjectManifest manifest;
   std::vector<MouseEvent> mouseEvents;
   std::vector<GeometrySample> geometry;
@@ -43,7 +43,7 @@ struct ProjectSnapshot {
 
 // One row of the project list.
 struct RecentProject {
-  std::filesystem::path packageURL;
+  std::filesystem::path packagePath;
   Timestamp createdAt;
   Timestamp updatedAt;
   ProjectState state = ProjectState::completed;

@@ -17,7 +17,7 @@
 #include "project/file_lock.h"
 #include "project/folder_listing.h"
 #include "project/media_probe.h"
-#include "project/project_history.h"
+#include "project/project_history_files.h"
 #include "shared/digest.h"
 #include "shared/files.h"
 #include "timeline/device_frame_catalog.h"
@@ -114,7 +114,7 @@ struct CaptionsFile {
 
 CaptionsFile readCaptionsFile(const ProjectPackage& package) {
   CaptionsFile file;
-  file.bytes = readIfExists(package.captionsURL());
+  file.bytes = readIfExists(package.captionsPath());
   if (file.bytes) file.document = decodeCaptionDocument(*file.bytes);
   file.digest = digestOf(file.bytes);
   return file;
@@ -124,7 +124,7 @@ void preserveBackups(std::int64_t newSchema, const std::string& oldBytes, const 
   std::int64_t oldSchema = decodeEditTimeline(oldBytes).schemaVersion;
   for (int n = 3; n <= EditTimeline::currentSchemaVersion; ++n) {
     if (newSchema < n || oldSchema >= n) continue;
-    fs::path backup = package.preSchemaTimelineBackupURL(n);
+    fs::path backup = package.preSchemaTimelineBackupPath(n);
     std::error_code error;
     if (fs::exists(fs::symlink_status(backup, error))) continue;
     writeFileAtomically(backup, oldBytes);
@@ -157,7 +157,7 @@ CreatedProject ProjectStore::createProject(const CaptureSourceDescriptor& source
   Uuid id = Uuid::random();
   ProjectPackage package{projectsDirectory_ / (id.string() + std::string(unfinishedSuffix))};
   for (const fs::path& folder :
-       {package.rootURL, package.rootURL / "media", package.mouseEventsDirectory(), package.geometryDirectory(),
+       {package.rootPath, package.rootPath / "media", package.mouseEventsDirectory(), package.geometryDirectory(),
         package.cursorAssetsDirectory(), package.cursorEventsDirectory(), package.editsDirectory(),
         package.diagnosticsDirectory(), package.waveformCacheDirectory()})
     createDirectories(folder);
@@ -196,7 +196,7 @@ CreatedProject ProjectStore::createProject(const CaptureSourceDescriptor& source
 }
 
 void ProjectStore::updateManifest(const ProjectManifest& manifest, const ProjectPackage& package) {
-  writeFileAtomically(package.manifestURL(), encodeProjectManifest(manifest));
+  writeFileAtomically(package.manifestPath(), encodeProjectManifest(manifest));
 }
 
 ProjectPackage ProjectStore::finish(const ProjectPackage& package, ProjectManifest& manifest) {
@@ -214,12 +214,12 @@ void ProjectStore::markFailed(const ProjectPackage& package, ProjectManifest& ma
 }
 
 ProjectManifest ProjectStore::readManifest(const ProjectPackage& package) const {
-  return decodeProjectManifest(readFile(package.manifestURL()));
+  return decodeProjectManifest(readFile(package.manifestPath()));
 }
 
 void ProjectStore::writeReport(const DiagnosticReport& report, const ProjectPackage& package) {
   createDirectories(package.diagnosticsDirectory());
-  writeFileAtomically(package.reportURL(), encodeDiagnosticReport(report));
+  writeFileAtomically(package.reportPath(), encodeDiagnosticReport(report));
 }
 
 void ProjectStore::writeCanvasBackgroundAsset(const CanvasBackgroundAssetPayload& payload,
@@ -229,13 +229,13 @@ void ProjectStore::writeCanvasBackgroundAsset(const CanvasBackgroundAssetPayload
   if (!isLowerHex(image.id) || image.relativePath != "assets/backgrounds/" + image.id + extension)
     throw ProjectStoreError::invalidProjectLocation();
   createDirectories(package.canvasBackgroundsDirectory());
-  fs::path target = package.rootURL / image.relativePath;
+  fs::path target = package.rootPath / image.relativePath;
   if (auto existing = readIfExists(target); existing && sha256Hex(*existing) == image.id) return;
   writeFileAtomically(target, payload.imageData);
 }
 
 ProjectPackage ProjectStore::renameToFinal(const ProjectPackage& package) {
-  fs::path root = standardized(package.rootURL);
+  fs::path root = standardized(package.rootPath);
   fs::path base = root.filename().stem().stem();
   fs::path final = root.parent_path() / (base.string() + std::string(finishedSuffix));
   if (final == root) return ProjectPackage{final};
@@ -248,7 +248,7 @@ ProjectPackage ProjectStore::renameToFinal(const ProjectPackage& package) {
 // ---- Timeline ----------------------------------------------------------------------------------
 
 std::string ProjectStore::timelineDigest(const ProjectPackage& package) const {
-  return digestOf(readIfExists(package.timelineURL()));
+  return digestOf(readIfExists(package.timelinePath()));
 }
 
 EditTimeline ProjectStore::readTimeline(const ProjectPackage& package, ProjectTime sourceDuration,
@@ -260,14 +260,14 @@ TimelineState ProjectStore::readTimelineState(const ProjectPackage& package, Pro
                                               bool hasWebcam) const {
   // Digest and document come from the same bytes, so a commit in between cannot pair one file's
   // digest with another file's content.
-  auto bytes = readIfExists(package.timelineURL());
+  auto bytes = readIfExists(package.timelinePath());
   EditTimeline decoded = bytes ? decodeEditTimeline(*bytes) : EditTimeline::empty();
   return {acceptedTimeline(decoded, sourceDuration, hasWebcam), digestOf(bytes)};
 }
 
 void ProjectStore::writeTimeline(const EditTimeline& timeline, const ProjectPackage& package) {
   preserveTimelineMigrationBackups(timeline, package);
-  writeFileAtomically(package.timelineURL(), encodeEditTimeline(timeline));
+  writeFileAtomically(package.timelinePath(), encodeEditTimeline(timeline));
 }
 
 std::vector<std::string> ProjectStore::commitTimeline(const EditTimeline& timeline, const std::string& expectedDigest,
@@ -286,12 +286,12 @@ std::pair<std::string, std::vector<std::string>> ProjectStore::replaceTimeline(
     const std::optional<std::string>& expectedCaptionsDigest, bool preservesHistory, const ProjectPackage& package) {
   // Timeline lock first, captions lock second, in every writer: two writers cannot deadlock.
   // Destruction releases them in reverse order on every path.
-  ExclusiveFileLock timelineLock(package.timelineLockURL());
+  ExclusiveFileLock timelineLock(package.timelineLockPath());
   std::optional<ExclusiveFileLock> captionsLock;
-  if (expectedCaptionsDigest) captionsLock.emplace(package.captionsLockURL());
+  if (expectedCaptionsDigest) captionsLock.emplace(package.captionsLockPath());
 
   // Both checks come before any write, so a conflict changes nothing.
-  auto oldBytes = readIfExists(package.timelineURL());
+  auto oldBytes = readIfExists(package.timelinePath());
   std::string actual = digestOf(oldBytes);
   if (actual != expectedDigest) throw ProjectStoreError::timelineDigestConflict(expectedDigest, actual);
   if (expectedCaptionsDigest) {
@@ -307,8 +307,8 @@ std::pair<std::string, std::vector<std::string>> ProjectStore::replaceTimeline(
                         *oldBytes);
   }
   if (oldBytes) preserveBackups(timeline.schemaVersion, *oldBytes, package);
-  writeFileAtomically(package.timelineURL(), encodeEditTimeline(timeline));
-  std::string digest = sha256HexOfFile(package.timelineURL());
+  writeFileAtomically(package.timelinePath(), encodeEditTimeline(timeline));
+  std::string digest = sha256HexOfFile(package.timelinePath());
 
   std::vector<std::string> warnings;
   if (preservesHistory) {
@@ -338,7 +338,7 @@ EditTimeline ProjectStore::historyTimeline(std::int64_t index, const ProjectPack
 }
 
 void ProjectStore::preserveTimelineMigrationBackups(const EditTimeline& timeline, const ProjectPackage& package) {
-  if (auto bytes = readIfExists(package.timelineURL())) preserveBackups(timeline.schemaVersion, *bytes, package);
+  if (auto bytes = readIfExists(package.timelinePath())) preserveBackups(timeline.schemaVersion, *bytes, package);
 }
 
 // ---- Captions ----------------------------------------------------------------------------------
@@ -354,8 +354,8 @@ CaptionsState ProjectStore::captionsState(const ProjectPackage& package) const {
 
 std::string ProjectStore::commitCaptions(const CaptionDocument& document, const std::string& expectedCaptionsDigest,
                                          const std::string& expectedTimelineDigest, const ProjectPackage& package) {
-  ExclusiveFileLock timelineLock(package.timelineLockURL());
-  ExclusiveFileLock captionsLock(package.captionsLockURL());
+  ExclusiveFileLock timelineLock(package.timelineLockPath());
+  ExclusiveFileLock captionsLock(package.captionsLockPath());
 
   std::string actualTimeline = timelineDigest(package);
   if (actualTimeline != expectedTimelineDigest)
@@ -372,19 +372,19 @@ std::string ProjectStore::commitCaptions(const CaptionDocument& document, const 
   if (current.bytes)
     writeFileAtomically(history / ProjectHistoryFiles::captionFileName(std::chrono::system_clock::now(), Uuid::random()),
                         *current.bytes);
-  writeFileAtomically(package.captionsURL(), encodeCaptionDocument(accepted));
+  writeFileAtomically(package.captionsPath(), encodeCaptionDocument(accepted));
   ProjectHistoryFiles::trim(history);
-  return sha256HexOfFile(package.captionsURL());
+  return sha256HexOfFile(package.captionsPath());
 }
 
 std::string ProjectStore::writeCaptions(const CaptionDocument& document, const std::string& expectedDigest,
                                         const ProjectPackage& package) {
-  ExclusiveFileLock captionsLock(package.captionsLockURL());
+  ExclusiveFileLock captionsLock(package.captionsLockPath());
   std::string actual = readCaptionsFile(package).digest;
   if (actual != expectedDigest) throw ProjectStoreError::captionsDigestConflict(expectedDigest, actual);
   CaptionDocument accepted = document.validated(readManifest(package).duration);
-  writeFileAtomically(package.captionsURL(), encodeCaptionDocument(accepted));
-  return sha256HexOfFile(package.captionsURL());
+  writeFileAtomically(package.captionsPath(), encodeCaptionDocument(accepted));
+  return sha256HexOfFile(package.captionsPath());
 }
 
 // ---- Finding, loading, removing ------------------------------------------------------------------
@@ -395,7 +395,7 @@ std::vector<RecentProject> ProjectStore::recentProjects() const {
     if (entry.extension() != finishedSuffix || !isDirectory(entry)) continue;
     ProjectPackage package{entry};
     std::error_code error;
-    if (!fs::exists(package.mediaURL(), error)) continue;
+    if (!fs::exists(package.mediaPath(), error)) continue;
     ProjectManifest manifest;
     try {
       manifest = readManifest(package);
@@ -408,7 +408,7 @@ std::vector<RecentProject> ProjectStore::recentProjects() const {
   }
   std::sort(projects.begin(), projects.end(), [](const RecentProject& a, const RecentProject& b) {
     if (a.updatedAt != b.updatedAt) return a.updatedAt > b.updatedAt;
-    return a.packageURL.filename().native() < b.packageURL.filename().native();
+    return a.packagePath.filename().native() < b.packagePath.filename().native();
   });
   return projects;
 }
@@ -417,7 +417,7 @@ ProjectPackage ProjectStore::project(const std::string& matchingIDPrefix) const 
   std::string prefix = uppercased(matchingIDPrefix);
   std::vector<ProjectPackage> matches;
   for (const RecentProject& recent : recentProjects()) {
-    ProjectPackage package{recent.packageURL};
+    ProjectPackage package{recent.packagePath};
     std::string id;
     try {
       id = readManifest(package).id.string();
@@ -433,7 +433,7 @@ ProjectPackage ProjectStore::project(const std::string& matchingIDPrefix) const 
 
 ProjectSnapshot ProjectStore::loadSnapshot(const ProjectPackage& package) const {
   ProjectSnapshot snapshot;
-  snapshot.packageURL = package.rootURL;
+  snapshot.packagePath = package.rootPath;
   snapshot.manifest = readManifest(package);
   const ProjectTime duration = snapshot.manifest.duration;
   const bool hasWebcam = snapshot.manifest.webcam.has_value();
@@ -448,11 +448,11 @@ ProjectSnapshot ProjectStore::loadSnapshot(const ProjectPackage& package) const 
     snapshot.cursorAssets.push_back({std::move(descriptor), std::move(png)});
   }
 
-  auto timelineBytes = readIfExists(package.timelineURL());
+  auto timelineBytes = readIfExists(package.timelinePath());
   snapshot.timeline = acceptedTimeline(timelineBytes ? decodeEditTimeline(*timelineBytes) : EditTimeline::empty(),
                                        duration, hasWebcam);
 
-  if (auto captionBytes = readIfExists(package.captionsURL()))
+  if (auto captionBytes = readIfExists(package.captionsPath()))
     snapshot.captions = decodeCaptionDocument(*captionBytes).validated(duration);
 
   if (const auto& image = snapshot.timeline.canvas.image) {
@@ -465,7 +465,7 @@ ProjectSnapshot ProjectStore::loadSnapshot(const ProjectPackage& package) const 
                   name != "." && name != "..";
     if (!inside)
       throw FileError(fmt::format("The canvas background {} is outside the project package", image->relativePath));
-    snapshot.canvasBackgroundAssets.push_back({*image, readFile(package.rootURL / image->relativePath)});
+    snapshot.canvasBackgroundAssets.push_back({*image, readFile(package.rootPath / image->relativePath)});
   }
   return snapshot;
 }
@@ -477,27 +477,27 @@ bool ProjectStore::isDirectlyInProjectsFolder(const fs::path& path) const {
 }
 
 void ProjectStore::deleteProject(const RecentProject& recent) {
-  fs::path url = standardized(recent.packageURL);
-  if (url.extension() != finishedSuffix || !isDirectlyInProjectsFolder(url))
+  fs::path path = standardized(recent.packagePath);
+  if (path.extension() != finishedSuffix || !isDirectlyInProjectsFolder(path))
     throw ProjectStoreError::invalidProjectLocation();
-  removeAllOrThrow(url);
+  removeAllOrThrow(path);
 }
 
 void ProjectStore::discardRecording(const ProjectPackage& package) {
-  fs::path url = standardized(package.rootURL);
-  std::string name = url.filename().string();
+  fs::path path = standardized(package.rootPath);
+  std::string name = path.filename().string();
   std::error_code error;
-  bool isLink = fs::is_symlink(fs::symlink_status(url, error));
-  if (!endsWith(name, unfinishedSuffix) || isLink || !isDirectlyInProjectsFolder(url))
+  bool isLink = fs::is_symlink(fs::symlink_status(path, error));
+  if (!endsWith(name, unfinishedSuffix) || isLink || !isDirectlyInProjectsFolder(path))
     throw ProjectStoreError::invalidProjectLocation();
   std::string base = name.substr(0, name.size() - unfinishedSuffix.size());
   if (!Uuid::parse(base)) throw ProjectStoreError::invalidProjectLocation();
 
   // Out of every listing's sight first; the removal may then fail or be cut short by a crash,
   // and cleanupDiscardedRecordings finishes it.
-  fs::path discarding = url.parent_path() / (base + std::string(discardingSuffix));
+  fs::path discarding = path.parent_path() / (base + std::string(discardingSuffix));
   if (fs::exists(fs::symlink_status(discarding, error))) removeAllOrThrow(discarding);
-  renameOrThrow(url, discarding);
+  renameOrThrow(path, discarding);
   fs::remove_all(discarding, error);
 }
 
@@ -554,7 +554,7 @@ std::vector<RecoverableProject> ProjectStore::recoverableProjects() const {
     } catch (const Error&) {
       continue;
     }
-    auto media = MediaProbe::inspect(package.mediaURL());
+    auto media = MediaProbe::inspect(package.mediaPath());
     if (!media || !media->isPlayableRecording()) continue;
     result.push_back({package, std::move(manifest), *media->duration});
   }

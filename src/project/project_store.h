@@ -55,7 +55,7 @@ struct CaptionsState {
 };
 
 struct TimelineHistoryEntry {
-  std::filesystem::path url;
+  std::filesystem::path path;
   std::string digest;
   friend bool operator==(const TimelineHistoryEntry&, const TimelineHistoryEntry&) = default;
 };
@@ -78,7 +78,7 @@ class ProjectStore {
   ProjectStore(const ProjectStore&) = delete;
   ProjectStore& operator=(const ProjectStore&) = delete;
 
-  const std::filesystem::path& projectsDirectoryURL() const { return projectsDirectory_; }
+  const std::filesystem::path& projectsDirectoryPath() const { return projectsDirectory_; }
   static std::filesystem::path defaultProjectsDirectory();
 
   // ---- Package lifecycle ------------------------------------------------------------------

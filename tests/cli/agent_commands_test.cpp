@@ -30,7 +30,7 @@ class AgentCommandsTest : public ::testing::Test {
     ProjectStore store;
     package_ = new ProjectPackage(makeSampleProject(store));
     id_ = store.readManifest(*package_).id.string();
-    pristine_ = new Bytes(packageBytes(package_->rootURL));
+    pristine_ = new Bytes(packageBytes(package_->rootPath));
   }
   static void TearDownTestSuite() {
     delete pristine_;
@@ -39,10 +39,10 @@ class AgentCommandsTest : public ::testing::Test {
   }
   // Each test starts from the project as generated.
   void SetUp() override {
-    std::filesystem::remove_all(package_->rootURL);
+    std::filesystem::remove_all(package_->rootPath);
     for (const auto& [relative, content] : *pristine_) {
-      std::filesystem::create_directories((package_->rootURL / relative).parent_path());
-      std::ofstream(package_->rootURL / relative, std::ios::binary) << content;
+      std::filesystem::create_directories((package_->rootPath / relative).parent_path());
+      std::ofstream(package_->rootPath / relative, std::ios::binary) << content;
     }
     std::filesystem::remove_all(home_->path() / "Vumo" / "AgentExchange");
   }
@@ -85,7 +85,7 @@ TEST_F(AgentCommandsTest, ListAndDescribeReadTheProjectInMilliseconds) {
   EXPECT_EQ(description["clickMilliseconds"], (Json{2000, 2400, 2900, 7000, 7300}));
   EXPECT_EQ(description["captionCueCount"], 0);
   EXPECT_FALSE(description.contains("captionLanguage"));
-  EXPECT_EQ(description["timelineDigest"], sha256HexOfFile(package_->timelineURL()));
+  EXPECT_EQ(description["timelineDigest"], sha256HexOfFile(package_->timelinePath()));
   EXPECT_EQ(description["tracks"], (Json{{"screen", true}, {"systemAudio", true}, {"microphone", false}, {"webcam", false}}));
   EXPECT_GE(description["zooms"].size(), 1u);
 }
@@ -100,7 +100,7 @@ TEST_F(AgentCommandsTest, PreviewWritesNothingAndItsArgumentsCommitTheSameChange
   Json preview = ok({"cut", prefix(), "--range", "1000,2500"});
   EXPECT_FALSE(preview["applied"]);
   EXPECT_FALSE(preview.contains("resultingDigest"));
-  EXPECT_EQ(packageBytes(package_->rootURL), *pristine_);
+  EXPECT_EQ(packageBytes(package_->rootPath), *pristine_);
 
   Json commit = ok(confirmation(preview));
   EXPECT_TRUE(commit["applied"]);
@@ -115,10 +115,10 @@ TEST_F(AgentCommandsTest, AStaleDigestIsAConflictThatChangesNothing) {
   Json preview = ok({"speed-set", prefix(), "--range", "3000,6000", "--rate", "2"});
   EXPECT_EQ(confirmation(preview)[5], "2");
   ok(confirmation(ok({"set", prefix(), "cursor.scale=1.5"})));
-  Bytes before = packageBytes(package_->rootURL);
+  Bytes before = packageBytes(package_->rootPath);
   Json conflict = failure(confirmation(preview), 4);
   EXPECT_EQ(conflict["error"], "timeline_conflict");
-  EXPECT_EQ(packageBytes(package_->rootURL), before);
+  EXPECT_EQ(packageBytes(package_->rootPath), before);
 }
 
 TEST_F(AgentCommandsTest, RestoringTheNewestHistoryEntryTogglesBetweenTwoStates) {
@@ -234,9 +234,9 @@ TEST_F(EditPlanTest, AChangedPlanFileIsAConflict) {
   Json changed = speedAndZoom();
   changed[1]["rate"] = 3.0;
   writePlan(job, changed);
-  Bytes before = packageBytes(package_->rootURL);
+  Bytes before = packageBytes(package_->rootPath);
   EXPECT_EQ(failure(confirmation(preview), 4)["error"], "edit_plan_conflict");
-  EXPECT_EQ(packageBytes(package_->rootURL), before);
+  EXPECT_EQ(packageBytes(package_->rootPath), before);
 }
 
 TEST_F(EditPlanTest, LinksOversizedAndMalformedPlansAreRefused) {
@@ -259,7 +259,7 @@ TEST_F(EditPlanTest, LinksOversizedAndMalformedPlansAreRefused) {
   writePlan(job, Json::parse(R"([{"type": "speed", "range": {"startMilliseconds": 0, "endMilliseconds": 100}, "rate": 9}])"));
   EXPECT_EQ(failure({"edit-plan-preview", prefix(), "--job", job["jobID"]}, 5)["message"],
             "Edit Plan包含无效或互相冲突的操作。");
-  EXPECT_EQ(packageBytes(package_->rootURL), *pristine_);
+  EXPECT_EQ(packageBytes(package_->rootPath), *pristine_);
 }
 
 TEST_F(EditPlanTest, AJobOfAnotherTimelineIsStale) {
@@ -276,7 +276,7 @@ TEST_F(EditPlanTest, CaptionsAreReadInSourceTimeAndAPlanReportsWhatItsCutsDoToTh
   CaptionDocument document;
   document.sourceTrack = MediaTrackKind::systemAudio;
   document.language = "zh-Hans";
-  document.basedOnTimelineDigest = sha256HexOfFile(package_->timelineURL());
+  document.basedOnTimelineDigest = sha256HexOfFile(package_->timelinePath());
   document.cues = {{Uuid::random(), ProjectTime::fromMilliseconds(400), ProjectTime::fromMilliseconds(1200), "开始录制", {}, {}},
                    {Uuid::random(), ProjectTime::fromMilliseconds(4000), ProjectTime::fromMilliseconds(5000), "打开设置", {}, {}}};
   store.commitCaptions(document, store.captionsDigest(*package_), store.timelineDigest(*package_), *package_);
@@ -297,10 +297,10 @@ TEST_F(EditPlanTest, CaptionsAreReadInSourceTimeAndAPlanReportsWhatItsCutsDoToTh
   Json preview = ok({"edit-plan-preview", prefix(), "--job", job["jobID"]});
   EXPECT_EQ(preview["fullyRemovedCaptionIDs"], (Json{document.cues[0].id.string()}));
   EXPECT_EQ(preview["captionImpacts"][0]["kind"], "fully-removed");
-  Bytes before = packageBytes(package_->rootURL);
+  Bytes before = packageBytes(package_->rootPath);
   ok(confirmation(preview));
   // A timeline commit never changes the caption file.
-  EXPECT_EQ(packageBytes(package_->rootURL).at("edits/captions.json"), before.at("edits/captions.json"));
+  EXPECT_EQ(packageBytes(package_->rootPath).at("edits/captions.json"), before.at("edits/captions.json"));
 }
 
 TEST_F(AgentCommandsTest, CaptionsReadWithoutCaptionsGivesAHint) {

@@ -218,12 +218,12 @@ TEST(ParserTest, CaptionAndPlanRequests) {
 TEST(ParserTest, BareOutputNamesLandInTheExportsFolderWhichIsNotCreatedYet) {
   testing::ScopedDataHome home;
   auto frame = std::get<CLICommand::Frame>(CLIArgumentParser::parse(words("frame abc --ms 5000 --out shot.png")).value);
-  EXPECT_EQ(frame.outputURL, home.path() / "Vumo" / "Exports" / "shot.png");
+  EXPECT_EQ(frame.outputPath, home.path() / "Vumo" / "Exports" / "shot.png");
   EXPECT_EQ(frame.width, 1280);
   EXPECT_FALSE(std::filesystem::exists(home.path() / "Vumo" / "Exports"));
   auto absolute = std::get<CLICommand::Frame>(
       CLIArgumentParser::parse(words("frame abc --ms 0 --out /tmp/a.png --width 3840 --replace")).value);
-  EXPECT_EQ(absolute.outputURL, "/tmp/a.png");
+  EXPECT_EQ(absolute.outputPath, "/tmp/a.png");
   EXPECT_TRUE(absolute.replace);
 }
 

@@ -38,7 +38,7 @@ std::unique_ptr<MouseChunkStore> standardStore(const fs::path& directory) {
 std::vector<std::size_t> chunkSizes(const fs::path& directory) {
   std::vector<std::size_t> sizes;
   ChunkReader reader;
-  for (const auto& file : ChunkFiles::existingChunkURLs(directory))
+  for (const auto& file : ChunkFiles::existingChunkPaths(directory))
     sizes.push_back(reader.decodeMouseEvents(readFile(file)).size());
   return sizes;
 }
@@ -55,7 +55,7 @@ TEST(ChunkStore, TheFiveHundredthRecordClosesAChunkAndTheNextStartsANewOne) {
   for (int i = 0; i < 501; ++i) store->append(eventAt(0, i));
   store->flush();
   EXPECT_EQ(chunkSizes(dir.path() / "events"), (std::vector<std::size_t>{500, 1}));
-  EXPECT_EQ(names(ChunkFiles::existingChunkURLs(dir.path() / "events")),
+  EXPECT_EQ(names(ChunkFiles::existingChunkPaths(dir.path() / "events")),
             (std::vector<std::string>{"000000.json", "000001.json"}));
 }
 
@@ -86,7 +86,7 @@ TEST(ChunkStore, FlushWithNothingBufferedWritesNoFile) {
   EXPECT_TRUE(fs::is_directory(dir.path() / "a" / "b"));
   store->flush();
   store->flush();
-  EXPECT_TRUE(ChunkFiles::existingChunkURLs(dir.path() / "a" / "b").empty());
+  EXPECT_TRUE(ChunkFiles::existingChunkPaths(dir.path() / "a" / "b").empty());
 }
 
 TEST(ChunkStore, ANewStoreContinuesAfterTheHighestExistingChunk) {
@@ -173,9 +173,9 @@ TEST(ChunkStore, ExistingChunksAreTheVisibleJsonFilesInNameOrder) {
   testing::TemporaryDirectory dir;
   for (const char* name : {"000001.json", "active.tmp", ".000002.json", "000000.json", "readme.txt", "000010.json"})
     writeFileAtomically(dir.path() / name, "[]");
-  EXPECT_EQ(names(ChunkFiles::existingChunkURLs(dir.path())),
+  EXPECT_EQ(names(ChunkFiles::existingChunkPaths(dir.path())),
             (std::vector<std::string>{"000000.json", "000001.json", "000010.json"}));
-  EXPECT_TRUE(ChunkFiles::existingChunkURLs(dir.path() / "missing").empty());
+  EXPECT_TRUE(ChunkFiles::existingChunkPaths(dir.path() / "missing").empty());
 }
 
 TEST(ChunkStore, GeometryAndCursorShapeStreamsRoundTrip) {

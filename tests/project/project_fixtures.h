@@ -35,7 +35,7 @@ struct StoreFixture {
   ProjectPackage finishedProject(ProjectTime duration = ProjectTime::fromMilliseconds(10'000),
                                  const std::string& mediaBytes = "placeholder") {
     auto created = store.createProject(displaySource(), RecordingOptions{}, {1920, 1080}, std::nullopt, std::nullopt);
-    writeFileAtomically(created.package.mediaURL(), mediaBytes);
+    writeFileAtomically(created.package.mediaPath(), mediaBytes);
     created.manifest.duration = duration;
     return store.finish(created.package, created.manifest);
   }

@@ -139,22 +139,22 @@ TEST(ProjectManifest, ASourceIdentifierNamesItsKindAndId) {
 
 TEST(ProjectPackage, DerivesEveryPathFromTheRoot) {
   ProjectPackage p{"/p/X.vumo"};
-  EXPECT_EQ(p.manifestURL(), "/p/X.vumo/manifest.json");
-  EXPECT_EQ(p.mediaURL(), "/p/X.vumo/media/recording.mov");
+  EXPECT_EQ(p.manifestPath(), "/p/X.vumo/manifest.json");
+  EXPECT_EQ(p.mediaPath(), "/p/X.vumo/media/recording.mov");
   EXPECT_EQ(p.mouseEventsDirectory(), "/p/X.vumo/events");
   EXPECT_EQ(p.geometryDirectory(), "/p/X.vumo/geometry");
   EXPECT_EQ(p.cursorEventsDirectory(), "/p/X.vumo/cursor/events");
   EXPECT_EQ(p.cursorAssetsDirectory(), "/p/X.vumo/cursor/assets");
-  EXPECT_EQ(p.timelineURL(), "/p/X.vumo/edits/timeline.json");
-  EXPECT_EQ(p.timelineLockURL(), "/p/X.vumo/edits/.timeline.lock");
+  EXPECT_EQ(p.timelinePath(), "/p/X.vumo/edits/timeline.json");
+  EXPECT_EQ(p.timelineLockPath(), "/p/X.vumo/edits/.timeline.lock");
   EXPECT_EQ(p.timelineHistoryDirectory(), "/p/X.vumo/edits/history");
-  EXPECT_EQ(p.preSchema3TimelineBackupURL(), "/p/X.vumo/edits/timeline.pre-schema3.json");
-  EXPECT_EQ(p.preSchema8TimelineBackupURL(), "/p/X.vumo/edits/timeline.pre-schema8.json");
-  EXPECT_EQ(p.captionsURL(), "/p/X.vumo/edits/captions.json");
-  EXPECT_EQ(p.captionsLockURL(), "/p/X.vumo/edits/.captions.lock");
+  EXPECT_EQ(p.preSchema3TimelineBackupPath(), "/p/X.vumo/edits/timeline.pre-schema3.json");
+  EXPECT_EQ(p.preSchema8TimelineBackupPath(), "/p/X.vumo/edits/timeline.pre-schema8.json");
+  EXPECT_EQ(p.captionsPath(), "/p/X.vumo/edits/captions.json");
+  EXPECT_EQ(p.captionsLockPath(), "/p/X.vumo/edits/.captions.lock");
   EXPECT_EQ(p.captionsHistoryDirectory(), "/p/X.vumo/edits/caption-history");
   EXPECT_EQ(p.canvasBackgroundsDirectory(), "/p/X.vumo/assets/backgrounds");
-  EXPECT_EQ(p.reportURL(), "/p/X.vumo/diagnostics/report.json");
+  EXPECT_EQ(p.reportPath(), "/p/X.vumo/diagnostics/report.json");
   EXPECT_EQ(p.waveformCacheDirectory(), "/p/X.vumo/cache/waveform");
 }
 

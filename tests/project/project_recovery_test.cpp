@@ -41,7 +41,7 @@ class RecoveryTest : public ::testing::Test {
   // An unfinished package as a crash leaves it: media, chunks and cursor images, never finished.
   ProjectPackage interruptedRecording(const std::string& media) {
     auto created = f.store.createProject(displaySource(), RecordingOptions{}, {320, 240}, std::nullopt, std::nullopt);
-    writeFileAtomically(created.package.mediaURL(), media);
+    writeFileAtomically(created.package.mediaPath(), media);
     ChunkStore<MouseEvent> events(created.package.mouseEventsDirectory(), 500, standardChunkMaximumSpan,
                                   [](const MouseEvent& e) { return e.time; });
     for (int i = 0; i < 730; ++i) {
@@ -92,8 +92,8 @@ TEST_F(RecoveryTest, APackageWhoseMediaWasCutShortIsRecoveredWithWhatItsChunksHo
   EXPECT_LT(duration, ProjectTime::fromMilliseconds(2'000));
 
   ProjectPackage recovered = f.store.markRecovered(package, duration);
-  EXPECT_EQ(recovered.rootURL.filename().string(), recoverable[0].manifest.id.string() + ".vumo");
-  EXPECT_FALSE(fs::exists(package.rootURL));
+  EXPECT_EQ(recovered.rootPath.filename().string(), recoverable[0].manifest.id.string() + ".vumo");
+  EXPECT_FALSE(fs::exists(package.rootPath));
   ProjectManifest manifest = f.store.readManifest(recovered);
   EXPECT_EQ(manifest.state, ProjectState::recovered);
   EXPECT_EQ(manifest.duration, duration);
@@ -102,7 +102,7 @@ TEST_F(RecoveryTest, APackageWhoseMediaWasCutShortIsRecoveredWithWhatItsChunksHo
   EXPECT_EQ(manifest.metrics.writerStatus, "recoveredFragment");
   ASSERT_TRUE(manifest.cursorAssets.has_value());
   EXPECT_EQ(manifest.cursorAssets->size(), 1u);
-  EXPECT_TRUE(decodeDiagnosticReport(readFile(recovered.reportURL())).recovered);
+  EXPECT_TRUE(decodeDiagnosticReport(readFile(recovered.reportPath())).recovered);
 
   // From now on an ordinary project: listed, found, and loaded with one clip over the media.
   ASSERT_EQ(f.store.recentProjects().size(), 1u);
@@ -122,13 +122,13 @@ TEST_F(RecoveryTest, PackagesWithoutPlayableVideoAreLeftWhereTheyAre) {
       interruptedRecording(movie("sound.mov")),
   };
   ProjectPackage noManifest = interruptedRecording(movie("fragmented.mov"));
-  fs::remove(noManifest.manifestURL());
+  fs::remove(noManifest.manifestPath());
   ProjectPackage noMedia = interruptedRecording(movie("fragmented.mov"));
-  fs::remove(noMedia.mediaURL());
+  fs::remove(noMedia.mediaPath());
 
   EXPECT_TRUE(f.store.recoverableProjects().empty());
-  for (const auto& p : unplayable) EXPECT_TRUE(fs::exists(p.rootURL));
-  EXPECT_TRUE(fs::exists(noManifest.rootURL));
+  for (const auto& p : unplayable) EXPECT_TRUE(fs::exists(p.rootPath));
+  EXPECT_TRUE(fs::exists(noManifest.rootPath));
   EXPECT_TRUE(f.store.recentProjects().empty());
 }
 

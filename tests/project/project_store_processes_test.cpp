@@ -118,7 +118,7 @@ TEST(ProjectStoreProcesses, EightProcessesCommittingFromOneDigestNeverLoseAnUpda
     if (pid == 0) {
       ::close(down[1]);
       ::close(up[0]);
-      committer(f.store.projectsDirectoryURL(), package, down[0], up[1]);
+      committer(f.store.projectsDirectoryPath(), package, down[0], up[1]);
     }
     ::close(down[0]);
     ::close(up[1]);
@@ -167,7 +167,7 @@ TEST(ProjectStoreProcesses, EightProcessesCommittingFromOneDigestNeverLoseAnUpda
   auto history = f.store.timelineHistory(package);
   ASSERT_EQ(history.size(), 20u);
   for (std::size_t i = 0; i < history.size(); ++i) {
-    EditTimeline replaced = decodeEditTimeline(readFile(history[i].url));
+    EditTimeline replaced = decodeEditTimeline(readFile(history[i].path));
     EXPECT_EQ(replaced.segments.at(0).id, winners[winners.size() - 2 - i]) << i;
     EXPECT_EQ(counterOf(replaced), initialCounter + rounds - 1 - static_cast<std::int64_t>(i));
   }
@@ -184,7 +184,7 @@ TEST(ProjectStoreProcesses, AProcessKilledMidCommitNeverLeavesATimelineThatFails
     ASSERT_GE(pid, 0);
     if (pid == 0) {
       try {
-        ProjectStore store(f.store.projectsDirectoryURL());
+        ProjectStore store(f.store.projectsDirectoryPath());
         for (;;) {
           auto state = store.readTimelineState(package, duration, false);
           EditTimeline next = nextTimeline(state.timeline, Uuid::random());
@@ -203,7 +203,7 @@ TEST(ProjectStoreProcesses, AProcessKilledMidCommitNeverLeavesATimelineThatFails
 
     // Whole, valid, and not locked: the next writer goes straight through.
     auto state = f.store.readTimelineState(package, duration, false);
-    ASSERT_NO_THROW(decodeEditTimeline(readFile(package.timelineURL())));
+    ASSERT_NO_THROW(decodeEditTimeline(readFile(package.timelinePath())));
     // A kill between keeping the history file and trimming leaves one extra, which the next
     // commit trims.
     ASSERT_LE(f.store.timelineHistory(package).size(), 21u);

@@ -8,7 +8,7 @@
 #include "captions/caption_errors.h"
 #include "project/chunk_store.h"
 #include "project/cursor_asset_store.h"
-#include "project/project_history.h"
+#include "project/project_history_files.h"
 #include "project/project_store.h"
 #include "project_fixtures.h"
 #include "shared/digest.h"
@@ -63,8 +63,8 @@ std::set<std::string> entryNames(const fs::path& folder) {
 TEST(ProjectStoreCreate, MakesTheNineFoldersAManifestAndAnInitialTimeline) {
   StoreFixture f;
   auto created = f.store.createProject(displaySource(), RecordingOptions{}, {1920, 1080}, std::nullopt, std::nullopt);
-  const fs::path& root = created.package.rootURL;
-  EXPECT_EQ(root.parent_path(), f.store.projectsDirectoryURL());
+  const fs::path& root = created.package.rootPath;
+  EXPECT_EQ(root.parent_path(), f.store.projectsDirectoryPath());
   EXPECT_EQ(root.filename().string(), created.manifest.id.string() + ".vumo.tmp");
   for (const char* folder : {"media", "events", "geometry", "cursor/assets", "cursor/events", "edits", "diagnostics",
                              "cache/waveform"})
@@ -79,7 +79,7 @@ TEST(ProjectStoreCreate, MakesTheNineFoldersAManifestAndAnInitialTimeline) {
   EXPECT_EQ(onDisk.metrics, RecordingMetrics{});
   EXPECT_EQ(onDisk.createdAt, onDisk.updatedAt);
 
-  EditTimeline initial = decodeEditTimeline(readFile(created.package.timelineURL()));
+  EditTimeline initial = decodeEditTimeline(readFile(created.package.timelinePath()));
   EXPECT_EQ(initial.schemaVersion, EditTimeline::currentSchemaVersion);
   EXPECT_TRUE(initial.segments.empty());
   EXPECT_FALSE(initial.deviceFrame.has_value());
@@ -116,7 +116,7 @@ TEST(ProjectStoreCreate, NumbersTheMediaTracks) {
     EXPECT_EQ(created.manifest.webcam ? std::optional(created.manifest.webcam->trackIndex) : std::nullopt,
               c.webcamTrack);
     EXPECT_EQ(created.manifest.microphone->deviceName, "Mic");
-    EditTimeline initial = decodeEditTimeline(readFile(created.package.timelineURL()));
+    EditTimeline initial = decodeEditTimeline(readFile(created.package.timelinePath()));
     EXPECT_EQ(initial.webcamOverlay.has_value(), c.webcam);
     if (c.webcam) {
       EXPECT_EQ(*initial.webcamOverlay, WebcamOverlay::newRecording());
@@ -131,13 +131,13 @@ TEST(ProjectStoreCreate, ADeviceSourceStartsWithAFrameForItsScreenSize) {
   phone.deviceUniqueID = "00008110-001";
   phone.initialPixelSize = {1170, 2532};
   auto created = f.store.createProject(phone, RecordingOptions{}, {1170, 2532}, std::nullopt, std::nullopt);
-  EditTimeline initial = decodeEditTimeline(readFile(created.package.timelineURL()));
+  EditTimeline initial = decodeEditTimeline(readFile(created.package.timelinePath()));
   ASSERT_TRUE(initial.deviceFrame.has_value());
   EXPECT_TRUE(initial.deviceFrame->isEnabled);
   EXPECT_TRUE(DeviceFrameCatalog::bundled().descriptor(initial.deviceFrame->assetID).has_value());
 
   // The frame survives to the finished project's validated timeline.
-  writeFileAtomically(created.package.mediaURL(), "m");
+  writeFileAtomically(created.package.mediaPath(), "m");
   created.manifest.duration = tenSeconds;
   auto package = f.store.finish(created.package, created.manifest);
   EXPECT_EQ(f.store.loadSnapshot(package).timeline.deviceFrame, initial.deviceFrame);
@@ -146,11 +146,11 @@ TEST(ProjectStoreCreate, ADeviceSourceStartsWithAFrameForItsScreenSize) {
 TEST(ProjectStoreLifecycle, FinishRenamesToVumoAndReplacesAnEarlierFolderOfThatName) {
   StoreFixture f;
   auto created = f.store.createProject(displaySource(), RecordingOptions{}, {1920, 1080}, std::nullopt, std::nullopt);
-  fs::path final = f.store.projectsDirectoryURL() / (created.manifest.id.string() + ".vumo");
+  fs::path final = f.store.projectsDirectoryPath() / (created.manifest.id.string() + ".vumo");
   createDirectories(final / "stale");
   ProjectPackage package = f.store.finish(created.package, created.manifest);
-  EXPECT_EQ(package.rootURL, final);
-  EXPECT_FALSE(fs::exists(created.package.rootURL));
+  EXPECT_EQ(package.rootPath, final);
+  EXPECT_FALSE(fs::exists(created.package.rootPath));
   EXPECT_FALSE(fs::exists(final / "stale"));
   EXPECT_EQ(created.manifest.state, ProjectState::completed);
   EXPECT_EQ(f.store.readManifest(package).state, ProjectState::completed);
@@ -159,18 +159,18 @@ TEST(ProjectStoreLifecycle, FinishRenamesToVumoAndReplacesAnEarlierFolderOfThatN
 TEST(ProjectStoreLifecycle, MarkFailedKeepsTheUnfinishedNameAndRecordsTheReason) {
   StoreFixture f;
   auto created = f.store.createProject(displaySource(), RecordingOptions{}, {1920, 1080}, std::nullopt, std::nullopt);
-  EXPECT_EQ(readFile(created.package.manifestURL()).find("failureReason"), std::string::npos);
+  EXPECT_EQ(readFile(created.package.manifestPath()).find("failureReason"), std::string::npos);
   f.store.markFailed(created.package, created.manifest, "The disk is full.");
   ProjectManifest m = f.store.readManifest(created.package);
   EXPECT_EQ(m.state, ProjectState::failed);
   EXPECT_EQ(m.failureReason, "The disk is full.");
-  EXPECT_TRUE(fs::exists(created.package.rootURL));
+  EXPECT_TRUE(fs::exists(created.package.rootPath));
 }
 
 TEST(ProjectStoreLifecycle, TheDefaultRootIsInTheDataHome) {
   testing::ScopedDataHome home;
   ProjectStore store;
-  EXPECT_EQ(store.projectsDirectoryURL(), home.path() / "Vumo" / "Projects");
+  EXPECT_EQ(store.projectsDirectoryPath(), home.path() / "Vumo" / "Projects");
   EXPECT_TRUE(fs::is_directory(home.path() / "Vumo" / "Projects"));
 }
 
@@ -179,7 +179,7 @@ TEST(ProjectStoreLifecycle, ReportsAreWrittenToTheDiagnosticsFolder) {
   auto package = f.finishedProject();
   auto report = DiagnosticReport::make(f.store.readManifest(package), false, {"note"});
   f.store.writeReport(report, package);
-  EXPECT_EQ(decodeDiagnosticReport(readFile(package.reportURL())), report);
+  EXPECT_EQ(decodeDiagnosticReport(readFile(package.reportPath())), report);
 }
 
 // ---- Guarded timeline commits ------------------------------------------------------------------
@@ -187,16 +187,16 @@ TEST(ProjectStoreLifecycle, ReportsAreWrittenToTheDiagnosticsFolder) {
 TEST(ProjectStoreCommit, ReplacesTheTimelineAndKeepsThePreviousBytesInHistory) {
   StoreFixture f;
   auto package = f.finishedProject();
-  std::string before = readFile(package.timelineURL());
+  std::string before = readFile(package.timelinePath());
   std::string digest = f.store.timelineDigest(package);
   EXPECT_EQ(digest, sha256Hex(before));
 
   auto warnings = f.store.commitTimeline(timelineWithBlur(0.25), digest, std::nullopt, package);
   EXPECT_TRUE(warnings.empty());
-  EXPECT_EQ(decodeEditTimeline(readFile(package.timelineURL())).motionBlurAmount, 0.25);
+  EXPECT_EQ(decodeEditTimeline(readFile(package.timelinePath())).motionBlurAmount, 0.25);
   auto history = f.store.timelineHistory(package);
   ASSERT_EQ(history.size(), 1u);
-  EXPECT_EQ(readFile(history[0].url), before);
+  EXPECT_EQ(readFile(history[0].path), before);
   EXPECT_EQ(history[0].digest, digest);
   // Nothing but the documents and the lock: no temporary file is left behind.
   EXPECT_EQ(entryNames(package.editsDirectory()),
@@ -217,7 +217,7 @@ TEST(ProjectStoreCommit, AConflictLeavesEveryByteUntouched) {
   f.store.commitTimeline(timelineWithBlur(0.1), stale, std::nullopt, package);
   f.store.commitCaptions(captionsWithCue("hello"), ProjectStore::zeroByteDigest, f.store.timelineDigest(package),
                          package);
-  auto before = folderContents(package.rootURL);
+  auto before = folderContents(package.rootPath);
 
   try {
     f.store.commitTimeline(timelineWithBlur(0.2), stale, std::nullopt, package);
@@ -243,14 +243,14 @@ TEST(ProjectStoreCommit, AConflictLeavesEveryByteUntouched) {
               f.store.commitCaptions(captionsWithCue("x"), f.store.captionsDigest(package), stale, package);
             }),
             ProjectStoreError::Case::timelineDigestConflict);
-  EXPECT_EQ(folderContents(package.rootURL), before);
+  EXPECT_EQ(folderContents(package.rootPath), before);
 }
 
 TEST(ProjectStoreCommit, WhiteSpaceAloneChangesTheDigestAndMakesAPreviewStale) {
   StoreFixture f;
   auto package = f.finishedProject();
   std::string digest = f.store.timelineDigest(package);
-  writeFileAtomically(package.timelineURL(), readFile(package.timelineURL()) + "\n");
+  writeFileAtomically(package.timelinePath(), readFile(package.timelinePath()) + "\n");
   EXPECT_NE(f.store.timelineDigest(package), digest);
   EXPECT_EQ(storeErrorOf([&] { f.store.commitTimeline(timelineWithBlur(0.3), digest, std::nullopt, package); }),
             ProjectStoreError::Case::timelineDigestConflict);
@@ -259,7 +259,7 @@ TEST(ProjectStoreCommit, WhiteSpaceAloneChangesTheDigestAndMakesAPreviewStale) {
 TEST(ProjectStoreCommit, ACaptionsFileThatDoesNotDecodeFailsOnlyCommitsThatNameACaptionsDigest) {
   StoreFixture f;
   auto package = f.finishedProject();
-  writeFileAtomically(package.captionsURL(), "{ not json");
+  writeFileAtomically(package.captionsPath(), "{ not json");
   EXPECT_THROW(f.store.commitTimeline(timelineWithBlur(0.3), f.store.timelineDigest(package),
                                       std::string(ProjectStore::zeroByteDigest), package),
                DecodingError);
@@ -279,7 +279,7 @@ TEST(ProjectStoreCommit, ALockThatCannotBeCreatedIsReportedAsSuch) {
 TEST(ProjectStoreCommit, APackageWithoutATimelineReadsTheDefaultAndCommitsFromTheEmptyDigest) {
   StoreFixture f;
   auto package = f.finishedProject();
-  fs::remove(package.timelineURL());
+  fs::remove(package.timelinePath());
   auto state = f.store.readTimelineState(package, tenSeconds, false);
   EXPECT_EQ(state.digest, ProjectStore::zeroByteDigest);
   ASSERT_EQ(state.timeline.segments.size(), 1u);
@@ -296,20 +296,20 @@ TEST(ProjectStoreHistory, TwentyOneCommitsKeepTheTwentyNewestReplacedStates) {
   auto package = f.finishedProject();
   std::vector<std::string> replaced;
   for (int i = 1; i <= 21; ++i) {
-    replaced.push_back(readFile(package.timelineURL()));
+    replaced.push_back(readFile(package.timelinePath()));
     f.store.commitTimeline(timelineWithBlur(i / 100.0), f.store.timelineDigest(package), std::nullopt, package);
   }
   auto history = f.store.timelineHistory(package);
   ASSERT_EQ(history.size(), 20u);
   std::set<std::string> kept;
   for (const auto& entry : history) {
-    std::string bytes = readFile(entry.url);
+    std::string bytes = readFile(entry.path);
     EXPECT_EQ(entry.digest, sha256Hex(bytes));
     kept.insert(bytes);
   }
   EXPECT_FALSE(kept.count(replaced[0]));  // the initial timeline is gone
-  EXPECT_EQ(readFile(history[0].url), replaced[20]);
-  EXPECT_EQ(readFile(history[19].url), replaced[1]);
+  EXPECT_EQ(readFile(history[0].path), replaced[20]);
+  EXPECT_EQ(readFile(history[19].path), replaced[1]);
   EXPECT_DOUBLE_EQ(f.store.historyTimeline(0, package, tenSeconds, false).motionBlurAmount, 0.20);
   EXPECT_DOUBLE_EQ(f.store.historyTimeline(18, package, tenSeconds, false).motionBlurAmount, 0.02);
   EXPECT_EQ(storeErrorOf([&] { f.store.historyTimeline(20, package, tenSeconds, false); }),
@@ -359,15 +359,15 @@ TEST(ProjectStoreMigration, AnUpgradeKeepsTheOldFileOnceForEverySchemaItCrosses)
   StoreFixture f;
   auto package = f.finishedProject();
   const std::string schema2 = documentAtSchema(2);
-  writeFileAtomically(package.timelineURL(), schema2);
+  writeFileAtomically(package.timelinePath(), schema2);
   f.store.commitTimeline(timelineWithBlur(0.4), f.store.timelineDigest(package), std::nullopt, package);
-  for (int n = 3; n <= 8; ++n) EXPECT_EQ(readFile(package.preSchemaTimelineBackupURL(n)), schema2) << n;
+  for (int n = 3; n <= 8; ++n) EXPECT_EQ(readFile(package.preSchemaTimelineBackupPath(n)), schema2) << n;
 
   // Later writes, a downgrade and an upgrade again included, never touch them.
   f.store.commitTimeline(timelineWithBlur(0.3), f.store.timelineDigest(package), std::nullopt, package);
-  writeFileAtomically(package.timelineURL(), documentAtSchema(5));
+  writeFileAtomically(package.timelinePath(), documentAtSchema(5));
   f.store.writeTimeline(timelineWithBlur(0.2), package);
-  for (int n = 3; n <= 8; ++n) EXPECT_EQ(readFile(package.preSchemaTimelineBackupURL(n)), schema2) << n;
+  for (int n = 3; n <= 8; ++n) EXPECT_EQ(readFile(package.preSchemaTimelineBackupPath(n)), schema2) << n;
 }
 
 TEST(ProjectStoreMigration, OnlyTheCrossedSchemasAreBackedUp) {
@@ -382,13 +382,13 @@ TEST(ProjectStoreMigration, OnlyTheCrossedSchemasAreBackedUp) {
   for (const auto& c : cases) {
     StoreFixture f;
     auto package = f.finishedProject();
-    writeFileAtomically(package.timelineURL(), documentAtSchema(c.oldSchema));
+    writeFileAtomically(package.timelinePath(), documentAtSchema(c.oldSchema));
     EditTimeline next = timelineWithBlur(0.4);
     next.schemaVersion = c.newSchema;
     f.store.commitTimeline(next, f.store.timelineDigest(package), std::nullopt, package);
     std::set<int> found;
     for (int n = 3; n <= 8; ++n)
-      if (fs::exists(package.preSchemaTimelineBackupURL(n))) found.insert(n);
+      if (fs::exists(package.preSchemaTimelineBackupPath(n))) found.insert(n);
     EXPECT_EQ(found, c.backups) << c.oldSchema << " -> " << c.newSchema;
   }
 }
@@ -408,7 +408,7 @@ TEST(ProjectStoreCaptions, TheFirstCaptionsCommitFromTheEmptyDigestAndThenHistor
   EXPECT_EQ(f.store.captionsState(package).document->cues[0].text, "hello");  // the normal form is written
   EXPECT_TRUE(ProjectHistoryFiles::list(package.captionsHistoryDirectory()).empty());
 
-  std::string firstBytes = readFile(package.captionsURL());
+  std::string firstBytes = readFile(package.captionsPath());
   std::string second = f.store.commitCaptions(captionsWithCue("world"), first, timeline, package);
   auto history = ProjectHistoryFiles::list(package.captionsHistoryDirectory());
   ASSERT_EQ(history.size(), 1u);
@@ -429,13 +429,13 @@ TEST(ProjectStoreCaptions, TheFirstCaptionsCommitFromTheEmptyDigestAndThenHistor
 TEST(ProjectStoreCaptions, ADocumentThatDoesNotValidateIsRefusedBeforeAnythingIsWritten) {
   StoreFixture f;
   auto package = f.finishedProject();
-  writeFileAtomically(package.timelineLockURL(), "");
-  writeFileAtomically(package.captionsLockURL(), "");
-  auto before = folderContents(package.rootURL);
+  writeFileAtomically(package.timelineLockPath(), "");
+  writeFileAtomically(package.captionsLockPath(), "");
+  auto before = folderContents(package.rootPath);
   EXPECT_THROW(f.store.commitCaptions(captionsWithCue("late", ProjectTime::fromMilliseconds(11'000)),
                                       ProjectStore::zeroByteDigest, f.store.timelineDigest(package), package),
                CaptionValidationError);
-  EXPECT_EQ(folderContents(package.rootURL), before);
+  EXPECT_EQ(folderContents(package.rootPath), before);
 }
 
 // ---- Finding projects ----------------------------------------------------------------------------
@@ -487,19 +487,19 @@ TEST(ProjectStoreLookup, OnlyFinishedProjectsWithMediaAndAReadableManifestAreLis
   StoreFixture f;
   auto visible = f.finishedProject();
   auto noMedia = f.finishedProject();
-  fs::remove(noMedia.mediaURL());
+  fs::remove(noMedia.mediaPath());
   auto brokenManifest = f.finishedProject();
-  writeFileAtomically(brokenManifest.manifestURL(), "{}");
+  writeFileAtomically(brokenManifest.manifestPath(), "{}");
   auto failed = f.finishedProject();
   auto failedManifest = f.store.readManifest(failed);
   f.store.markFailed(failed, failedManifest, "crash");
   auto recording = f.store.createProject(displaySource(), RecordingOptions{}, {1920, 1080}, std::nullopt, std::nullopt);
-  writeFileAtomically(recording.package.mediaURL(), "m");
-  writeFileAtomically(f.store.projectsDirectoryURL() / "stray.vumo", "a file, not a package");
+  writeFileAtomically(recording.package.mediaPath(), "m");
+  writeFileAtomically(f.store.projectsDirectoryPath() / "stray.vumo", "a file, not a package");
 
   auto recent = f.store.recentProjects();
   ASSERT_EQ(recent.size(), 1u);
-  EXPECT_EQ(recent[0].packageURL, visible.rootURL);
+  EXPECT_EQ(recent[0].packagePath, visible.rootPath);
   EXPECT_EQ(recent[0].state, ProjectState::completed);
   EXPECT_EQ(recent[0].sourceTitle, "Built-in Display");
   EXPECT_EQ(recent[0].duration, tenSeconds);
@@ -523,11 +523,11 @@ TEST(ProjectStoreLookup, RecentProjectsAreNewestFirstThenByName) {
   }
   auto recent = f.store.recentProjects();
   ASSERT_EQ(recent.size(), 3u);
-  std::string first = packages[1].rootURL.filename().string(), second = packages[2].rootURL.filename().string();
+  std::string first = packages[1].rootPath.filename().string(), second = packages[2].rootPath.filename().string();
   if (second < first) std::swap(first, second);
-  EXPECT_EQ(recent[0].packageURL.filename().string(), first);
-  EXPECT_EQ(recent[1].packageURL.filename().string(), second);
-  EXPECT_EQ(recent[2].packageURL, packages[0].rootURL);
+  EXPECT_EQ(recent[0].packagePath.filename().string(), first);
+  EXPECT_EQ(recent[1].packagePath.filename().string(), second);
+  EXPECT_EQ(recent[2].packagePath, packages[0].rootPath);
 }
 
 // ---- Removing and importing ----------------------------------------------------------------------
@@ -540,15 +540,15 @@ TEST(ProjectStoreRemoval, DeleteOnlyRemovesPackagesDirectlyInTheProjectsFolder) 
   auto recent = f.store.recentProjects().at(0);
 
   RecentProject outside = recent;
-  outside.packageURL = elsewhere.path() / "Other.vumo";
+  outside.packagePath = elsewhere.path() / "Other.vumo";
   RecentProject wrongExtension = recent;
-  wrongExtension.packageURL = f.store.projectsDirectoryURL() / "notes";
+  wrongExtension.packagePath = f.store.projectsDirectoryPath() / "notes";
   RecentProject climbing = recent;
-  climbing.packageURL = f.store.projectsDirectoryURL() / ".." / ".." / elsewhere.path().filename() / "Other.vumo";
+  climbing.packagePath = f.store.projectsDirectoryPath() / ".." / ".." / elsewhere.path().filename() / "Other.vumo";
   for (const auto& bad : {outside, wrongExtension, climbing}) {
     try {
       f.store.deleteProject(bad);
-      FAIL() << bad.packageURL;
+      FAIL() << bad.packagePath;
     } catch (const ProjectStoreError& e) {
       EXPECT_EQ(e.kind(), ProjectStoreError::Case::invalidProjectLocation);
       EXPECT_NE(std::string(e.what()).find("Deletion refused"), std::string::npos);
@@ -557,26 +557,26 @@ TEST(ProjectStoreRemoval, DeleteOnlyRemovesPackagesDirectlyInTheProjectsFolder) 
   EXPECT_TRUE(fs::exists(elsewhere.path() / "Other.vumo"));
 
   RecentProject roundabout = recent;
-  roundabout.packageURL = f.store.projectsDirectoryURL() / "." / package.rootURL.filename();
+  roundabout.packagePath = f.store.projectsDirectoryPath() / "." / package.rootPath.filename();
   f.store.deleteProject(roundabout);
-  EXPECT_FALSE(fs::exists(package.rootURL));
+  EXPECT_FALSE(fs::exists(package.rootPath));
 }
 
 TEST(ProjectStoreRemoval, DiscardingAnUnfinishedRecordingHidesItFirstAndCleanupFinishesInterruptedDiscards) {
   StoreFixture f;
   auto created = f.store.createProject(displaySource(), RecordingOptions{}, {1920, 1080}, std::nullopt, std::nullopt);
   f.store.discardRecording(created.package);
-  EXPECT_TRUE(entryNames(f.store.projectsDirectoryURL()).empty());
+  EXPECT_TRUE(entryNames(f.store.projectsDirectoryPath()).empty());
 
   auto finished = f.finishedProject();
-  fs::path notUuid = f.store.projectsDirectoryURL() / "holiday.vumo.tmp";
+  fs::path notUuid = f.store.projectsDirectoryPath() / "holiday.vumo.tmp";
   createDirectories(notUuid);
   testing::TemporaryDirectory elsewhere;
   fs::path outside = elsewhere.path() / (Uuid::random().string() + ".vumo.tmp");
   createDirectories(outside);
-  fs::path link = f.store.projectsDirectoryURL() / (Uuid::random().string() + ".vumo.tmp");
+  fs::path link = f.store.projectsDirectoryPath() / (Uuid::random().string() + ".vumo.tmp");
   fs::create_directory_symlink(outside, link);
-  for (const fs::path& bad : {finished.rootURL, notUuid, outside, link})
+  for (const fs::path& bad : {finished.rootPath, notUuid, outside, link})
     EXPECT_EQ(storeErrorOf([&] { f.store.discardRecording(ProjectPackage{bad}); }),
               ProjectStoreError::Case::invalidProjectLocation)
         << bad;
@@ -584,11 +584,11 @@ TEST(ProjectStoreRemoval, DiscardingAnUnfinishedRecordingHidesItFirstAndCleanupF
 
   // A discard that a crash cut short.
   std::string id = Uuid::random().string();
-  createDirectories(f.store.projectsDirectoryURL() / (id + ".vumo.discarding") / "media");
-  createDirectories(f.store.projectsDirectoryURL() / "keep.vumo.discarding");
+  createDirectories(f.store.projectsDirectoryPath() / (id + ".vumo.discarding") / "media");
+  createDirectories(f.store.projectsDirectoryPath() / "keep.vumo.discarding");
   EXPECT_EQ(f.store.cleanupDiscardedRecordings(), 1u);
-  EXPECT_FALSE(fs::exists(f.store.projectsDirectoryURL() / (id + ".vumo.discarding")));
-  EXPECT_TRUE(fs::exists(f.store.projectsDirectoryURL() / "keep.vumo.discarding"));
+  EXPECT_FALSE(fs::exists(f.store.projectsDirectoryPath() / (id + ".vumo.discarding")));
+  EXPECT_TRUE(fs::exists(f.store.projectsDirectoryPath() / "keep.vumo.discarding"));
 }
 
 TEST(ProjectStoreImport, CopiesPackagesThatAreNotHereYetAndKeepsTheOriginals) {
@@ -601,15 +601,15 @@ TEST(ProjectStoreImport, CopiesPackagesThatAreNotHereYetAndKeepsTheOriginals) {
   }
   writeFileAtomically(legacy.path() / "notes.txt", "x");
   createDirectories(legacy.path() / "present.vumo");
-  createDirectories(f.store.projectsDirectoryURL() / "present.vumo");
-  writeFileAtomically(f.store.projectsDirectoryURL() / "present.vumo" / "mine", "mine");
+  createDirectories(f.store.projectsDirectoryPath() / "present.vumo");
+  writeFileAtomically(f.store.projectsDirectoryPath() / "present.vumo" / "mine", "mine");
 
   EXPECT_EQ(f.store.importProjects(legacy.path()), 2u);
-  EXPECT_EQ(readFile(f.store.projectsDirectoryURL() / a / "edits" / "timeline.json"), a);
-  EXPECT_EQ(readFile(f.store.projectsDirectoryURL() / b / "edits" / "timeline.json"), b);
-  EXPECT_TRUE(fs::exists(f.store.projectsDirectoryURL() / "present.vumo" / "mine"));
+  EXPECT_EQ(readFile(f.store.projectsDirectoryPath() / a / "edits" / "timeline.json"), a);
+  EXPECT_EQ(readFile(f.store.projectsDirectoryPath() / b / "edits" / "timeline.json"), b);
+  EXPECT_TRUE(fs::exists(f.store.projectsDirectoryPath() / "present.vumo" / "mine"));
   EXPECT_TRUE(fs::exists(legacy.path() / a));
-  EXPECT_EQ(entryNames(f.store.projectsDirectoryURL()), (std::set<std::string>{a, b, "present.vumo"}));
+  EXPECT_EQ(entryNames(f.store.projectsDirectoryPath()), (std::set<std::string>{a, b, "present.vumo"}));
   EXPECT_EQ(f.store.importProjects(legacy.path()), 0u);
 }
 
@@ -653,7 +653,7 @@ TEST(ProjectStoreSnapshot, LoadsEveryPartOfAProject) {
   f.store.commitCaptions(captionsWithCue("hi"), ProjectStore::zeroByteDigest, f.store.timelineDigest(package), package);
 
   ProjectSnapshot snapshot = f.store.loadSnapshot(package);
-  EXPECT_EQ(snapshot.packageURL, package.rootURL);
+  EXPECT_EQ(snapshot.packagePath, package.rootPath);
   EXPECT_EQ(snapshot.manifest, f.store.readManifest(package));
   ASSERT_EQ(snapshot.mouseEvents.size(), 1'200u);
   EXPECT_EQ(snapshot.mouseEvents[1'199].rawTimestampNanoseconds, 1'199u);
@@ -674,12 +674,12 @@ TEST(ProjectStoreSnapshot, ReadingNeverWritesAndAnyBrokenPartFailsTheLoad) {
   StoreFixture f;
   auto package = f.finishedProject();
   // An old schema and no clips: normalised in memory, the file stays as it is.
-  writeFileAtomically(package.timelineURL(), documentAtSchema(3));
+  writeFileAtomically(package.timelinePath(), documentAtSchema(3));
   std::string digest = f.store.timelineDigest(package);
   auto snapshot = f.store.loadSnapshot(package);
   EXPECT_EQ(snapshot.timeline.schemaVersion, EditTimeline::currentSchemaVersion);
   EXPECT_EQ(f.store.timelineDigest(package), digest);
-  EXPECT_FALSE(fs::exists(package.preSchema8TimelineBackupURL()));
+  EXPECT_FALSE(fs::exists(package.preSchema8TimelineBackupPath()));
 
   struct Case {
     const char* name;
@@ -689,11 +689,11 @@ TEST(ProjectStoreSnapshot, ReadingNeverWritesAndAnyBrokenPartFailsTheLoad) {
   const Case cases[] = {
       {"chunk", [&] { writeFileAtomically(package.mouseEventsDirectory() / "000000.json", "[{]"); },
        [&] { fs::remove(package.mouseEventsDirectory() / "000000.json"); }},
-      {"timeline", [&] { writeFileAtomically(package.timelineURL(), "[]"); },
-       [&] { writeFileAtomically(package.timelineURL(), documentAtSchema(8)); }},
-      {"invalid timeline", [&] { writeFileAtomically(package.timelineURL(), encodeEditTimeline(timelineWithBlur(0.5, ProjectTime::fromMilliseconds(20'000)))); },
-       [&] { writeFileAtomically(package.timelineURL(), documentAtSchema(8)); }},
-      {"captions", [&] { writeFileAtomically(package.captionsURL(), "{}"); }, [&] { fs::remove(package.captionsURL()); }},
+      {"timeline", [&] { writeFileAtomically(package.timelinePath(), "[]"); },
+       [&] { writeFileAtomically(package.timelinePath(), documentAtSchema(8)); }},
+      {"invalid timeline", [&] { writeFileAtomically(package.timelinePath(), encodeEditTimeline(timelineWithBlur(0.5, ProjectTime::fromMilliseconds(20'000)))); },
+       [&] { writeFileAtomically(package.timelinePath(), documentAtSchema(8)); }},
+      {"captions", [&] { writeFileAtomically(package.captionsPath(), "{}"); }, [&] { fs::remove(package.captionsPath()); }},
       {"canvas outside the package",
        [&] {
          EditTimeline t = timelineWithBlur(0.5);
@@ -701,9 +701,9 @@ TEST(ProjectStoreSnapshot, ReadingNeverWritesAndAnyBrokenPartFailsTheLoad) {
          image.id = "x";
          image.relativePath = "assets/backgrounds/../../../manifest.json";
          t.canvas.image = image;
-         writeFileAtomically(package.timelineURL(), encodeEditTimeline(t));
+         writeFileAtomically(package.timelinePath(), encodeEditTimeline(t));
        },
-       [&] { writeFileAtomically(package.timelineURL(), documentAtSchema(8)); }},
+       [&] { writeFileAtomically(package.timelinePath(), documentAtSchema(8)); }},
   };
   for (const auto& c : cases) {
     c.damage();

@@ -72,7 +72,7 @@ ProjectPackage makeSampleProject(ProjectStore& store, const SampleProjectOptions
     arguments.insert(arguments.end(), {"-c:a", "aac", "-b:a", "64k"});
   }
   arguments.insert(arguments.end(), {"-c:v", "mpeg4", "-q:v", "8", "-pix_fmt", "yuv420p", "-shortest",
-                                     created.package.mediaURL().string()});
+                                     created.package.mediaPath().string()});
   runFFmpeg(std::move(arguments));
 
   // The pointer wanders in a slow circle and clicks where asked.

@@ -1,11 +1,11 @@
-#include "cli/project_description.h"
+#include "cli/project_inspector.h"
 
 #include <algorithm>
 
 namespace vumo {
 
 CLIProjectSummary ProjectInspector::summary(const ProjectManifest& manifest, const ProjectPackage& package) {
-  return {manifest.id.string(), manifest.source.title, package.rootURL.string(), manifest.duration.cliMilliseconds(),
+  return {manifest.id.string(), manifest.source.title, package.rootPath.string(), manifest.duration.cliMilliseconds(),
           manifest.webcam.has_value(), manifest.updatedAt};
 }
 
@@ -73,7 +73,7 @@ CLIProjectDescription ProjectInspector::describe(const ProjectSnapshot& snapshot
 
   CLIProjectDescription description;
   description.id = manifest.id.string();
-  description.packagePath = snapshot.packageURL.string();
+  description.packagePath = snapshot.packagePath.string();
   description.manifestVersion = manifest.version;
   description.timelineSchema = timeline.schemaVersion;
   description.state = std::string(projectStateName(manifest.state));

@@ -1,4 +1,4 @@
-#include "project/project_history.h"
+#include "project/project_history_files.h"
 
 #include <system_error>
 

@@ -1,4 +1,4 @@
-#include "cli/system_information.h"
+#include "cli/system_capability_inspector.h"
 
 #include <EGL/egl.h>
 #include <EGL/eglext.h>
