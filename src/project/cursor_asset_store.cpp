@@ -7,6 +7,7 @@
 
 #include "project/folder_listing.h"
 #include "shared/digest.h"
+#include "shared/document_limits.h"
 #include "shared/files.h"
 
 namespace vumo {
@@ -68,7 +69,7 @@ std::vector<CursorAssetDescriptor> CursorAssetStore::readDescriptors(const std::
   for (const auto& path : visibleEntries(assetsDirectory)) {
     if (lowercase(path.extension().string()) != ".json") continue;
     try {
-      auto descriptor = json::as<CursorAssetDescriptor>(parseJson(readFile(path)), "CursorAssetDescriptor");
+      auto descriptor = json::as<CursorAssetDescriptor>(parseJson(readFile(path, documentLimits::cursorAssetBytes)), "CursorAssetDescriptor");
       // The id names the image file beside it, so anything but a digest could point elsewhere.
       if (isAssetID(descriptor.id)) list.push_back(std::move(descriptor));
     } catch (const Error&) {

@@ -10,7 +10,8 @@
 
 namespace vumo {
 
-ExclusiveFileLock::ExclusiveFileLock(const std::filesystem::path& lockFile) {
+ExclusiveFileLock::ExclusiveFileLock(const std::filesystem::path& lockFile, const std::stop_token& stop) {
+  (void)stop;
   fd_ = ::open(lockFile.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
   if (fd_ < 0) throw ProjectStoreError::timelineLockUnavailable();
   int rc;

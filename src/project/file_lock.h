@@ -1,6 +1,7 @@
 #pragma once
 
 #include <filesystem>
+#include <stop_token>
 
 namespace vumo {
 
@@ -9,10 +10,11 @@ namespace vumo {
 // within one process the store's single line of execution already does. The lock file is created
 // with owner read and write permission and never removed. Blocks without a time-out: locks are
 // held for one commit, milliseconds. Any failure to open or lock is
-// ProjectStoreError::timelineLockUnavailable.
+// ProjectStoreError::timelineLockUnavailable. While it waits it watches `stop`: a stop request
+// ends the wait with CancelledError, before the caller has written anything.
 class ExclusiveFileLock {
  public:
-  explicit ExclusiveFileLock(const std::filesystem::path& lockFile);
+  explicit ExclusiveFileLock(const std::filesystem::path& lockFile, const std::stop_token& stop = {});
   ~ExclusiveFileLock();
   ExclusiveFileLock(const ExclusiveFileLock&) = delete;
   ExclusiveFileLock& operator=(const ExclusiveFileLock&) = delete;

@@ -19,6 +19,7 @@
 #include "project/media_probe.h"
 #include "project/project_history_files.h"
 #include "shared/digest.h"
+#include "shared/document_limits.h"
 #include "shared/files.h"
 #include "timeline/device_frame_catalog.h"
 #include "timeline/initial_timeline.h"
@@ -39,13 +40,13 @@ bool endsWith(std::string_view text, std::string_view suffix) {
 }
 
 // The file's bytes, or none when it does not exist. Any other failure is a FileError.
-std::optional<std::string> readIfExists(const fs::path& path) {
+std::optional<std::string> readIfExists(const fs::path& path, std::size_t maximumBytes) {
   std::error_code error;
   auto status = fs::status(path, error);
   if (error && error != std::errc::no_such_file_or_directory)
     throw FileError(fmt::format("Could not read {}: {}", path.string(), error.message()));
   if (!fs::exists(status)) return std::nullopt;
-  return readFile(path);
+  return readFile(path, maximumBytes);
 }
 
 std::string digestOf(const std::optional<std::string>& bytes) {
@@ -114,7 +115,7 @@ struct CaptionsFile {
 
 CaptionsFile readCaptionsFile(const ProjectPackage& package) {
   CaptionsFile file;
-  file.bytes = readIfExists(package.captionsPath());
+  file.bytes = readIfExists(package.captionsPath(), documentLimits::captionsBytes);
   if (file.bytes) file.document = decodeCaptionDocument(*file.bytes);
   file.digest = digestOf(file.bytes);
   return file;
@@ -143,8 +144,9 @@ EditTimeline acceptedTimeline(const EditTimeline& decoded, ProjectTime sourceDur
 
 fs::path ProjectStore::defaultProjectsDirectory() { return vumoSupportDirectory() / "Projects"; }
 
-ProjectStore::ProjectStore(std::optional<fs::path> rootDirectory)
-    : projectsDirectory_(standardized(rootDirectory ? *rootDirectory : defaultProjectsDirectory())) {
+ProjectStore::ProjectStore(std::optional<fs::path> rootDirectory, std::stop_token stop)
+    : projectsDirectory_(standardized(rootDirectory ? *rootDirectory : defaultProjectsDirectory())),
+      stop_(std::move(stop)) {
   createDirectories(projectsDirectory_);
 }
 
@@ -214,7 +216,7 @@ void ProjectStore::markFailed(const ProjectPackage& package, ProjectManifest& ma
 }
 
 ProjectManifest ProjectStore::readManifest(const ProjectPackage& package) const {
-  return decodeProjectManifest(readFile(package.manifestPath()));
+  return decodeProjectManifest(readFile(package.manifestPath(), documentLimits::manifestBytes));
 }
 
 void ProjectStore::writeReport(const DiagnosticReport& report, const ProjectPackage& package) {
@@ -230,7 +232,7 @@ void ProjectStore::writeCanvasBackgroundAsset(const CanvasBackgroundAssetPayload
     throw ProjectStoreError::invalidProjectLocation();
   createDirectories(package.canvasBackgroundsDirectory());
   fs::path target = package.rootPath / image.relativePath;
-  if (auto existing = readIfExists(target); existing && sha256Hex(*existing) == image.id) return;
+  if (auto existing = readIfExists(target, documentLimits::canvasBackgroundBytes); existing && sha256Hex(*existing) == image.id) return;
   writeFileAtomically(target, payload.imageData);
 }
 
@@ -248,7 +250,7 @@ ProjectPackage ProjectStore::renameToFinal(const ProjectPackage& package) {
 // ---- Timeline ----------------------------------------------------------------------------------
 
 std::string ProjectStore::timelineDigest(const ProjectPackage& package) const {
-  return digestOf(readIfExists(package.timelinePath()));
+  return digestOf(readIfExists(package.timelinePath(), documentLimits::timelineBytes));
 }
 
 EditTimeline ProjectStore::readTimeline(const ProjectPackage& package, ProjectTime sourceDuration,
@@ -260,7 +262,7 @@ TimelineState ProjectStore::readTimelineState(const ProjectPackage& package, Pro
                                               bool hasWebcam) const {
   // Digest and document come from the same bytes, so a commit in between cannot pair one file's
   // digest with another file's content.
-  auto bytes = readIfExists(package.timelinePath());
+  auto bytes = readIfExists(package.timelinePath(), documentLimits::timelineBytes);
   EditTimeline decoded = bytes ? decodeEditTimeline(*bytes) : EditTimeline::empty();
   return {acceptedTimeline(decoded, sourceDuration, hasWebcam), digestOf(bytes)};
 }
@@ -291,7 +293,7 @@ std::pair<std::string, std::vector<std::string>> ProjectStore::replaceTimeline(
   if (expectedCaptionsDigest) captionsLock.emplace(package.captionsLockPath());
 
   // Both checks come before any write, so a conflict changes nothing.
-  auto oldBytes = readIfExists(package.timelinePath());
+  auto oldBytes = readIfExists(package.timelinePath(), documentLimits::timelineBytes);
   std::string actual = digestOf(oldBytes);
   if (actual != expectedDigest) throw ProjectStoreError::timelineDigestConflict(expectedDigest, actual);
   if (expectedCaptionsDigest) {
@@ -308,7 +310,7 @@ std::pair<std::string, std::vector<std::string>> ProjectStore::replaceTimeline(
   }
   if (oldBytes) preserveBackups(timeline.schemaVersion, *oldBytes, package);
   writeFileAtomically(package.timelinePath(), encodeEditTimeline(timeline));
-  std::string digest = sha256HexOfFile(package.timelinePath());
+  std::string digest = sha256HexOfFile(package.timelinePath(), documentLimits::timelineBytes);
 
   std::vector<std::string> warnings;
   if (preservesHistory) {
@@ -325,7 +327,7 @@ std::vector<TimelineHistoryEntry> ProjectStore::timelineHistory(const ProjectPac
   auto files = ProjectHistoryFiles::list(package.timelineHistoryDirectory());
   std::vector<TimelineHistoryEntry> entries;
   entries.reserve(files.size());
-  for (auto it = files.rbegin(); it != files.rend(); ++it) entries.push_back({*it, sha256HexOfFile(*it)});
+  for (auto it = files.rbegin(); it != files.rend(); ++it) entries.push_back({*it, sha256HexOfFile(*it, documentLimits::timelineBytes)});
   return entries;
 }
 
@@ -334,11 +336,11 @@ EditTimeline ProjectStore::historyTimeline(std::int64_t index, const ProjectPack
   auto files = ProjectHistoryFiles::list(package.timelineHistoryDirectory());
   if (index < 0 || static_cast<std::uint64_t>(index) >= files.size()) throw ProjectStoreError::historyNotFound(index);
   const fs::path& file = files[files.size() - 1 - static_cast<std::size_t>(index)];
-  return acceptedTimeline(decodeEditTimeline(readFile(file)), sourceDuration, hasWebcam);
+  return acceptedTimeline(decodeEditTimeline(readFile(file, documentLimits::timelineBytes)), sourceDuration, hasWebcam);
 }
 
 void ProjectStore::preserveTimelineMigrationBackups(const EditTimeline& timeline, const ProjectPackage& package) {
-  if (auto bytes = readIfExists(package.timelinePath())) preserveBackups(timeline.schemaVersion, *bytes, package);
+  if (auto bytes = readIfExists(package.timelinePath(), documentLimits::timelineBytes)) preserveBackups(timeline.schemaVersion, *bytes, package);
 }
 
 // ---- Captions ----------------------------------------------------------------------------------
@@ -374,7 +376,7 @@ std::string ProjectStore::commitCaptions(const CaptionDocument& document, const 
                         *current.bytes);
   writeFileAtomically(package.captionsPath(), encodeCaptionDocument(accepted));
   ProjectHistoryFiles::trim(history);
-  return sha256HexOfFile(package.captionsPath());
+  return sha256HexOfFile(package.captionsPath(), documentLimits::captionsBytes);
 }
 
 std::string ProjectStore::writeCaptions(const CaptionDocument& document, const std::string& expectedDigest,
@@ -384,7 +386,7 @@ std::string ProjectStore::writeCaptions(const CaptionDocument& document, const s
   if (actual != expectedDigest) throw ProjectStoreError::captionsDigestConflict(expectedDigest, actual);
   CaptionDocument accepted = document.validated(readManifest(package).duration);
   writeFileAtomically(package.captionsPath(), encodeCaptionDocument(accepted));
-  return sha256HexOfFile(package.captionsPath());
+  return sha256HexOfFile(package.captionsPath(), documentLimits::captionsBytes);
 }
 
 // ---- Finding, loading, removing ------------------------------------------------------------------
@@ -444,15 +446,15 @@ ProjectSnapshot ProjectStore::loadSnapshot(const ProjectPackage& package) const 
   snapshot.cursorShapeSamples = chunks.readCursorShapeSamples(package.cursorEventsDirectory());
 
   for (CursorAssetDescriptor& descriptor : CursorAssetStore::readDescriptors(package.cursorAssetsDirectory())) {
-    std::string png = readFile(package.cursorAssetsDirectory() / (descriptor.id + ".png"));
+    std::string png = readFile(package.cursorAssetsDirectory() / (descriptor.id + ".png"), documentLimits::cursorAssetBytes);
     snapshot.cursorAssets.push_back({std::move(descriptor), std::move(png)});
   }
 
-  auto timelineBytes = readIfExists(package.timelinePath());
+  auto timelineBytes = readIfExists(package.timelinePath(), documentLimits::timelineBytes);
   snapshot.timeline = acceptedTimeline(timelineBytes ? decodeEditTimeline(*timelineBytes) : EditTimeline::empty(),
                                        duration, hasWebcam);
 
-  if (auto captionBytes = readIfExists(package.captionsPath()))
+  if (auto captionBytes = readIfExists(package.captionsPath(), documentLimits::captionsBytes))
     snapshot.captions = decodeCaptionDocument(*captionBytes).validated(duration);
 
   if (const auto& image = snapshot.timeline.canvas.image) {
@@ -465,7 +467,7 @@ ProjectSnapshot ProjectStore::loadSnapshot(const ProjectPackage& package) const 
                   name != "." && name != "..";
     if (!inside)
       throw FileError(fmt::format("The canvas background {} is outside the project package", image->relativePath));
-    snapshot.canvasBackgroundAssets.push_back({*image, readFile(package.rootPath / image->relativePath)});
+    snapshot.canvasBackgroundAssets.push_back({*image, readFile(package.rootPath / image->relativePath, documentLimits::canvasBackgroundBytes)});
   }
   return snapshot;
 }

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <optional>
+#include <stop_token>
 #include <string>
 #include <utility>
 #include <vector>
@@ -73,8 +74,10 @@ class ProjectStore {
   static constexpr const char* zeroByteDigest = "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855";
 
   // `rootDirectory` replaces the default $XDG_DATA_HOME/Vumo/Projects; it is created with its
-  // parents (a failure is a FileError).
-  explicit ProjectStore(std::optional<std::filesystem::path> rootDirectory = std::nullopt);
+  // parents (a failure is a FileError). `stop` is watched while a commit waits for its locks and
+  // while large documents are read, never once a commit has begun to write.
+  explicit ProjectStore(std::optional<std::filesystem::path> rootDirectory = std::nullopt,
+                        std::stop_token stop = {});
   ProjectStore(const ProjectStore&) = delete;
   ProjectStore& operator=(const ProjectStore&) = delete;
 
@@ -180,6 +183,7 @@ class ProjectStore {
   bool isDirectlyInProjectsFolder(const std::filesystem::path& path) const;
 
   std::filesystem::path projectsDirectory_;
+  std::stop_token stop_;
 };
 
 }  // namespace vumo

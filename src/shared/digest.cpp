@@ -22,6 +22,8 @@ std::string sha256Hex(std::string_view bytes) {
   return out;
 }
 
-std::string sha256HexOfFile(const std::filesystem::path& path) { return sha256Hex(readFile(path)); }
+std::string sha256HexOfFile(const std::filesystem::path& path, std::size_t maximumBytes) {
+  return sha256Hex(readFile(path, maximumBytes));
+}
 
 }  // namespace vumo

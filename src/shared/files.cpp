@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -43,10 +44,22 @@ class FileDescriptor {
 
 }  // namespace
 
-std::string readFile(const std::filesystem::path& path) {
-  FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  if (fd.get() < 0) throwErrno("read", path, errno);
+std::string readFile(const std::filesystem::path& path, std::size_t maximumBytes) {
+  // Non-blocking, so that opening a FIFO planted under the name cannot stall; regular files
+  // ignore the flag.
+  FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC));
+  if (fd.get() < 0) {
+    if (errno == ELOOP) throw FileError(fmt::format("Could not read {}: it is a symbolic link", path.string()));
+    throwErrno("read", path, errno);
+  }
+  struct stat status {};
+  if (::fstat(fd.get(), &status) != 0) throwErrno("read", path, errno);
+  if (!S_ISREG(status.st_mode)) throw FileError(fmt::format("Could not read {}: not a regular file", path.string()));
+  if (static_cast<std::uintmax_t>(status.st_size) > maximumBytes)
+    throw FileError(fmt::format("Could not read {}: {} bytes is more than the {} allowed", path.string(),
+                                status.st_size, maximumBytes));
   std::string bytes;
+  bytes.reserve(static_cast<std::size_t>(status.st_size));
   char buffer[65536];
   for (;;) {
     ssize_t n = ::read(fd.get(), buffer, sizeof buffer);
@@ -55,6 +68,9 @@ std::string readFile(const std::filesystem::path& path) {
       throwErrno("read", path, errno);
     }
     if (n == 0) break;
+    // The file may grow while it is read.
+    if (bytes.size() + static_cast<std::size_t>(n) > maximumBytes)
+      throw FileError(fmt::format("Could not read {}: more than the {} bytes allowed", path.string(), maximumBytes));
     bytes.append(buffer, static_cast<std::size_t>(n));
   }
   return bytes;

@@ -1,13 +1,17 @@
 #pragma once
 
+#include <cstddef>
 #include <filesystem>
 #include <string>
 #include <string_view>
 
 namespace vumo {
 
-// Reads a whole file. Failure is a FileError naming the path.
-std::string readFile(const std::filesystem::path& path);
+// Reads a whole regular file of at most `maximumBytes` (see shared/document_limits.h). Anything
+// else at the path (a FIFO, a socket, a device, a directory, a symbolic link as the last
+// component) and a larger file are refused without reading, so a planted file can neither hang
+// nor exhaust the reader. Failure is a FileError naming the path and what went wrong.
+std::string readFile(const std::filesystem::path& path, std::size_t maximumBytes);
 
 // Replaces `path` atomically: the bytes go to a temporary file in the same folder, which is
 // flushed to disk and renamed over the target; the folder is then flushed too, so after a crash

@@ -9,6 +9,7 @@
 #include <set>
 #include <system_error>
 
+#include "shared/document_limits.h"
 #include "shared/files.h"
 #include "timeline/device_frame_catalog_data.h"
 
@@ -208,7 +209,7 @@ DeviceFrameCatalog DeviceFrameCatalog::load(const std::filesystem::path& resourc
   if (!std::filesystem::is_regular_file(path, ec)) throw DeviceFrameCatalogError::missingCatalog();
   std::string text;
   try {
-    text = readFile(path);
+    text = readFile(path, documentLimits::resourceBytes);
   } catch (const FileError&) {
     throw DeviceFrameCatalogError::missingCatalog();
   }

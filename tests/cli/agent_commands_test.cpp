@@ -1,5 +1,6 @@
 // The agent's protocol end to end: the real executable on generated projects.
 
+#include <cstdint>
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -19,7 +20,7 @@ using Bytes = std::map<std::string, std::string>;
 Bytes packageBytes(const std::filesystem::path& root) {
   Bytes bytes;
   for (const auto& entry : std::filesystem::recursive_directory_iterator(root))
-    if (entry.is_regular_file()) bytes[std::filesystem::relative(entry.path(), root).string()] = readFile(entry.path());
+    if (entry.is_regular_file()) bytes[std::filesystem::relative(entry.path(), root).string()] = readFile(entry.path(), SIZE_MAX);
   return bytes;
 }
 
@@ -85,7 +86,7 @@ TEST_F(AgentCommandsTest, ListAndDescribeReadTheProjectInMilliseconds) {
   EXPECT_EQ(description["clickMilliseconds"], (Json{2000, 2400, 2900, 7000, 7300}));
   EXPECT_EQ(description["captionCueCount"], 0);
   EXPECT_FALSE(description.contains("captionLanguage"));
-  EXPECT_EQ(description["timelineDigest"], sha256HexOfFile(package_->timelinePath()));
+  EXPECT_EQ(description["timelineDigest"], sha256HexOfFile(package_->timelinePath(), SIZE_MAX));
   EXPECT_EQ(description["tracks"], (Json{{"screen", true}, {"systemAudio", true}, {"microphone", false}, {"webcam", false}}));
   EXPECT_GE(description["zooms"].size(), 1u);
 }
@@ -276,7 +277,7 @@ TEST_F(EditPlanTest, CaptionsAreReadInSourceTimeAndAPlanReportsWhatItsCutsDoToTh
   CaptionDocument document;
   document.sourceTrack = MediaTrackKind::systemAudio;
   document.language = "zh-Hans";
-  document.basedOnTimelineDigest = sha256HexOfFile(package_->timelinePath());
+  document.basedOnTimelineDigest = sha256HexOfFile(package_->timelinePath(), SIZE_MAX);
   document.cues = {{Uuid::random(), ProjectTime::fromMilliseconds(400), ProjectTime::fromMilliseconds(1200), "开始录制", {}, {}},
                    {Uuid::random(), ProjectTime::fromMilliseconds(4000), ProjectTime::fromMilliseconds(5000), "打开设置", {}, {}}};
   store.commitCaptions(document, store.captionsDigest(*package_), store.timelineDigest(*package_), *package_);

@@ -1,3 +1,4 @@
+#include <cstdint>
 #include <gtest/gtest.h>
 
 #include <csignal>
@@ -112,7 +113,7 @@ TEST(PrepareOutputTest, RefusesExistingFilesAndCreatesOnlyTheExportsFolder) {
     EXPECT_EQ(std::string(e.what()), "输出已存在，使用--replace才能覆盖：" + (exports / "a.png").string());
   }
   EXPECT_NO_THROW(VumoCLI::prepareOutput(exports / "a.png", true));
-  EXPECT_EQ(readFile(exports / "a.png"), "x");
+  EXPECT_EQ(readFile(exports / "a.png", SIZE_MAX), "x");
 
   try {
     VumoCLI::prepareOutput(home.path() / "missing" / "a.png", false);

@@ -1,3 +1,4 @@
+#include <cstdint>
 #include <algorithm>
 #include <thread>
 
@@ -39,7 +40,7 @@ std::vector<std::size_t> chunkSizes(const fs::path& directory) {
   std::vector<std::size_t> sizes;
   ChunkReader reader;
   for (const auto& file : ChunkFiles::existingChunkPaths(directory))
-    sizes.push_back(reader.decodeMouseEvents(readFile(file)).size());
+    sizes.push_back(reader.decodeMouseEvents(readFile(file, SIZE_MAX)).size());
   return sizes;
 }
 
@@ -116,7 +117,7 @@ TEST(ChunkStore, ChunkFilesAreCompactSortedJsonAndReadBackInOrder) {
     store->flush();
   }
   EXPECT_EQ(chunkSizes(dir.path()), (std::vector<std::size_t>{500, 500, 500, 500, 500, 100}));
-  std::string first = readFile(dir.path() / "000000.json");
+  std::string first = readFile(dir.path() / "000000.json", SIZE_MAX);
   EXPECT_EQ(first.substr(0, 12), "[{\"button\":\"");
   EXPECT_EQ(first.find('\n'), std::string::npos);
   EXPECT_FALSE(fs::exists(dir.path() / "active.tmp"));

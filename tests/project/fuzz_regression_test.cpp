@@ -1,5 +1,6 @@
 // Inputs that once broke a fuzz target (fuzz/corpus/<target>/) replayed as ordinary tests.
 
+#include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <optional>
@@ -56,7 +57,7 @@ TEST(FuzzRegressions, ChunkDecoderInputsDecodeAlikeInBothReaders) {
   ChunkReader reader;
   for (const auto& file : files) {
     SCOPED_TRACE(file.filename().string());
-    std::string bytes = readFile(file);
+    std::string bytes = readFile(file, SIZE_MAX);
     expectReadersAgree<MouseEvent>(bytes, [&](const std::string& b) { return reader.decodeMouseEvents(b); });
     expectReadersAgree<GeometrySample>(bytes, [&](const std::string& b) { return reader.decodeGeometrySamples(b); });
     expectReadersAgree<CursorShapeSample>(bytes,
@@ -69,7 +70,7 @@ TEST(FuzzRegressions, ManifestDecoderInputsFailCleanlyOrRoundTrip) {
     SCOPED_TRACE(file.filename().string());
     std::optional<ProjectManifest> manifest;
     try {
-      manifest = decodeProjectManifest(readFile(file));
+      manifest = decodeProjectManifest(readFile(file, SIZE_MAX));
     } catch (const DecodingError&) {
     }
     if (manifest) {

@@ -3,6 +3,7 @@
 // Builders shared by the project store tests: sources, stores on temporary folders, finished
 // projects with a placeholder media file, movies made with the ffmpeg command line.
 
+#include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <map>
@@ -46,7 +47,7 @@ inline std::map<std::string, std::string> folderContents(const std::filesystem::
   std::map<std::string, std::string> contents;
   for (const auto& entry : std::filesystem::recursive_directory_iterator(root)) {
     if (entry.is_regular_file())
-      contents[std::filesystem::relative(entry.path(), root).string()] = readFile(entry.path());
+      contents[std::filesystem::relative(entry.path(), root).string()] = readFile(entry.path(), SIZE_MAX);
     else
       contents[std::filesystem::relative(entry.path(), root).string() + "/"] = "";
   }

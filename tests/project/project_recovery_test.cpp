@@ -1,3 +1,4 @@
+#include <cstdint>
 #include <gtest/gtest.h>
 
 #include "project/chunk_store.h"
@@ -35,7 +36,7 @@ class RecoveryTest : public ::testing::Test {
     if (!ready_) GTEST_SKIP() << "the ffmpeg command line could not make test movies";
   }
 
-  static std::string movie(const char* name) { return readFile(movies_->path() / name); }
+  static std::string movie(const char* name) { return readFile(movies_->path() / name, SIZE_MAX); }
   static std::string firstHalf(const std::string& bytes) { return bytes.substr(0, bytes.size() / 2); }
 
   // An unfinished package as a crash leaves it: media, chunks and cursor images, never finished.
@@ -102,7 +103,7 @@ TEST_F(RecoveryTest, APackageWhoseMediaWasCutShortIsRecoveredWithWhatItsChunksHo
   EXPECT_EQ(manifest.metrics.writerStatus, "recoveredFragment");
   ASSERT_TRUE(manifest.cursorAssets.has_value());
   EXPECT_EQ(manifest.cursorAssets->size(), 1u);
-  EXPECT_TRUE(decodeDiagnosticReport(readFile(recovered.reportPath())).recovered);
+  EXPECT_TRUE(decodeDiagnosticReport(readFile(recovered.reportPath(), SIZE_MAX)).recovered);
 
   // From now on an ordinary project: listed, found, and loaded with one clip over the media.
   ASSERT_EQ(f.store.recentProjects().size(), 1u);

@@ -2,6 +2,7 @@
 // the situations the lock files and digests exist for: an editor and an agent's command line
 // sharing a project.
 
+#include <cstdint>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -167,7 +168,7 @@ TEST(ProjectStoreProcesses, EightProcessesCommittingFromOneDigestNeverLoseAnUpda
   auto history = f.store.timelineHistory(package);
   ASSERT_EQ(history.size(), 20u);
   for (std::size_t i = 0; i < history.size(); ++i) {
-    EditTimeline replaced = decodeEditTimeline(readFile(history[i].path));
+    EditTimeline replaced = decodeEditTimeline(readFile(history[i].path, SIZE_MAX));
     EXPECT_EQ(replaced.segments.at(0).id, winners[winners.size() - 2 - i]) << i;
     EXPECT_EQ(counterOf(replaced), initialCounter + rounds - 1 - static_cast<std::int64_t>(i));
   }
@@ -203,7 +204,7 @@ TEST(ProjectStoreProcesses, AProcessKilledMidCommitNeverLeavesATimelineThatFails
 
     // Whole, valid, and not locked: the next writer goes straight through.
     auto state = f.store.readTimelineState(package, duration, false);
-    ASSERT_NO_THROW(decodeEditTimeline(readFile(package.timelinePath())));
+    ASSERT_NO_THROW(decodeEditTimeline(readFile(package.timelinePath(), SIZE_MAX)));
     // A kill between keeping the history file and trimming leaves one extra, which the next
     // commit trims.
     ASSERT_LE(f.store.timelineHistory(package).size(), 21u);

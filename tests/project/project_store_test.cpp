@@ -1,3 +1,4 @@
+#include <cstdint>
 #include <sys/stat.h>
 
 #include <chrono>
@@ -79,7 +80,7 @@ TEST(ProjectStoreCreate, MakesTheNineFoldersAManifestAndAnInitialTimeline) {
   EXPECT_EQ(onDisk.metrics, RecordingMetrics{});
   EXPECT_EQ(onDisk.createdAt, onDisk.updatedAt);
 
-  EditTimeline initial = decodeEditTimeline(readFile(created.package.timelinePath()));
+  EditTimeline initial = decodeEditTimeline(readFile(created.package.timelinePath(), SIZE_MAX));
   EXPECT_EQ(initial.schemaVersion, EditTimeline::currentSchemaVersion);
   EXPECT_TRUE(initial.segments.empty());
   EXPECT_FALSE(initial.deviceFrame.has_value());
@@ -116,7 +117,7 @@ TEST(ProjectStoreCreate, NumbersTheMediaTracks) {
     EXPECT_EQ(created.manifest.webcam ? std::optional(created.manifest.webcam->trackIndex) : std::nullopt,
               c.webcamTrack);
     EXPECT_EQ(created.manifest.microphone->deviceName, "Mic");
-    EditTimeline initial = decodeEditTimeline(readFile(created.package.timelinePath()));
+    EditTimeline initial = decodeEditTimeline(readFile(created.package.timelinePath(), SIZE_MAX));
     EXPECT_EQ(initial.webcamOverlay.has_value(), c.webcam);
     if (c.webcam) {
       EXPECT_EQ(*initial.webcamOverlay, WebcamOverlay::newRecording());
@@ -131,7 +132,7 @@ TEST(ProjectStoreCreate, ADeviceSourceStartsWithAFrameForItsScreenSize) {
   phone.deviceUniqueID = "00008110-001";
   phone.initialPixelSize = {1170, 2532};
   auto created = f.store.createProject(phone, RecordingOptions{}, {1170, 2532}, std::nullopt, std::nullopt);
-  EditTimeline initial = decodeEditTimeline(readFile(created.package.timelinePath()));
+  EditTimeline initial = decodeEditTimeline(readFile(created.package.timelinePath(), SIZE_MAX));
   ASSERT_TRUE(initial.deviceFrame.has_value());
   EXPECT_TRUE(initial.deviceFrame->isEnabled);
   EXPECT_TRUE(DeviceFrameCatalog::bundled().descriptor(initial.deviceFrame->assetID).has_value());
@@ -159,7 +160,7 @@ TEST(ProjectStoreLifecycle, FinishRenamesToVumoAndReplacesAnEarlierFolderOfThatN
 TEST(ProjectStoreLifecycle, MarkFailedKeepsTheUnfinishedNameAndRecordsTheReason) {
   StoreFixture f;
   auto created = f.store.createProject(displaySource(), RecordingOptions{}, {1920, 1080}, std::nullopt, std::nullopt);
-  EXPECT_EQ(readFile(created.package.manifestPath()).find("failureReason"), std::string::npos);
+  EXPECT_EQ(readFile(created.package.manifestPath(), SIZE_MAX).find("failureReason"), std::string::npos);
   f.store.markFailed(created.package, created.manifest, "The disk is full.");
   ProjectManifest m = f.store.readManifest(created.package);
   EXPECT_EQ(m.state, ProjectState::failed);
@@ -179,7 +180,7 @@ TEST(ProjectStoreLifecycle, ReportsAreWrittenToTheDiagnosticsFolder) {
   auto package = f.finishedProject();
   auto report = DiagnosticReport::make(f.store.readManifest(package), false, {"note"});
   f.store.writeReport(report, package);
-  EXPECT_EQ(decodeDiagnosticReport(readFile(package.reportPath())), report);
+  EXPECT_EQ(decodeDiagnosticReport(readFile(package.reportPath(), SIZE_MAX)), report);
 }
 
 // ---- Guarded timeline commits ------------------------------------------------------------------
@@ -187,16 +188,16 @@ TEST(ProjectStoreLifecycle, ReportsAreWrittenToTheDiagnosticsFolder) {
 TEST(ProjectStoreCommit, ReplacesTheTimelineAndKeepsThePreviousBytesInHistory) {
   StoreFixture f;
   auto package = f.finishedProject();
-  std::string before = readFile(package.timelinePath());
+  std::string before = readFile(package.timelinePath(), SIZE_MAX);
   std::string digest = f.store.timelineDigest(package);
   EXPECT_EQ(digest, sha256Hex(before));
 
   auto warnings = f.store.commitTimeline(timelineWithBlur(0.25), digest, std::nullopt, package);
   EXPECT_TRUE(warnings.empty());
-  EXPECT_EQ(decodeEditTimeline(readFile(package.timelinePath())).motionBlurAmount, 0.25);
+  EXPECT_EQ(decodeEditTimeline(readFile(package.timelinePath(), SIZE_MAX)).motionBlurAmount, 0.25);
   auto history = f.store.timelineHistory(package);
   ASSERT_EQ(history.size(), 1u);
-  EXPECT_EQ(readFile(history[0].path), before);
+  EXPECT_EQ(readFile(history[0].path, SIZE_MAX), before);
   EXPECT_EQ(history[0].digest, digest);
   // Nothing but the documents and the lock: no temporary file is left behind.
   EXPECT_EQ(entryNames(package.editsDirectory()),
@@ -250,7 +251,7 @@ TEST(ProjectStoreCommit, WhiteSpaceAloneChangesTheDigestAndMakesAPreviewStale) {
   StoreFixture f;
   auto package = f.finishedProject();
   std::string digest = f.store.timelineDigest(package);
-  writeFileAtomically(package.timelinePath(), readFile(package.timelinePath()) + "\n");
+  writeFileAtomically(package.timelinePath(), readFile(package.timelinePath(), SIZE_MAX) + "\n");
   EXPECT_NE(f.store.timelineDigest(package), digest);
   EXPECT_EQ(storeErrorOf([&] { f.store.commitTimeline(timelineWithBlur(0.3), digest, std::nullopt, package); }),
             ProjectStoreError::Case::timelineDigestConflict);
@@ -296,20 +297,20 @@ TEST(ProjectStoreHistory, TwentyOneCommitsKeepTheTwentyNewestReplacedStates) {
   auto package = f.finishedProject();
   std::vector<std::string> replaced;
   for (int i = 1; i <= 21; ++i) {
-    replaced.push_back(readFile(package.timelinePath()));
+    replaced.push_back(readFile(package.timelinePath(), SIZE_MAX));
     f.store.commitTimeline(timelineWithBlur(i / 100.0), f.store.timelineDigest(package), std::nullopt, package);
   }
   auto history = f.store.timelineHistory(package);
   ASSERT_EQ(history.size(), 20u);
   std::set<std::string> kept;
   for (const auto& entry : history) {
-    std::string bytes = readFile(entry.path);
+    std::string bytes = readFile(entry.path, SIZE_MAX);
     EXPECT_EQ(entry.digest, sha256Hex(bytes));
     kept.insert(bytes);
   }
   EXPECT_FALSE(kept.count(replaced[0]));  // the initial timeline is gone
-  EXPECT_EQ(readFile(history[0].path), replaced[20]);
-  EXPECT_EQ(readFile(history[19].path), replaced[1]);
+  EXPECT_EQ(readFile(history[0].path, SIZE_MAX), replaced[20]);
+  EXPECT_EQ(readFile(history[19].path, SIZE_MAX), replaced[1]);
   EXPECT_DOUBLE_EQ(f.store.historyTimeline(0, package, tenSeconds, false).motionBlurAmount, 0.20);
   EXPECT_DOUBLE_EQ(f.store.historyTimeline(18, package, tenSeconds, false).motionBlurAmount, 0.02);
   EXPECT_EQ(storeErrorOf([&] { f.store.historyTimeline(20, package, tenSeconds, false); }),
@@ -361,13 +362,13 @@ TEST(ProjectStoreMigration, AnUpgradeKeepsTheOldFileOnceForEverySchemaItCrosses)
   const std::string schema2 = documentAtSchema(2);
   writeFileAtomically(package.timelinePath(), schema2);
   f.store.commitTimeline(timelineWithBlur(0.4), f.store.timelineDigest(package), std::nullopt, package);
-  for (int n = 3; n <= 8; ++n) EXPECT_EQ(readFile(package.preSchemaTimelineBackupPath(n)), schema2) << n;
+  for (int n = 3; n <= 8; ++n) EXPECT_EQ(readFile(package.preSchemaTimelineBackupPath(n), SIZE_MAX), schema2) << n;
 
   // Later writes, a downgrade and an upgrade again included, never touch them.
   f.store.commitTimeline(timelineWithBlur(0.3), f.store.timelineDigest(package), std::nullopt, package);
   writeFileAtomically(package.timelinePath(), documentAtSchema(5));
   f.store.writeTimeline(timelineWithBlur(0.2), package);
-  for (int n = 3; n <= 8; ++n) EXPECT_EQ(readFile(package.preSchemaTimelineBackupPath(n)), schema2) << n;
+  for (int n = 3; n <= 8; ++n) EXPECT_EQ(readFile(package.preSchemaTimelineBackupPath(n), SIZE_MAX), schema2) << n;
 }
 
 TEST(ProjectStoreMigration, OnlyTheCrossedSchemasAreBackedUp) {
@@ -408,11 +409,11 @@ TEST(ProjectStoreCaptions, TheFirstCaptionsCommitFromTheEmptyDigestAndThenHistor
   EXPECT_EQ(f.store.captionsState(package).document->cues[0].text, "hello");  // the normal form is written
   EXPECT_TRUE(ProjectHistoryFiles::list(package.captionsHistoryDirectory()).empty());
 
-  std::string firstBytes = readFile(package.captionsPath());
+  std::string firstBytes = readFile(package.captionsPath(), SIZE_MAX);
   std::string second = f.store.commitCaptions(captionsWithCue("world"), first, timeline, package);
   auto history = ProjectHistoryFiles::list(package.captionsHistoryDirectory());
   ASSERT_EQ(history.size(), 1u);
-  EXPECT_EQ(readFile(history[0]), firstBytes);
+  EXPECT_EQ(readFile(history[0], SIZE_MAX), firstBytes);
 
   std::string third = f.store.writeCaptions(captionsWithCue("again"), second, package);
   EXPECT_EQ(third, f.store.captionsDigest(package));
@@ -605,8 +606,8 @@ TEST(ProjectStoreImport, CopiesPackagesThatAreNotHereYetAndKeepsTheOriginals) {
   writeFileAtomically(f.store.projectsDirectoryPath() / "present.vumo" / "mine", "mine");
 
   EXPECT_EQ(f.store.importProjects(legacy.path()), 2u);
-  EXPECT_EQ(readFile(f.store.projectsDirectoryPath() / a / "edits" / "timeline.json"), a);
-  EXPECT_EQ(readFile(f.store.projectsDirectoryPath() / b / "edits" / "timeline.json"), b);
+  EXPECT_EQ(readFile(f.store.projectsDirectoryPath() / a / "edits" / "timeline.json", SIZE_MAX), a);
+  EXPECT_EQ(readFile(f.store.projectsDirectoryPath() / b / "edits" / "timeline.json", SIZE_MAX), b);
   EXPECT_TRUE(fs::exists(f.store.projectsDirectoryPath() / "present.vumo" / "mine"));
   EXPECT_TRUE(fs::exists(legacy.path() / a));
   EXPECT_EQ(entryNames(f.store.projectsDirectoryPath()), (std::set<std::string>{a, b, "present.vumo"}));
@@ -735,11 +736,11 @@ TEST(ProjectStoreAssets, CanvasBackgroundsNeedADigestNameAndAreWrittenOnce) {
 
   f.store.writeCanvasBackgroundAsset(payload(id, "assets/backgrounds/" + id + ".jpg", K::image), package);
   fs::path file = package.canvasBackgroundsDirectory() / (id + ".jpg");
-  EXPECT_EQ(readFile(file), data);
+  EXPECT_EQ(readFile(file, SIZE_MAX), data);
   auto again = payload(id, "assets/backgrounds/" + id + ".jpg", K::image);
   again.imageData = "different bytes";
   f.store.writeCanvasBackgroundAsset(again, package);
-  EXPECT_EQ(readFile(file), data);  // already there with the right digest: left alone
+  EXPECT_EQ(readFile(file, SIZE_MAX), data);  // already there with the right digest: left alone
   f.store.writeCanvasBackgroundAsset(payload(id, "assets/backgrounds/" + id + ".mov", K::video), package);
   EXPECT_TRUE(fs::exists(package.canvasBackgroundsDirectory() / (id + ".mov")));
 }
@@ -758,7 +759,7 @@ TEST(CursorAssetStore, StoresEachShapeOnceAndReadsItsDescriptorsBack) {
     for (int shift = 56; shift >= 0; shift -= 8) bytes.push_back(static_cast<char>((bits >> shift) & 0xff));
   EXPECT_EQ(a.id, sha256Hex(bytes));
   EXPECT_EQ(a.relativePath, "cursor/assets/" + a.id + ".png");
-  EXPECT_EQ(readFile(folder / (a.id + ".png")), "png");
+  EXPECT_EQ(readFile(folder / (a.id + ".png"), SIZE_MAX), "png");
   EXPECT_EQ(fs::directory_iterator(folder) == fs::directory_iterator(), false);
 
   writeFileAtomically(folder / "junk.json", "{");

@@ -1,3 +1,4 @@
+#include <cstdint>
 #include <gtest/gtest.h>
 
 #include "shared/digest.h"
@@ -14,7 +15,7 @@ TEST(FilesTest, AtomicWriteReplacesAndLeavesNoTemporaryFiles) {
   auto file = dir.path() / "timeline.json";
   writeFileAtomically(file, "first");
   writeFileAtomically(file, "second");
-  EXPECT_EQ(readFile(file), "second");
+  EXPECT_EQ(readFile(file, SIZE_MAX), "second");
   int entries = 0;
   for ([[maybe_unused]] auto& e : std::filesystem::directory_iterator(dir.path())) ++entries;
   EXPECT_EQ(entries, 1);
@@ -23,7 +24,7 @@ TEST(FilesTest, AtomicWriteReplacesAndLeavesNoTemporaryFiles) {
 TEST(FilesTest, FailuresAreFileErrorsNamingThePath) {
   testing::TemporaryDirectory dir;
   try {
-    readFile(dir.path() / "missing.json");
+    readFile(dir.path() / "missing.json", SIZE_MAX);
     FAIL();
   } catch (const FileError& e) {
     EXPECT_NE(std::string(e.what()).find("missing.json"), std::string::npos);

@@ -1,3 +1,4 @@
+#include <cstdint>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -25,7 +26,7 @@ struct PngHeader {
 };
 
 PngHeader readPngHeader(const std::filesystem::path& path) {
-  std::string bytes = readFile(path);
+  std::string bytes = readFile(path, SIZE_MAX);
   PngHeader header;
   if (bytes.size() < 26 || bytes.compare(1, 3, "PNG") != 0 || bytes.compare(12, 4, "IHDR") != 0) return header;
   auto u32 = [&](std::size_t at) {

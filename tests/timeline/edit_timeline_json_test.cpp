@@ -1,3 +1,4 @@
+#include <cstdint>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -452,7 +453,7 @@ std::filesystem::path fuzzCorpus() {
 TEST(EditTimelineFuzzRegression, DuplicateAnnotationIDsNormaliseAndAreRefused) {
   // Two annotations share an id: normalising (which notes lanes by id) must still finish, and
   // the validator refuses the document whatever the lanes came out as.
-  EditTimeline timeline = decodeEditTimeline(readFile(fuzzCorpus() / "duplicate-annotation-ids.json"));
+  EditTimeline timeline = decodeEditTimeline(readFile(fuzzCorpus() / "duplicate-annotation-ids.json", SIZE_MAX));
   for (int pass = 0; pass < 3; ++pass) {
     timeline = timeline.normalized(ms(60'000), true);
     try {
@@ -467,7 +468,7 @@ TEST(EditTimelineFuzzRegression, DuplicateAnnotationIDsNormaliseAndAreRefused) {
 TEST(EditTimelineFuzzRegression, EveryKeptInputDecodesOrFailsCleanly) {
   for (const auto& entry : std::filesystem::directory_iterator(fuzzCorpus())) {
     try {
-      EditTimeline timeline = decodeEditTimeline(readFile(entry.path()));
+      EditTimeline timeline = decodeEditTimeline(readFile(entry.path(), SIZE_MAX));
       EXPECT_EQ(decodeEditTimeline(encodeEditTimeline(timeline)), timeline) << entry.path();
       EditTimeline normal = timeline.normalized(ms(60'000), false);
       try {
