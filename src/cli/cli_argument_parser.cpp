@@ -9,7 +9,6 @@
 #include <string_view>
 
 #include "cli/cli_errors.h"
-#include "shared/files.h"
 
 namespace vumo {
 
@@ -169,12 +168,13 @@ PointValue parsePoint(std::string_view text) {
   return {*x, *y};
 }
 
+// An absolute path or a bare file name, passed on as written: where a bare name lands is the
+// output policy's business (cli/output_destination.h), not the grammar's.
 std::filesystem::path outputPath(const std::string& text) {
   if (text.starts_with("/")) return text;
   if (text.empty() || text.find('/') != std::string::npos || text == "." || text == "..")
     throw CLIArgumentError::invalidValue("--out");
-  createDirectories(applicationSupportDirectory());
-  return defaultExportsDirectory() / text;
+  return text;
 }
 
 struct MutationOptions {
@@ -417,8 +417,6 @@ CLICommand parseFrame(const Words& words) {
 
 }  // namespace
 
-std::filesystem::path defaultExportsDirectory() { return vumoSupportDirectory() / "Exports"; }
-
 CLICommand CLIArgumentParser::parse(const std::vector<std::string>& arguments) {
   if (arguments.empty()) return {CLICommand::Help{}};
   const std::string& command = arguments.front();
@@ -426,8 +424,16 @@ CLICommand CLIArgumentParser::parse(const std::vector<std::string>& arguments) {
 
   static const std::map<std::string_view, std::function<CLICommand(const Words&)>> commands = {
       {"help", parseHelp},
-      {"system-info", [](const Words& w) { expectNoWords(w); return CLICommand{CLICommand::SystemInfo{}}; }},
-      {"list", [](const Words& w) { expectNoWords(w); return CLICommand{CLICommand::List{}}; }},
+      {"system-info",
+       [](const Words& w) {
+         expectNoWords(w);
+         return CLICommand{CLICommand::SystemInfo{}};
+       }},
+      {"list",
+       [](const Words& w) {
+         expectNoWords(w);
+         return CLICommand{CLICommand::List{}};
+       }},
       {"describe", [](const Words& w) { return CLICommand{CLICommand::Describe{singleProjectID(w)}}; }},
       {"history", [](const Words& w) { return CLICommand{CLICommand::History{singleProjectID(w)}}; }},
       {"captions-read", [](const Words& w) { return CLICommand{CLICommand::CaptionsRead{singleProjectID(w)}}; }},

@@ -8,14 +8,11 @@
 namespace vumo {
 
 // Turns the words after `cli` into one command. It checks syntax, bounds and the legal
-// combinations of options only, so a malformed request fails before any project is touched.
-// Throws CLIArgumentError; the one file-system step (locating the exports folder for a bare
-// `--out` name) can throw FileError.
+// combinations of options only, so a malformed request fails before any project is touched; it
+// touches no file. Throws CLIArgumentError. An `--out` path is passed on as written (absolute, or
+// a bare file name); cli/output_destination.h decides where it goes.
 struct CLIArgumentParser {
   static CLICommand parse(const std::vector<std::string>& arguments);
 };
-
-// user application support / Vumo / Exports: where a bare `--out` file name lands.
-std::filesystem::path defaultExportsDirectory();
 
 }  // namespace vumo

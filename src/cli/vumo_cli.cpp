@@ -9,6 +9,7 @@
 #include "cli/cli_argument_parser.h"
 #include "agent/timeline_plan_engine.h"
 #include "cli/cli_errors.h"
+#include "cli/output_destination.h"
 #include "cli/project_command_service.h"
 #include "cli/system_capability_inspector.h"
 #include "project/project_store.h"
@@ -89,7 +90,7 @@ Json VumoCLI::execute(const CLICommand& command) {
         } else if constexpr (std::is_same_v<T, CLICommand::EditPlan>) {
           return service.executeEditPlan(request.request);
         } else if constexpr (std::is_same_v<T, CLICommand::Frame>) {
-          prepareOutput(request.outputPath, request.replace);
+          prepareOutputPath(request.outputPath, request.replace);
           service.load(request.projectID);
           throw CLIUnavailableError("Rendering a frame");
         } else if constexpr (std::is_same_v<T, CLICommand::Idle>) {
@@ -155,22 +156,6 @@ std::optional<CLIValidationDetails> VumoCLI::validationDetails(const std::except
   if (plan->zoomID()) details.zoomID = plan->zoomID()->string();
   for (const auto& cut : plan->normalizedCuts()) details.normalizedCuts.push_back(CLIRange::from(cut));
   return details;
-}
-
-void VumoCLI::prepareOutput(const std::filesystem::path& path, bool replace) {
-  if (!path.is_absolute()) throw CLIArgumentError::invalidValue("--out");
-  std::error_code ignored;
-  if (std::filesystem::exists(std::filesystem::symlink_status(path, ignored)) && !replace)
-    throw CLIOutputError::outputExists(path.string());
-  std::filesystem::path parent = path.parent_path();
-  if (std::filesystem::exists(parent, ignored)) return;
-  createDirectories(applicationSupportDirectory());
-  std::filesystem::path exports = defaultExportsDirectory();
-  if (parent.lexically_normal() == exports.lexically_normal()) {
-    createDirectories(exports);
-    return;
-  }
-  throw CLIOutputError::parentMissing(parent.string());
 }
 
 std::string VumoCLI::usageText() {

@@ -50,9 +50,6 @@ class VumoCLI {
 
   static CLIClassification classify(const std::exception& error);
   static std::optional<CLIValidationDetails> validationDetails(const std::exception& error);
-  // Checks that `--out` may be written: refuses an existing file unless `replace`, and creates no
-  // folder but the default exports folder.
-  static void prepareOutput(const std::filesystem::path& path, bool replace);
   static std::string usageText();
 
   // The error path: writes the envelope for `error` and returns its status (130 for a cancelled

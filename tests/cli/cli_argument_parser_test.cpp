@@ -1,9 +1,12 @@
+#include "cli/cli_argument_parser.h"
+
 #include <gtest/gtest.h>
 
 #include <cctype>
+#include <cstdlib>
 
-#include "cli/cli_argument_parser.h"
 #include "cli/cli_errors.h"
+#include "cli/output_destination.h"
 #include "support/test_support.h"
 
 namespace vumo {
@@ -38,8 +41,7 @@ struct FailureCase {
 // Test names from the command line itself, so a failure names the words that broke.
 std::string caseName(const ::testing::TestParamInfo<FailureCase>& info) {
   std::string name;
-  for (const char* c = info.param.line; *c != 0; ++c)
-    name += std::isalnum(static_cast<unsigned char>(*c)) ? *c : '_';
+  for (const char* c = info.param.line; *c != 0; ++c) name += std::isalnum(static_cast<unsigned char>(*c)) ? *c : '_';
   return name + "_" + std::to_string(info.index);
 }
 
@@ -65,14 +67,19 @@ INSTANTIATE_TEST_SUITE_P(
         FailureCase{"describe", "缺少参数：id"}, FailureCase{"describe --x", "缺少参数：id"},
         FailureCase{"describe ''", "缺少参数：id"}, FailureCase{"describe abc def", "无法识别参数：def"},
         FailureCase{"history abc def", "无法识别参数：def"}, FailureCase{"help nonsense", "参数无效：help topic"},
-        FailureCase{"help editPlan", "参数无效：help topic"}, FailureCase{"help workflow output", "无法识别参数：output"},
+        FailureCase{"help editPlan", "参数无效：help topic"},
+        FailureCase{"help workflow output", "无法识别参数：output"},
         // ranges
-        FailureCase{"cut abc --range 5,1", "参数无效：--range"}, FailureCase{"cut abc --range 0,604800001", "参数无效：--range"},
-        FailureCase{"cut abc --range 1,2,3", "参数无效：--range"}, FailureCase{"cut abc --range ,5", "参数无效：--range"},
-        FailureCase{"cut abc --range -1,5", "参数无效：--range"}, FailureCase{"cut abc --range a,b", "参数无效：--range"},
-        FailureCase{"cut abc --range 3,3", "参数无效：--range"}, FailureCase{"cut abc --range 1.5,3", "参数无效：--range"},
-        FailureCase{"cut abc", "缺少参数：--range"}, FailureCase{"cut abc --range", "缺少参数：--range"},
-        FailureCase{"cut --range 1,2", "缺少参数：id"}, FailureCase{"cut abc --range 1,2 --range 3,4", "参数无效：--range"},
+        FailureCase{"cut abc --range 5,1", "参数无效：--range"},
+        FailureCase{"cut abc --range 0,604800001", "参数无效：--range"},
+        FailureCase{"cut abc --range 1,2,3", "参数无效：--range"},
+        FailureCase{"cut abc --range ,5", "参数无效：--range"},
+        FailureCase{"cut abc --range -1,5", "参数无效：--range"},
+        FailureCase{"cut abc --range a,b", "参数无效：--range"},
+        FailureCase{"cut abc --range 3,3", "参数无效：--range"},
+        FailureCase{"cut abc --range 1.5,3", "参数无效：--range"}, FailureCase{"cut abc", "缺少参数：--range"},
+        FailureCase{"cut abc --range", "缺少参数：--range"}, FailureCase{"cut --range 1,2", "缺少参数：id"},
+        FailureCase{"cut abc --range 1,2 --range 3,4", "参数无效：--range"},
         FailureCase{"cut abc --range 1,2 stray", "无法识别参数：stray"},
         FailureCase{"cut abc --range 1,2 --level 2", "无法识别参数：--level"},
         FailureCase{"cut abc --range 1,2 --apply", "参数无效：--apply必须与--expect同时提供"},
@@ -92,8 +99,10 @@ INSTANTIATE_TEST_SUITE_P(
         FailureCase{"zoom-add abc --range 2,1 --at 1.5,0.5", "参数无效：--at"},
         FailureCase{"zoom-add abc --range 1,2 --level big", "参数无效：--level"},
         FailureCase{"zoom-add abc --range 1,2 --level inf", "参数无效：--level"},
-        FailureCase{"zoom-rm abc", "参数无效：--index/--all"}, FailureCase{"zoom-rm abc --index 1 --all", "参数无效：--index/--all"},
-        FailureCase{"zoom-rm abc --index -1", "参数无效：--index"}, FailureCase{"zoom-rm abc --all now", "参数无效：--all"},
+        FailureCase{"zoom-rm abc", "参数无效：--index/--all"},
+        FailureCase{"zoom-rm abc --index 1 --all", "参数无效：--index/--all"},
+        FailureCase{"zoom-rm abc --index -1", "参数无效：--index"},
+        FailureCase{"zoom-rm abc --all now", "参数无效：--all"},
         FailureCase{"zoom-regen abc --range 1,2", "无法识别参数：--range"},
         FailureCase{"restore abc", "缺少参数：--index"}, FailureCase{"restore abc --index x", "参数无效：--index"},
         // set
@@ -107,7 +116,8 @@ INSTANTIATE_TEST_SUITE_P(
         // idle
         FailureCase{"idle abc --silence-db 1", "参数无效：--silence-db"},
         FailureCase{"idle abc --min-removal-ms 16", "参数无效：--min-removal-ms"},
-        FailureCase{"idle abc --min-ms 0", "参数无效：--min-ms"}, FailureCase{"idle abc --min-ms ''", "参数无效：--min-ms"},
+        FailureCase{"idle abc --min-ms 0", "参数无效：--min-ms"},
+        FailureCase{"idle abc --min-ms ''", "参数无效：--min-ms"},
         FailureCase{"idle abc --min-ms 99999999999999999999", "参数无效：--min-ms"},
         FailureCase{"idle abc --track camera", "参数无效：--track"},
         FailureCase{"idle abc --silence-db ' -42'", "参数无效：--silence-db"},
@@ -125,8 +135,10 @@ INSTANTIATE_TEST_SUITE_P(
                     "参数无效：--apply/--expect-timeline/--expect-captions/--expect-plan"},
         // frame
         FailureCase{"frame abc --out a.png", "缺少参数：--ms"}, FailureCase{"frame abc --ms 0", "缺少参数：--out"},
-        FailureCase{"frame abc --ms 0 --out a/b.png", "参数无效：--out"}, FailureCase{"frame abc --ms 0 --out ..", "参数无效：--out"},
-        FailureCase{"frame abc --ms 0 --out .", "参数无效：--out"}, FailureCase{"frame abc --ms -1 --out a.png", "参数无效：--ms"},
+        FailureCase{"frame abc --ms 0 --out a/b.png", "参数无效：--out"},
+        FailureCase{"frame abc --ms 0 --out ..", "参数无效：--out"},
+        FailureCase{"frame abc --ms 0 --out .", "参数无效：--out"},
+        FailureCase{"frame abc --ms -1 --out a.png", "参数无效：--ms"},
         FailureCase{"frame abc --ms 0 --out a.png --width 1", "参数无效：--width"},
         FailureCase{"frame abc --ms 0 --out a.png --replace yes", "参数无效：--replace"},
         // a value that starts with "--" is never a value
@@ -158,8 +170,12 @@ TEST(ParserTest, MutationsCarryRangeDomainAndCommit) {
 
   auto speed = std::get<CLIMutation::Speed>(mutationOf("speed-set abc --range 1,2 --rate 2.0").mutation.value);
   EXPECT_EQ(speed.rate.permille, 2000);
-  EXPECT_EQ(std::get<CLIMutation::Speed>(mutationOf("speed-set abc --range 1,2 --rate 0.5").mutation.value).rate.permille, 500);
-  EXPECT_EQ(std::get<CLIMutation::Speed>(mutationOf("speed-set abc --range 1,2 --rate 1.01").mutation.value).rate.permille, 1010);
+  EXPECT_EQ(
+      std::get<CLIMutation::Speed>(mutationOf("speed-set abc --range 1,2 --rate 0.5").mutation.value).rate.permille,
+      500);
+  EXPECT_EQ(
+      std::get<CLIMutation::Speed>(mutationOf("speed-set abc --range 1,2 --rate 1.01").mutation.value).rate.permille,
+      1010);
 
   auto zoom = std::get<CLIMutation::ZoomAdd>(mutationOf("zoom-add abc --range 1,2 --at 0.25,1 --level").mutation.value);
   EXPECT_EQ(zoom.level, 1.8);
@@ -207,20 +223,26 @@ TEST(ParserTest, CaptionAndPlanRequests) {
   EXPECT_EQ(import.jobID.string(), "0F8FAD5B-D9CB-469F-A165-70867728950E");
   EXPECT_TRUE(import.alignsAudio && import.appliesChanges);
   EXPECT_EQ(import.expectedCaptionsDigest, "c");
-  auto plan = std::get<CLICommand::EditPlan>(CLIArgumentParser::parse(words("edit-plan-preview abc --job " + job)).value);
+  auto plan =
+      std::get<CLICommand::EditPlan>(CLIArgumentParser::parse(words("edit-plan-preview abc --job " + job)).value);
   EXPECT_FALSE(plan.request.appliesChanges);
-  EXPECT_EQ(std::get<CLICommand::CaptionsPrepare>(CLIArgumentParser::parse(words("captions-prepare abc --track")).value).track,
+  EXPECT_EQ(std::get<CLICommand::CaptionsPrepare>(CLIArgumentParser::parse(words("captions-prepare abc --track")).value)
+                .track,
             MediaTrackKind::microphone);
-  EXPECT_EQ(std::get<CLICommand::CaptionsGenerate>(CLIArgumentParser::parse(words("captions-generate abc")).value).track,
-            CaptionTrackSelection::automatic);
+  EXPECT_EQ(
+      std::get<CLICommand::CaptionsGenerate>(CLIArgumentParser::parse(words("captions-generate abc")).value).track,
+      CaptionTrackSelection::automatic);
 }
 
 TEST(ParserTest, BareOutputNamesLandInTheExportsFolderWhichIsNotCreatedYet) {
   testing::ScopedDataHome home;
+  // A data home that does not exist yet: parsing must not create it either.
+  ::setenv("XDG_DATA_HOME", (home.path() / "data").c_str(), 1);
   auto frame = std::get<CLICommand::Frame>(CLIArgumentParser::parse(words("frame abc --ms 5000 --out shot.png")).value);
-  EXPECT_EQ(frame.outputPath, home.path() / "Vumo" / "Exports" / "shot.png");
+  EXPECT_EQ(frame.outputPath, "shot.png");
+  EXPECT_EQ(resolvedOutputPath(frame.outputPath), home.path() / "data" / "Vumo" / "Exports" / "shot.png");
   EXPECT_EQ(frame.width, 1280);
-  EXPECT_FALSE(std::filesystem::exists(home.path() / "Vumo" / "Exports"));
+  EXPECT_FALSE(std::filesystem::exists(home.path() / "data"));
   auto absolute = std::get<CLICommand::Frame>(
       CLIArgumentParser::parse(words("frame abc --ms 0 --out /tmp/a.png --width 3840 --replace")).value);
   EXPECT_EQ(absolute.outputPath, "/tmp/a.png");

@@ -99,32 +99,6 @@ TEST(ClassifyTest, FamiliesDecideCodeAndStatus) {
   EXPECT_EQ(static_cast<int>(conflict.exitCode), 4);
 }
 
-TEST(PrepareOutputTest, RefusesExistingFilesAndCreatesOnlyTheExportsFolder) {
-  testing::ScopedDataHome home;
-  auto exports = home.path() / "Vumo" / "Exports";
-  VumoCLI::prepareOutput(exports / "a.png", false);
-  EXPECT_TRUE(std::filesystem::is_directory(exports));
-
-  writeFileAtomically(exports / "a.png", "x");
-  try {
-    VumoCLI::prepareOutput(exports / "a.png", false);
-    FAIL();
-  } catch (const CLIOutputError& e) {
-    EXPECT_EQ(std::string(e.what()), "输出已存在，使用--replace才能覆盖：" + (exports / "a.png").string());
-  }
-  EXPECT_NO_THROW(VumoCLI::prepareOutput(exports / "a.png", true));
-  EXPECT_EQ(readFile(exports / "a.png", SIZE_MAX), "x");
-
-  try {
-    VumoCLI::prepareOutput(home.path() / "missing" / "a.png", false);
-    FAIL();
-  } catch (const CLIOutputError& e) {
-    EXPECT_EQ(e.kind(), CLIOutputError::Case::parentMissing);
-    EXPECT_EQ(std::string(e.what()), "输出目录不存在：" + (home.path() / "missing").string());
-  }
-  EXPECT_FALSE(std::filesystem::exists(home.path() / "missing"));
-}
-
 TEST(HelpCatalogTest, TopicsAreMarkdownWithOneBlankLineAfterTheTitle) {
   for (auto topic : {CLIAgentHelpTopic::workflow, CLIAgentHelpTopic::editPlan, CLIAgentHelpTopic::captions,
                      CLIAgentHelpTopic::settings, CLIAgentHelpTopic::output}) {
