@@ -1,7 +1,8 @@
+#include "captions/caption_coverage.h"
+
 #include <gtest/gtest.h>
 
 #include "captions/caption_errors.h"
-#include "cli/project_command_service.h"
 
 namespace vumo {
 namespace {
@@ -31,12 +32,12 @@ CaptionDocument documentOf(std::vector<CaptionCue> cues) {
 
 TEST(CaptionCoverageTest, EveryMillisecondOfACueMustBeRetained) {
   EditTimeline adjoining = timelineOf({{0, 4000}, {4000, 10'000}});
-  EXPECT_NO_THROW(ProjectCommandService::validateCaptionCoverage(documentOf({cue(3000, 5000)}), adjoining, source));
+  EXPECT_NO_THROW(validateCaptionCoverage(documentOf({cue(3000, 5000)}), adjoining, source));
 
   EditTimeline gap = timelineOf({{0, 4000}, {4500, 10'000}});
-  EXPECT_NO_THROW(ProjectCommandService::validateCaptionCoverage(documentOf({cue(1000, 3999), cue(4500, 6000)}), gap, source));
+  EXPECT_NO_THROW(validateCaptionCoverage(documentOf({cue(1000, 3999), cue(4500, 6000)}), gap, source));
   try {
-    ProjectCommandService::validateCaptionCoverage(documentOf({cue(1000, 2000), cue(3900, 4600)}), gap, source);
+    validateCaptionCoverage(documentOf({cue(1000, 2000), cue(3900, 4600)}), gap, source);
     FAIL();
   } catch (const CaptionValidationError& e) {
     EXPECT_EQ(e.kind(), CaptionValidationError::Case::cueCrossesRemovedContent);
@@ -44,7 +45,7 @@ TEST(CaptionCoverageTest, EveryMillisecondOfACueMustBeRetained) {
   // The check is in whole milliseconds, so a sliver below one goes unnoticed.
   EditTimeline sliver = timelineOf({{0, 4000}});
   sliver.segments[0].sourceRange.duration = ProjectTime{4'000'000'000 - 400'000};
-  EXPECT_NO_THROW(ProjectCommandService::validateCaptionCoverage(documentOf({cue(3000, 3999)}), sliver, source));
+  EXPECT_NO_THROW(validateCaptionCoverage(documentOf({cue(3000, 3999)}), sliver, source));
 }
 
 TEST(CaptionImpactTest, CutsClassifyCuesAndSpeedAloneAffectsNone) {
@@ -59,21 +60,27 @@ TEST(CaptionImpactTest, CutsClassifyCuesAndSpeedAloneAffectsNone) {
                                         ProjectTimeRange::fromStartEnd(ms(7600), ms(8200))};
   EditTimeline resulting = timelineOf({{0, 1500}, {3500, 5000}, {5100, 7600}, {8200, 10'000}});
 
-  auto impact = ProjectCommandService::captionImpact(document, original, resulting, cuts, source);
-  EXPECT_EQ(impact.removed, (std::vector<std::string>{removed.id.string()}));
-  EXPECT_EQ(impact.split, (std::vector<std::string>{wordsHit.id.string(), edgeOnly.id.string()}));
+  auto impact = captionImpact(document, original, resulting, cuts, source);
+  EXPECT_EQ(impact.removed, (std::vector<Uuid>{removed.id}));
+  EXPECT_EQ(impact.split, (std::vector<Uuid>{wordsHit.id, edgeOnly.id}));
   ASSERT_EQ(impact.impacts.size(), 3u);
-  EXPECT_EQ(impact.impacts[0].kind, "fully-removed");
-  EXPECT_EQ(impact.impacts[0].affectedCutRanges, (std::vector<CLIRange>{{1500, 3500}}));
-  EXPECT_EQ(impact.impacts[1].kind, "word-timing-overlap");
+  EXPECT_EQ(impact.impacts[0].cueID, removed.id);
+  EXPECT_EQ(impact.impacts[0].kind, CaptionImpactKind::fullyRemoved);
+  EXPECT_EQ(impact.impacts[0].affectedCutRanges, (std::vector<ProjectTimeRange>{cuts[0]}));
+  EXPECT_EQ(impact.impacts[1].kind, CaptionImpactKind::wordTimingOverlap);
   EXPECT_TRUE(impact.impacts[1].hasWordTimings);
-  EXPECT_EQ(impact.impacts[2].kind, "cue-timing-overlap");
+  EXPECT_EQ(impact.impacts[1].affectedCutRanges, (std::vector<ProjectTimeRange>{cuts[1]}));
+  EXPECT_EQ(impact.impacts[2].kind, CaptionImpactKind::cueTimingOverlap);
+  // The words the command line reports for each kind.
+  EXPECT_EQ(nameOf(captionImpactKindNames, impact.impacts[0].kind), "fully-removed");
+  EXPECT_EQ(nameOf(captionImpactKindNames, impact.impacts[1].kind), "word-timing-overlap");
+  EXPECT_EQ(nameOf(captionImpactKindNames, impact.impacts[2].kind), "cue-timing-overlap");
 
   EditTimeline faster = timelineOf({{0, 10'000}}, 2000);
-  EXPECT_TRUE(ProjectCommandService::captionImpact(document, original, faster, {}, source).impacts.empty());
-  EXPECT_TRUE(ProjectCommandService::captionImpact(std::nullopt, original, resulting, cuts, source).impacts.empty());
+  EXPECT_TRUE(captionImpact(document, original, faster, {}, source).impacts.empty());
+  EXPECT_TRUE(captionImpact(std::nullopt, original, resulting, cuts, source).impacts.empty());
   // A timeline that cannot be mapped makes the impact unknown, which is no error.
-  EXPECT_TRUE(ProjectCommandService::captionImpact(document, EditTimeline::empty(), resulting, cuts, source).impacts.empty());
+  EXPECT_TRUE(captionImpact(document, EditTimeline::empty(), resulting, cuts, source).impacts.empty());
 }
 
 }  // namespace
