@@ -5,7 +5,7 @@
 #include <algorithm>
 
 #include "agent/agent_exchange.h"
-#include "captions/caption_errors.h"
+#include "captions/caption_coverage.h"
 #include "cli/project_inspector.h"
 #include "shared/digest.h"
 #include "timeline/auto_zoom_engine.h"
@@ -34,7 +34,8 @@ std::vector<CLIRange> millisecondRanges(const std::vector<ProjectTimeRange>& ran
   return out;
 }
 
-std::vector<CLIZoomReconciliationDescription> describeReconciliations(const std::vector<ZoomReconciliation>& reconciliations) {
+std::vector<CLIZoomReconciliationDescription> describeReconciliations(
+    const std::vector<ZoomReconciliation>& reconciliations) {
   std::vector<CLIZoomReconciliationDescription> out;
   for (const auto& r : reconciliations)
     out.push_back({r.zoomID.string(), CLIRange::from(r.originalRange), std::string(jsonString(r.action)),
@@ -76,8 +77,10 @@ std::string segmentNamespace(const EditTimeline& timeline) {
 const std::vector<std::string>& editPlanInstructions() {
   static const std::vector<std::string> instructions = {
       "把完整Edit Plan Schema 3写入planPath；所有时间为Source milliseconds，范围按describe返回的Source Time填写。",
-      "最多500项，只能包含cut、speed、zoom-clear、zoom-reconcile、zoom-add和一组settings；speed倍率为0.50至4.00，步进0.01。",
-      "写入后执行edit-plan-preview预演，向用户报告整批影响并等待明确确认；提交时只执行预演返回的confirmationArguments。",
+      "最多500项，只能包含cut、speed、zoom-clear、zoom-reconcile、zoom-add和一组settings；speed倍率为0.50至4.00，步进0."
+      "01。",
+      "写入后执行edit-plan-"
+      "preview预演，向用户报告整批影响并等待明确确认；提交时只执行预演返回的confirmationArguments。",
   };
   return instructions;
 }
@@ -89,12 +92,7 @@ ProjectCommandService::LoadedProject ProjectCommandService::load(const std::stri
   // The snapshot's timeline comes normalised and fully validated (effects included), so a project
   // whose timeline is not acceptable ends here with the validator's error.
   ProjectSnapshot snapshot = store_.loadSnapshot(package);
-  std::string digest = store_.timelineDigest(package);
-  return {std::move(package), std::move(snapshot), std::move(digest)};
-}
-
-std::string ProjectCommandService::currentTimelineDigest(const ProjectPackage& package) const {
-  return store_.timelineDigest(package);
+  return {std::move(package), std::move(snapshot)};
 }
 
 std::vector<CLIProjectSummary> ProjectCommandService::list() {
@@ -108,7 +106,7 @@ std::vector<CLIProjectSummary> ProjectCommandService::list() {
 
 CLIProjectDescription ProjectCommandService::describe(const std::string& projectID) {
   auto project = load(projectID);
-  return ProjectInspector::describe(project.snapshot, project.digest);
+  return ProjectInspector::describe(project.snapshot, project.snapshot.timelineDigest);
 }
 
 CLIHistoryResponse ProjectCommandService::history(const std::string& projectID) {
@@ -127,15 +125,16 @@ CLICaptionReadResponse ProjectCommandService::readCaptions(const std::string& pr
   TimelineMapper mapper(snapshot.timeline, snapshot.manifest.duration);
   CLICaptionReadResponse response;
   response.projectID = snapshot.manifest.id.string();
-  response.timelineDigest = project.digest;
-  response.captionsDigest = store_.captionsDigest(project.package);
+  response.timelineDigest = snapshot.timelineDigest;
+  response.captionsDigest = snapshot.captionsDigest;
   if (!snapshot.captions) {
     response.hint = "当前项目没有字幕，请先执行captions-prepare。";
     return response;
   }
   response.language = snapshot.captions->language;
   response.sourceTrack = std::string(rawValue(snapshot.captions->sourceTrack));
-  for (const auto& cue : snapshot.captions->cues) response.cues.push_back(ProjectInspector::cueDescription(cue, mapper));
+  for (const auto& cue : snapshot.captions->cues)
+    response.cues.push_back(ProjectInspector::cueDescription(cue, mapper));
   return response;
 }
 
@@ -183,7 +182,9 @@ ProjectCommandService::MutationResult ProjectCommandService::compute(const CLIMu
           auto zooms = ProjectInspector::zoomsByStart(timeline);
           if (*m.index >= static_cast<std::int64_t>(zooms.size()))
             throw TimelineEffectError(TimelineEffectError::Case::zoomIndexInvalid);
-          return {TimelineEffectEngine::removeZoom(timeline, zooms[static_cast<std::size_t>(*m.index)].id, duration), {}, {}};
+          return {TimelineEffectEngine::removeZoom(timeline, zooms[static_cast<std::size_t>(*m.index)].id, duration),
+                  {},
+                  {}};
         } else if constexpr (std::is_same_v<T, CLIMutation::RestoreHistory>) {
           return {store_.historyTimeline(m.index, project.package, duration, hasWebcam), {}, {}};
         } else {
@@ -207,19 +208,22 @@ CLIMutationResponse ProjectCommandService::mutate(const CLIMutationRequest& requ
 
   CLIMutationResponse response;
   response.projectID = project.snapshot.manifest.id.string();
-  response.timelineDigest = project.digest;
+  response.timelineDigest = project.snapshot.timelineDigest;
   response.before = ProjectInspector::timelineSummary(project.snapshot.timeline, duration);
   response.after = ProjectInspector::timelineSummary(result.timeline, duration);
   response.normalizedCuts = millisecondRanges(result.normalizedCuts);
   response.zoomReconciliations = describeReconciliations(result.zoomReconciliations);
 
   if (!request.appliesChanges) {
-    response.confirmationArguments = confirmationArguments(request.mutation, request.projectID, project.digest);
+    response.confirmationArguments =
+        confirmationArguments(request.mutation, request.projectID, project.snapshot.timelineDigest);
     return response;
   }
-  response.warnings = store_.commitTimeline(result.timeline, request.expectedDigest.value_or(""), std::nullopt, project.package);
+  TimelineCommit commit =
+      store_.commitTimeline(result.timeline, request.expectedDigest.value_or(""), std::nullopt, project.package);
+  response.warnings = std::move(commit.warnings);
   response.applied = true;
-  response.resultingDigest = currentTimelineDigest(project.package);
+  response.resultingDigest = std::move(commit.digest);
   return response;
 }
 
@@ -234,12 +238,13 @@ std::vector<std::string> ProjectCommandService::confirmationArguments(const CLIM
           if (m.domain == CLITimeDomain::source) w.push_back("--source");
           return w;
         } else if constexpr (std::is_same_v<T, CLIMutation::Speed>) {
-          std::vector<std::string> w{"speed-set", projectID, "--range", rangeText(m.range), "--rate",
-                                     shortestDecimal(m.rate.permille / 1000.0)};
+          std::vector<std::string> w{"speed-set",        projectID, "--range",
+                                     rangeText(m.range), "--rate",  shortestDecimal(m.rate.permille / 1000.0)};
           if (m.domain == CLITimeDomain::source) w.push_back("--source");
           return w;
         } else if constexpr (std::is_same_v<T, CLIMutation::ZoomAdd>) {
-          std::vector<std::string> w{"zoom-add", projectID, "--range", rangeText(m.range), "--level", shortestDecimal(m.level)};
+          std::vector<std::string> w{"zoom-add",         projectID, "--range",
+                                     rangeText(m.range), "--level", shortestDecimal(m.level)};
           if (m.domain == CLITimeDomain::source) w.push_back("--source");
           if (m.focus) {
             w.push_back("--at");
@@ -266,7 +271,8 @@ std::vector<std::string> ProjectCommandService::confirmationArguments(const CLIM
 
 CLIEditPlanPreparationResponse ProjectCommandService::prepareEditPlan(const std::string& projectID) {
   auto project = load(projectID);
-  const std::string captionsDigest = store_.captionsDigest(project.package);
+  const std::string& timelineDigest = project.snapshot.timelineDigest;
+  const std::string& captionsDigest = project.snapshot.captionsDigest;
   const Uuid jobID = Uuid::random();
   const auto folder = createEditPlanDirectory(jobID);
 
@@ -274,7 +280,7 @@ CLIEditPlanPreparationResponse ProjectCommandService::prepareEditPlan(const std:
   job.protocolVersion = EditPlanExchangeDocument::currentProtocolVersion;
   job.id = jobID;
   job.projectID = project.snapshot.manifest.id;
-  job.timelineDigest = project.digest;
+  job.timelineDigest = timelineDigest;
   job.captionsDigest = captionsDigest;
   job.createdAt = Timestamp::now();
   writeExchange(job, folder / "job.json");
@@ -282,7 +288,7 @@ CLIEditPlanPreparationResponse ProjectCommandService::prepareEditPlan(const std:
   EditPlanExchangeDocument example;
   example.jobID = jobID;
   example.projectID = job.projectID;
-  example.timelineDigest = project.digest;
+  example.timelineDigest = timelineDigest;
   example.captionsDigest = captionsDigest;
   EditPlanOperation cut;
   cut.type = EditPlanOperationType::cut;
@@ -304,7 +310,7 @@ CLIEditPlanPreparationResponse ProjectCommandService::prepareEditPlan(const std:
   response.projectID = job.projectID.string();
   response.jobID = jobID.string();
   response.planPath = (folder / "edit-plan.json").string();
-  response.timelineDigest = project.digest;
+  response.timelineDigest = timelineDigest;
   response.captionsDigest = captionsDigest;
   response.example = example;
   response.instructions = editPlanInstructions();
@@ -315,11 +321,12 @@ CLIEditPlanResponse ProjectCommandService::executeEditPlan(const CLIEditPlanRequ
   auto project = load(request.projectID);
   const ProjectSnapshot& snapshot = project.snapshot;
   const ProjectTime duration = snapshot.manifest.duration;
-  const std::string captionsDigest = store_.captionsDigest(project.package);
+  const std::string& timelineDigest = snapshot.timelineDigest;
+  const std::string& captionsDigest = snapshot.captionsDigest;
 
   const auto folder = exchangeRootDirectory() / request.jobID.string();
   EditPlanJob job = decodeEditPlanJob(readEditPlanJobData(folder / "job.json"));
-  job.verifyCurrent(request.jobID, snapshot.manifest.id, project.digest, captionsDigest);
+  job.verifyCurrent(request.jobID, snapshot.manifest.id, timelineDigest, captionsDigest);
 
   const std::string planBytes = readEditPlanData(folder / "edit-plan.json");
   const std::string planDigest = sha256Hex(planBytes);
@@ -327,16 +334,17 @@ CLIEditPlanResponse ProjectCommandService::executeEditPlan(const CLIEditPlanRequ
   document.verifyMatches(job);
   if (request.appliesChanges)
     verifyEditPlanConfirmation(request.expectedTimelineDigest.value_or(""), request.expectedCaptionsDigest.value_or(""),
-                               request.expectedPlanDigest.value_or(""), project.digest, captionsDigest, planDigest);
+                               request.expectedPlanDigest.value_or(""), timelineDigest, captionsDigest, planDigest);
 
   TimelineEditPlan plan = document.domainPlan(duration);
-  TimelinePlanResult result = TimelinePlanEngine::apply(plan, snapshot.timeline, duration, snapshot.manifest.webcam.has_value(),
-                                                        snapshot.manifest.encodedPixelSize, snapshot.mouseEvents);
+  TimelinePlanResult result =
+      TimelinePlanEngine::apply(plan, snapshot.timeline, duration, snapshot.manifest.webcam.has_value(),
+                                snapshot.manifest.encodedPixelSize, snapshot.mouseEvents);
 
   CLIEditPlanResponse response;
   response.projectID = snapshot.manifest.id.string();
   response.jobID = request.jobID.string();
-  response.timelineDigest = project.digest;
+  response.timelineDigest = timelineDigest;
   response.captionsDigest = captionsDigest;
   response.planDigest = planDigest;
   response.before = ProjectInspector::timelineSummary(snapshot.timeline, duration);
@@ -348,87 +356,28 @@ CLIEditPlanResponse ProjectCommandService::executeEditPlan(const CLIEditPlanRequ
     response.normalizedSpeedChanges.push_back(
         {change.range.start.cliMilliseconds(), change.range.end().cliMilliseconds(), change.rate.multiplier()});
   response.zoomReconciliations = describeReconciliations(result.zoomReconciliations);
-  auto impact = captionImpact(snapshot.captions, snapshot.timeline, result.timeline, result.normalizedCutRanges, duration);
-  response.captionImpacts = std::move(impact.impacts);
-  response.fullyRemovedCaptionIDs = std::move(impact.removed);
-  response.splitCaptionIDs = std::move(impact.split);
+  CaptionImpact impact =
+      captionImpact(snapshot.captions, snapshot.timeline, result.timeline, result.normalizedCutRanges, duration);
+  for (const auto& cue : impact.impacts)
+    response.captionImpacts.push_back({cue.cueID.string(), std::string(nameOf(captionImpactKindNames, cue.kind)),
+                                       millisecondRanges(cue.affectedCutRanges), cue.hasWordTimings});
+  for (const auto& id : impact.removed) response.fullyRemovedCaptionIDs.push_back(id.string());
+  for (const auto& id : impact.split) response.splitCaptionIDs.push_back(id.string());
 
   if (!request.appliesChanges) {
     response.confirmationArguments =
-        std::vector<std::string>{"edit-plan-preview", request.projectID, "--job",  request.jobID.string(),
-                                 "--apply",           "--expect-timeline", project.digest, "--expect-captions",
+        std::vector<std::string>{"edit-plan-preview", request.projectID,   "--job",        request.jobID.string(),
+                                 "--apply",           "--expect-timeline", timelineDigest, "--expect-captions",
                                  captionsDigest,      "--expect-plan",     planDigest};
     return response;
   }
   // One write, however many operations the plan holds.
-  response.warnings = store_.commitTimeline(result.timeline, *request.expectedTimelineDigest,
-                                            request.expectedCaptionsDigest, project.package);
+  TimelineCommit commit = store_.commitTimeline(result.timeline, *request.expectedTimelineDigest,
+                                                request.expectedCaptionsDigest, project.package);
+  response.warnings = std::move(commit.warnings);
   response.applied = true;
-  response.resultingDigest = currentTimelineDigest(project.package);
+  response.resultingDigest = std::move(commit.digest);
   return response;
-}
-
-void ProjectCommandService::validateCaptionCoverage(const CaptionDocument& document, const EditTimeline& timeline,
-                                                    ProjectTime sourceDuration) {
-  TimelineMapper mapper(timeline, sourceDuration);
-  auto segments = ProjectInspector::segmentDescriptions(mapper);
-  for (const auto& cue : document.cues) {
-    const std::int64_t cueStart = cue.start.cliMilliseconds();
-    const std::int64_t cueEnd = cue.end.cliMilliseconds();
-    std::int64_t covered = 0;
-    for (const auto& segment : segments)
-      covered += std::max<std::int64_t>(
-          0, std::min(segment.sourceEndMilliseconds, cueEnd) - std::max(segment.sourceStartMilliseconds, cueStart));
-    if (covered != cueEnd - cueStart)
-      throw CaptionValidationError(CaptionValidationError::Case::cueCrossesRemovedContent);
-  }
-}
-
-ProjectCommandService::CaptionImpact ProjectCommandService::captionImpact(
-    const std::optional<CaptionDocument>& document, const EditTimeline& originalTimeline,
-    const EditTimeline& resultingTimeline, const std::vector<ProjectTimeRange>& normalizedCuts,
-    ProjectTime sourceDuration) {
-  CaptionImpact impact;
-  if (!document) return impact;
-  std::optional<TimelineMapper> original, resulting;
-  try {
-    original.emplace(originalTimeline, sourceDuration);
-    resulting.emplace(resultingTimeline, sourceDuration);
-  } catch (const std::exception&) {
-    return impact;  // the impact is unknown, which is not an error of the plan
-  }
-  auto coverage = [](const TimelineMapper& mapper, const ProjectTimeRange& range) {
-    std::int64_t total = 0;
-    for (const auto& projection : mapper.projections())
-      if (auto overlap = projection.segment.sourceRange.intersection(range)) total += overlap->duration.nanoseconds;
-    return total;
-  };
-  for (const auto& cue : document->cues) {
-    const auto range = ProjectTimeRange::fromStartEnd(cue.start, cue.end);
-    const std::int64_t before = coverage(*original, range);
-    const std::int64_t after = coverage(*resulting, range);
-    if (after >= before) continue;
-    std::vector<ProjectTimeRange> affected;
-    for (const auto& cut : normalizedCuts)
-      if (cut.intersection(range)) affected.push_back(cut);
-    CLICaptionImpactDescription row;
-    row.cueID = cue.id.string();
-    row.affectedCutRanges = millisecondRanges(affected);
-    row.hasWordTimings = !cue.words.empty();
-    if (after == 0) {
-      impact.removed.push_back(row.cueID);
-      row.kind = "fully-removed";
-    } else {
-      impact.split.push_back(row.cueID);
-      bool wordHit = std::any_of(cue.words.begin(), cue.words.end(), [&](const CaptionWord& word) {
-        auto wordRange = ProjectTimeRange::fromStartEnd(word.start, word.end);
-        return std::any_of(affected.begin(), affected.end(), [&](const auto& cut) { return cut.intersection(wordRange).has_value(); });
-      });
-      row.kind = wordHit ? "word-timing-overlap" : "cue-timing-overlap";
-    }
-    impact.impacts.push_back(std::move(row));
-  }
-  return impact;
 }
 
 }  // namespace vumo

@@ -25,8 +25,9 @@ class ProjectCommandService {
 
   struct LoadedProject {
     ProjectPackage package;
+    // Its timeline and captions digests are of the bytes it decoded: every digest an answer
+    // reports comes from here, so it always names the content that answer was computed from.
     ProjectSnapshot snapshot;
-    std::string digest;  // of edits/timeline.json as read after the snapshot
   };
 
   // The first step of every command that reads a whole project.
@@ -44,22 +45,6 @@ class ProjectCommandService {
   static std::vector<std::string> confirmationArguments(const CLIMutation& mutation, const std::string& projectID,
                                                         const std::string& digest);
 
-  // Captions are final only against retained material: every millisecond of every cue must lie
-  // in a clip. Fails with CaptionValidationError(cueCrossesRemovedContent).
-  static void validateCaptionCoverage(const CaptionDocument& document, const EditTimeline& timeline,
-                                      ProjectTime sourceDuration);
-
-  struct CaptionImpact {
-    std::vector<std::string> removed;
-    std::vector<std::string> split;
-    std::vector<CLICaptionImpactDescription> impacts;
-  };
-  // How a change of the timeline meets the cues. Only reports; an unknown impact (a timeline that
-  // cannot be mapped) is reported as none.
-  static CaptionImpact captionImpact(const std::optional<CaptionDocument>& document, const EditTimeline& originalTimeline,
-                                     const EditTimeline& resultingTimeline,
-                                     const std::vector<ProjectTimeRange>& normalizedCuts, ProjectTime sourceDuration);
-
  private:
   struct MutationResult {
     EditTimeline timeline;
@@ -67,7 +52,6 @@ class ProjectCommandService {
     std::vector<ZoomReconciliation> zoomReconciliations;
   };
   MutationResult compute(const CLIMutation& mutation, const LoadedProject& project);
-  std::string currentTimelineDigest(const ProjectPackage& package) const;
 
   ProjectStore& store_;
 };

@@ -1,6 +1,8 @@
 #include "project/chunk_reader.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
+#include <simdjson.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,13 +10,13 @@
 #include <array>
 #include <cerrno>
 #include <cmath>
+#include <cstdint>
 #include <cstring>
 #include <string>
 
-#include <fmt/format.h>
-#include <simdjson.h>
-
 #include "project/chunk_store.h"
+#include "shared/cancellation.h"
+#include "shared/document_limits.h"
 #include "shared/error.h"
 #include "shared/json.h"
 
@@ -47,16 +49,14 @@ object objectOf(element e, std::string_view context) {
 
 std::int64_t int64Of(element e, std::string_view key) {
   switch (e.type()) {
-    case element_type::INT64:
-      return e.get_int64().value_unsafe();
+    case element_type::INT64: return e.get_int64().value_unsafe();
     case element_type::DOUBLE: {
       // A whole number written with a fraction part ("3.0") still reads as an integer.
       double d = e.get_double().value_unsafe();
       if (d >= -9.2e18 && d <= 9.2e18 && std::trunc(d) == d) return static_cast<std::int64_t>(d);
       break;
     }
-    default:
-      break;
+    default: break;
   }
   failExpected("an integer", key);
 }
@@ -213,9 +213,9 @@ MousePhase phaseOf(element e, std::string_view key) {
 }
 
 void decodeRecord(element e, MouseEvent& m) {
-  static constexpr std::string_view names[] = {"button",     "geometryRevision", "globalPoint",
-                                               "isInsideSource", "localPoint", "normalizedPoint",
-                                               "phase",      "rawTimestampNanoseconds", "time"};
+  static constexpr std::string_view names[] = {
+      "button", "geometryRevision",        "globalPoint", "isInsideSource", "localPoint", "normalizedPoint",
+      "phase",  "rawTimestampNanoseconds", "time"};
   Fields<9> f(e, "MouseEvent", names);
   m.button = buttonOf(f.required(0), names[0]);
   m.geometryRevision = static_cast<std::uint32_t>(unsignedOf(f.required(1), names[1], UINT32_MAX));
@@ -234,8 +234,13 @@ void decodeRecord(element e, MouseEvent& m) {
 }
 
 void decodeRecord(element e, GeometrySample& g) {
-  static constexpr std::string_view names[] = {"contentRectInEncodedFrame", "encodedPixelSize", "globalWindowFrame",
-                                               "revision", "scaleFactor", "sourceContentSize", "time"};
+  static constexpr std::string_view names[] = {"contentRectInEncodedFrame",
+                                               "encodedPixelSize",
+                                               "globalWindowFrame",
+                                               "revision",
+                                               "scaleFactor",
+                                               "sourceContentSize",
+                                               "time"};
   Fields<7> f(e, "GeometrySample", names);
   g.contentRectInEncodedFrame = rectOf(f.required(0), names[0]);
   g.encodedPixelSize = pixelSizeOf(f.required(1), names[1]);
@@ -259,11 +264,17 @@ void decodeRecord(element e, CursorShapeSample& c) {
 template <class Record>
 constexpr std::size_t minimumEncodedBytes();
 template <>
-constexpr std::size_t minimumEncodedBytes<MouseEvent>() { return 190; }
+constexpr std::size_t minimumEncodedBytes<MouseEvent>() {
+  return 190;
+}
 template <>
-constexpr std::size_t minimumEncodedBytes<GeometrySample>() { return 255; }
+constexpr std::size_t minimumEncodedBytes<GeometrySample>() {
+  return 255;
+}
 template <>
-constexpr std::size_t minimumEncodedBytes<CursorShapeSample>() { return 38; }
+constexpr std::size_t minimumEncodedBytes<CursorShapeSample>() {
+  return 38;
+}
 
 class FileDescriptor {
  public:
@@ -302,11 +313,18 @@ struct ChunkReader::State {
     capacity *= 2;
   }
 
+  // As shared/files.h's readFile, into the padded buffer: regular files only, opened without
+  // blocking (a FIFO under a chunk's name cannot stall the load) and within the chunk limit.
   std::string_view readFile(const std::filesystem::path& path) {
-    FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC));
     struct stat info {};
     if (fd.get() < 0 || ::fstat(fd.get(), &info) != 0)
       throw FileError(fmt::format("Could not read {}: {}", path.string(), std::strerror(errno)));
+    if (!S_ISREG(info.st_mode)) throw FileError(fmt::format("Could not read {}: not a regular file", path.string()));
+    const std::size_t limit = documentLimits::chunkBytes;
+    if (static_cast<std::uintmax_t>(info.st_size) > limit)
+      throw FileError(
+          fmt::format("Could not read {}: {} bytes is more than the {} allowed", path.string(), info.st_size, limit));
     // One byte more than the size, so end of file is seen without growing.
     reserve(static_cast<std::size_t>(info.st_size) + 1);
     std::size_t length = 0;
@@ -323,6 +341,9 @@ struct ChunkReader::State {
       }
       if (n == 0) break;
       length += static_cast<std::size_t>(n);
+      // The file may grow while it is read.
+      if (length > limit)
+        throw FileError(fmt::format("Could not read {}: more than the {} bytes allowed", path.string(), limit));
     }
     std::memset(buffer.get() + length, 0, simdjson::SIMDJSON_PADDING);
     return {buffer.get(), length};
@@ -360,8 +381,7 @@ void ChunkReader::decodeInto(std::string_view bytes, std::vector<Record>& out) {
     for (const Json& element : document) out.push_back(json::as<Record>(element, ""));
     return;
   }
-  if (error != simdjson::SUCCESS)
-    fail(fmt::format("The data isn't valid JSON: {}", simdjson::error_message(error)));
+  if (error != simdjson::SUCCESS) fail(fmt::format("The data isn't valid JSON: {}", simdjson::error_message(error)));
   simdjson::dom::array array;
   if (root.get_array().get(array) != simdjson::SUCCESS) fail("Expected an array for value");
   for (element e : array) {
@@ -371,17 +391,19 @@ void ChunkReader::decodeInto(std::string_view bytes, std::vector<Record>& out) {
 }
 
 template <class Record>
-std::vector<Record> ChunkReader::readFolder(const std::filesystem::path& directory) {
+std::vector<Record> ChunkReader::readFolder(const std::filesystem::path& directory, const std::stop_token& stop) {
   auto files = ChunkFiles::existingChunkPaths(directory);
   std::uintmax_t totalBytes = 0;
   for (const auto& file : files) {
     std::error_code ignored;
     auto size = std::filesystem::file_size(file, ignored);
-    if (!ignored) totalBytes += size;
+    // A file over the limit is refused when its turn comes; it must not size the reservation.
+    if (!ignored && size <= documentLimits::chunkBytes) totalBytes += size;
   }
   std::vector<Record> records;
   records.reserve(static_cast<std::size_t>(totalBytes / minimumEncodedBytes<Record>() + 1));
   for (const auto& file : files) {
+    throwIfCancelled(stop);
     std::string_view bytes = state_->readFile(file);
     try {
       decodeInto(bytes, records);
@@ -392,14 +414,17 @@ std::vector<Record> ChunkReader::readFolder(const std::filesystem::path& directo
   return records;
 }
 
-std::vector<MouseEvent> ChunkReader::readMouseEvents(const std::filesystem::path& directory) {
-  return readFolder<MouseEvent>(directory);
+std::vector<MouseEvent> ChunkReader::readMouseEvents(const std::filesystem::path& directory,
+                                                     const std::stop_token& stop) {
+  return readFolder<MouseEvent>(directory, stop);
 }
-std::vector<GeometrySample> ChunkReader::readGeometrySamples(const std::filesystem::path& directory) {
-  return readFolder<GeometrySample>(directory);
+std::vector<GeometrySample> ChunkReader::readGeometrySamples(const std::filesystem::path& directory,
+                                                             const std::stop_token& stop) {
+  return readFolder<GeometrySample>(directory, stop);
 }
-std::vector<CursorShapeSample> ChunkReader::readCursorShapeSamples(const std::filesystem::path& directory) {
-  return readFolder<CursorShapeSample>(directory);
+std::vector<CursorShapeSample> ChunkReader::readCursorShapeSamples(const std::filesystem::path& directory,
+                                                                   const std::stop_token& stop) {
+  return readFolder<CursorShapeSample>(directory, stop);
 }
 
 std::vector<MouseEvent> ChunkReader::decodeMouseEvents(std::string_view bytes) {

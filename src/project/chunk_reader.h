@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <filesystem>
 #include <memory>
+#include <stop_token>
 #include <string_view>
 #include <vector>
 
@@ -26,10 +27,14 @@ class ChunkReader {
   ChunkReader& operator=(const ChunkReader&) = delete;
 
   // The chunks of a folder (ChunkFiles::existingChunkPaths) in name order, concatenated. A chunk
-  // that does not decode is a DecodingError naming the file; a missing folder is empty.
-  std::vector<MouseEvent> readMouseEvents(const std::filesystem::path& directory);
-  std::vector<GeometrySample> readGeometrySamples(const std::filesystem::path& directory);
-  std::vector<CursorShapeSample> readCursorShapeSamples(const std::filesystem::path& directory);
+  // that does not decode is a DecodingError naming the file; one that is not a regular file or is
+  // larger than documentLimits::chunkBytes is a FileError; a missing folder is empty. `stop` is
+  // checked before each file (CancelledError).
+  std::vector<MouseEvent> readMouseEvents(const std::filesystem::path& directory, const std::stop_token& stop = {});
+  std::vector<GeometrySample> readGeometrySamples(const std::filesystem::path& directory,
+                                                  const std::stop_token& stop = {});
+  std::vector<CursorShapeSample> readCursorShapeSamples(const std::filesystem::path& directory,
+                                                        const std::stop_token& stop = {});
 
   // One chunk's bytes.
   std::vector<MouseEvent> decodeMouseEvents(std::string_view bytes);
@@ -39,7 +44,7 @@ class ChunkReader {
  private:
   struct State;
   template <class Record>
-  std::vector<Record> readFolder(const std::filesystem::path& directory);
+  std::vector<Record> readFolder(const std::filesystem::path& directory, const std::stop_token& stop);
   template <class Record>
   void decodeInto(std::string_view bytes, std::vector<Record>& out);
 

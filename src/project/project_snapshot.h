@@ -35,7 +35,11 @@ struct ProjectSnapshot {
   std::vector<MouseEvent> mouseEvents;
   std::vector<GeometrySample> geometry;
   EditTimeline timeline;  // normalised and validated
+  // Of the very bytes `timeline` was decoded from (of zero bytes without a file): the digest a
+  // commit based on this snapshot expects.
+  std::string timelineDigest;
   std::optional<CaptionDocument> captions;  // validated; none without a captions file
+  std::string captionsDigest;               // likewise, of the bytes `captions` was decoded from
   std::vector<CursorShapeSample> cursorShapeSamples;
   std::vector<CursorAssetPayload> cursorAssets;
   std::vector<CanvasBackgroundAssetPayload> canvasBackgroundAssets;

@@ -1,5 +1,7 @@
-#include <cstdint>
 #include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdint>
 
 #include "project/chunk_store.h"
 #include "project/cursor_asset_store.h"
@@ -131,6 +133,38 @@ TEST_F(RecoveryTest, PackagesWithoutPlayableVideoAreLeftWhereTheyAre) {
   for (const auto& p : unplayable) EXPECT_TRUE(fs::exists(p.rootPath));
   EXPECT_TRUE(fs::exists(noManifest.rootPath));
   EXPECT_TRUE(f.store.recentProjects().empty());
+}
+
+TEST_F(RecoveryTest, RecoveryRemovesOldTemporariesOfThePackagesDocumentsOnly) {
+  ProjectPackage package = interruptedRecording(movie("fragmented.mov"));
+  struct Case {
+    fs::path relative;  // inside the package
+    bool old;
+    bool removed;
+  };
+  const Case cases[] = {
+      {".manifest.json.a1b2c3", true, true},
+      {".manifest.json.d4e5f6", false, false},  // a writer of the package may still be at work
+      {"diagnostics/.report.json.a1b2c3", true, true},
+      {"edits/.timeline.json.a1b2c3", true, true},
+      {"edits/.captions.json.a1b2c3", true, true},
+      {"edits/.timeline.pre-schema5.json.a1b2c3", true, true},
+      {"edits/history/.2026-01-02T03-04-05.678Z-X.json.a1b2c3", true, true},
+      {"events/.active.tmp.a1b2c3", true, true},
+      {"geometry/.active.tmp.a1b2c3", true, true},
+      {"cursor/assets/.0123.png.a1b2c3", true, true},
+      {"events/active.tmp", true, false},  // the chunk being written when the process died
+      {".notes.txt.a1b2c3", true, false},
+      {"media/.recording.mov.a1b2c3", true, false},
+      {"edits/.timeline.lock", true, false},
+  };
+  for (const auto& c : cases) {
+    createDirectories((package.rootPath / c.relative).parent_path());
+    writeFileAtomically(package.rootPath / c.relative, "partial");
+    if (c.old) project_testing::makeOlder(package.rootPath / c.relative, std::chrono::minutes(60));
+  }
+  ProjectPackage recovered = f.store.markRecovered(package, f.store.recoverableProjects().at(0).mediaDuration);
+  for (const auto& c : cases) EXPECT_EQ(fs::exists(recovered.rootPath / c.relative), !c.removed) << c.relative;
 }
 
 }  // namespace

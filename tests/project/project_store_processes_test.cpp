@@ -2,18 +2,18 @@
 // the situations the lock files and digests exist for: an editor and an agent's command line
 // sharing a project.
 
-#include <cstdint>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cmath>
+#include <cstdint>
 #include <cstring>
 #include <random>
 
-#include <gtest/gtest.h>
-
 #include "project/project_store.h"
+#include "project/stale_temporaries.h"
 #include "project_fixtures.h"
 #include "shared/files.h"
 
@@ -208,9 +208,13 @@ TEST(ProjectStoreProcesses, AProcessKilledMidCommitNeverLeavesATimelineThatFails
     // A kill between keeping the history file and trimming leaves one extra, which the next
     // commit trims.
     ASSERT_LE(f.store.timelineHistory(package).size(), 21u);
-    ASSERT_NO_THROW(f.store.commitTimeline(nextTimeline(state.timeline, Uuid::random()), state.digest, std::nullopt,
-                                           package));
+    ASSERT_NO_THROW(
+        f.store.commitTimeline(nextTimeline(state.timeline, Uuid::random()), state.digest, std::nullopt, package));
     ASSERT_LE(f.store.timelineHistory(package).size(), 20u);
+    // History entries are written only under the lock, so that commit removed whatever the kill
+    // left half-written there.
+    for (const auto& entry : fs::directory_iterator(package.timelineHistoryDirectory()))
+      ASSERT_FALSE(atomicWriteTarget(entry.path().filename().string()).has_value()) << entry.path();
   }
   for (const auto& entry : fs::directory_iterator(package.editsDirectory())) {
     std::string name = entry.path().filename().string();
