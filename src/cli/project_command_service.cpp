@@ -37,7 +37,7 @@ std::vector<CLIRange> millisecondRanges(const std::vector<ProjectTimeRange>& ran
 std::vector<CLIZoomReconciliationDescription> describeReconciliations(const std::vector<ZoomReconciliation>& reconciliations) {
   std::vector<CLIZoomReconciliationDescription> out;
   for (const auto& r : reconciliations)
-    out.push_back({r.zoomID.string(), CLIRange::from(r.originalRange), std::string(jsonString(r.action)),
+    out.push_back({r.zoomID.string(), CLIRange::from(r.originalRange), std::string(nameOf(r.action)),
                    millisecondRanges(r.resultingRanges)});
   return out;
 }
@@ -134,7 +134,7 @@ CLICaptionReadResponse ProjectCommandService::readCaptions(const std::string& pr
     return response;
   }
   response.language = snapshot.captions->language;
-  response.sourceTrack = std::string(rawValue(snapshot.captions->sourceTrack));
+  response.sourceTrack = std::string(nameOf(snapshot.captions->sourceTrack));
   for (const auto& cue : snapshot.captions->cues) response.cues.push_back(ProjectInspector::cueDescription(cue, mapper));
   return response;
 }
