@@ -53,6 +53,9 @@ class CatalogueListing {
     const auto& catalogue = Family::catalogue();
     for (const auto& row : catalogue.cases) {
       const Family error = make(row.kind);
+      if constexpr (requires { error.kind(); }) {
+        EXPECT_EQ(error.kind(), row.kind) << row.name;
+      }
       const Error& base = error;
       ErrorClassification classification = base.classification();
       lines_.push_back(std::string(catalogue.family) + " | " + std::string(row.name) + " | " + base.localizationKey() +
@@ -170,10 +173,10 @@ std::string diff(const std::vector<std::string>& expected, const std::vector<std
     if (i < n && j < m && expected[i] == actual[j]) {
       ++i;
       ++j;
-    } else if (j < m && (i == n || common[i][j + 1] >= common[i + 1][j])) {
-      out += "+ " + actual[j++] + "\n";
-    } else {
+    } else if (i < n && (j == m || common[i + 1][j] >= common[i][j + 1])) {
       out += "- " + expected[i++] + "\n";
+    } else {
+      out += "+ " + actual[j++] + "\n";
     }
   }
   return out;
