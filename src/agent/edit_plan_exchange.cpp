@@ -2,7 +2,6 @@
 
 #include <cmath>
 
-#include "shared/name_table.h"
 #include "timeline/edit_timeline.h"
 #include "timeline/timeline_validator.h"
 
@@ -12,28 +11,21 @@ namespace {
 
 using Case = EditPlanValidationError::Case;
 
-struct CaseText {
-  const char* key;
-  const char* text;
+constexpr ErrorCase<Case> errorCases[] = {
+    {Case::invalidDocument, "invalidDocument", "editPlan.error.invalidDocument", "Edit Plan Schema 1/2/3文档无效。",
+     "validation", ErrorKind::validation},
+    {Case::invalidOperation, "invalidOperation", "editPlan.error.invalidOperation",
+     "Edit Plan包含无效或互相冲突的操作。", "validation", ErrorKind::validation},
+    {Case::staleJob, "staleJob", "editPlan.error.staleJob", "Edit Plan任务与当前项目或Timeline不一致，请重新准备。",
+     "edit_plan_conflict", ErrorKind::conflict},
+    {Case::staleCaptions, "staleCaptions", "editPlan.error.staleCaptions", "字幕内容已变化，请重新生成剪辑计划。",
+     "edit_plan_conflict", ErrorKind::conflict},
+    {Case::stalePlan, "stalePlan", "editPlan.error.stalePlan", "Edit Plan文件已变化，请重新预演。",
+     "edit_plan_conflict", ErrorKind::conflict},
+    {Case::documentTooLarge, "documentTooLarge", "editPlan.error.documentTooLarge", "Edit Plan文件超过1MB安全上限。",
+     "validation", ErrorKind::validation},
 };
-
-CaseText describe(Case kind) {
-  switch (kind) {
-    case Case::invalidDocument:
-      return {"editPlan.error.invalidDocument", "Edit Plan Schema 1/2/3文档无效。"};
-    case Case::invalidOperation:
-      return {"editPlan.error.invalidOperation", "Edit Plan包含无效或互相冲突的操作。"};
-    case Case::staleJob:
-      return {"editPlan.error.staleJob", "Edit Plan任务与当前项目或Timeline不一致，请重新准备。"};
-    case Case::staleCaptions:
-      return {"editPlan.error.staleCaptions", "字幕内容已变化，请重新生成剪辑计划。"};
-    case Case::stalePlan:
-      return {"editPlan.error.stalePlan", "Edit Plan文件已变化，请重新预演。"};
-    case Case::documentTooLarge:
-      return {"editPlan.error.documentTooLarge", "Edit Plan文件超过1MB安全上限。"};
-  }
-  return {"editPlan.error.invalidDocument", "Edit Plan Schema 1/2/3文档无效。"};
-}
+static_assert(inCaseOrder(errorCases));
 
 [[noreturn]] void fail(Case kind) { throw EditPlanValidationError(kind); }
 
@@ -157,21 +149,11 @@ auto decodedOrInvalid(std::string_view bytes, Decode decode) {
 // ---------------------------------------------------------------------------------------------
 // Errors
 
-EditPlanValidationError::EditPlanValidationError(Case kind)
-    : Error(describe(kind).key, "EditorAgent", describe(kind).text), kind_(kind) {}
+EditPlanValidationError::EditPlanValidationError(Case kind) : Error(catalogue(), kind), kind_(kind) {}
 
-ErrorClassification EditPlanValidationError::classification() const {
-  switch (kind_) {
-    case Case::staleJob:
-    case Case::staleCaptions:
-    case Case::stalePlan:
-      return {"edit_plan_conflict", ErrorKind::conflict};
-    case Case::invalidDocument:
-    case Case::invalidOperation:
-    case Case::documentTooLarge:
-      return {"validation", ErrorKind::validation};
-  }
-  return {"validation", ErrorKind::validation};
+const ErrorCatalogue<Case>& EditPlanValidationError::catalogue() {
+  static constexpr ErrorCatalogue<Case> catalogue{"EditPlanValidationError", "EditorAgent", errorCases};
+  return catalogue;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -187,30 +169,6 @@ void from_json(const Json& j, EditPlanRange& range) {
   json::requireObject(j, "range");
   range.startMilliseconds = json::required<std::int64_t>(j, "startMilliseconds");
   range.endMilliseconds = json::required<std::int64_t>(j, "endMilliseconds");
-}
-
-constexpr NameTable<EditPlanOperationType, 6> operationTypeNames{{
-    {EditPlanOperationType::cut, "cut"},
-    {EditPlanOperationType::speed, "speed"},
-    {EditPlanOperationType::zoomClear, "zoom-clear"},
-    {EditPlanOperationType::zoomReconcile, "zoom-reconcile"},
-    {EditPlanOperationType::zoomAdd, "zoom-add"},
-    {EditPlanOperationType::settings, "settings"},
-}};
-
-std::string_view jsonString(EditPlanOperationType type) { return nameOf(operationTypeNames, type); }
-
-std::optional<EditPlanOperationType> parseEditPlanOperationType(std::string_view text) {
-  return parseName(operationTypeNames, text);
-}
-
-void to_json(Json& j, EditPlanOperationType type) { j = std::string(jsonString(type)); }
-
-void from_json(const Json& j, EditPlanOperationType& type) {
-  std::string text = json::asString(j, "type");
-  auto parsed = parseEditPlanOperationType(text);
-  if (!parsed) throw DecodingError("Unsupported edit plan operation: " + text);
-  type = *parsed;
 }
 
 void to_json(Json& j, const EditPlanOperation& operation) {

@@ -37,7 +37,7 @@ class EditPlanValidationError : public Error {
 
   explicit EditPlanValidationError(Case kind);
   Case kind() const noexcept { return kind_; }
-  ErrorClassification classification() const override;
+  static const ErrorCatalogue<Case>& catalogue();
 
  private:
   Case kind_;
@@ -56,10 +56,18 @@ void from_json(const Json& j, EditPlanRange& range);
 
 enum class EditPlanOperationType { cut, speed, zoomClear, zoomReconcile, zoomAdd, settings };
 
-std::string_view jsonString(EditPlanOperationType type);
-std::optional<EditPlanOperationType> parseEditPlanOperationType(std::string_view text);
-void to_json(Json& j, EditPlanOperationType type);
-void from_json(const Json& j, EditPlanOperationType& type);
+template <>
+struct EnumNames<EditPlanOperationType> {
+  static constexpr std::string_view typeName = "edit plan operation";
+  static constexpr NameTable<EditPlanOperationType, 6> table{{
+      {EditPlanOperationType::cut, "cut"},
+      {EditPlanOperationType::speed, "speed"},
+      {EditPlanOperationType::zoomClear, "zoom-clear"},
+      {EditPlanOperationType::zoomReconcile, "zoom-reconcile"},
+      {EditPlanOperationType::zoomAdd, "zoom-add"},
+      {EditPlanOperationType::settings, "settings"},
+  }};
+};
 
 // One step of a plan. Which of the optional fields an operation needs, and which it must leave
 // out, depends on its type; `domainPlan` checks that.

@@ -8,7 +8,6 @@
 
 #include "shared/checked_math.h"
 #include "shared/digest.h"
-#include "shared/name_table.h"
 #include "timeline/timeline_edit_engine.h"
 #include "timeline/timeline_effect_engine.h"
 #include "timeline/timeline_frame_grid.h"
@@ -23,24 +22,17 @@ namespace {
 using Grid = TimelineFrameGrid;
 using Case = TimelinePlanError::Case;
 
-struct CaseText {
-  const char* key;
-  const char* text;
+constexpr ErrorCase<Case> errorCases[] = {
+    {Case::zoomOutsideRetainedContent, "zoomOutsideRetainedContent", "timeline.error.zoomOutside",
+     "The entire zoom range must fit within content retained after cutting.", "validation", ErrorKind::validation},
+    {Case::empty, "empty", "timeline.error.planEmpty", "An edit plan must contain at least one operation.",
+     "validation", ErrorKind::validation},
+    {Case::tooManyOperations, "tooManyOperations", "timeline.error.planLimit", "The edit plan exceeds 500 operations.",
+     "validation", ErrorKind::validation},
+    {Case::cutOutsideRetainedContent, "cutOutsideRetainedContent", "timeline.error.cutOutside",
+     "The cut range does not cover any currently retained content.", "validation", ErrorKind::validation},
 };
-
-CaseText describe(Case kind) {
-  switch (kind) {
-    case Case::zoomOutsideRetainedContent:
-      return {"timeline.error.zoomOutside", "The entire zoom range must fit within content retained after cutting."};
-    case Case::empty:
-      return {"timeline.error.planEmpty", "An edit plan must contain at least one operation."};
-    case Case::tooManyOperations:
-      return {"timeline.error.planLimit", "The edit plan exceeds 500 operations."};
-    case Case::cutOutsideRetainedContent:
-      return {"timeline.error.cutOutside", "The cut range does not cover any currently retained content."};
-  }
-  return {"timeline.error.planEmpty", "An edit plan must contain at least one operation."};
-}
+static_assert(inCaseOrder(errorCases));
 
 ProjectTimeRange zoomRange(const ZoomSegment& zoom) { return ProjectTimeRange::fromStartEnd(zoom.startTime, zoom.endTime); }
 
@@ -107,33 +99,12 @@ std::size_t TimelineEditPlan::operationCount() const {
          (settings.empty() ? 0 : 1);
 }
 
-constexpr NameTable<ZoomReconciliationAction, 4> reconciliationActionNames{{
-    {ZoomReconciliationAction::preserved, "preserved"},
-    {ZoomReconciliationAction::trimmed, "trimmed"},
-    {ZoomReconciliationAction::split, "split"},
-    {ZoomReconciliationAction::removed, "removed"},
-}};
-
-std::string_view jsonString(ZoomReconciliationAction action) { return nameOf(reconciliationActionNames, action); }
-
-std::optional<ZoomReconciliationAction> parseZoomReconciliationAction(std::string_view text) {
-  return parseName(reconciliationActionNames, text);
-}
-
-void to_json(Json& j, ZoomReconciliationAction action) { j = std::string(jsonString(action)); }
-
-void from_json(const Json& j, ZoomReconciliationAction& action) {
-  auto parsed = parseZoomReconciliationAction(json::asString(j, "action"));
-  if (!parsed) throw DecodingError("Unsupported zoom reconciliation action: " + j.get<std::string>());
-  action = *parsed;
-}
-
 // ---------------------------------------------------------------------------------------------
 // Errors
 
 TimelinePlanError::TimelinePlanError(Case kind, ProjectTimeRange range, std::optional<Uuid> zoomID,
                                      std::vector<ProjectTimeRange> cuts)
-    : Error(describe(kind).key, "Editor", describe(kind).text),
+    : Error(catalogue(), kind),
       kind_(kind),
       range_(range),
       zoomID_(std::move(zoomID)),
@@ -146,7 +117,14 @@ TimelinePlanError TimelinePlanError::zoomOutsideRetainedContent(ProjectTimeRange
 
 TimelinePlanError TimelinePlanError::empty() { return {Case::empty, {}, std::nullopt, {}}; }
 TimelinePlanError TimelinePlanError::tooManyOperations() { return {Case::tooManyOperations, {}, std::nullopt, {}}; }
-TimelinePlanError TimelinePlanError::cutOutsideRetainedContent() { return {Case::cutOutsideRetainedContent, {}, std::nullopt, {}}; }
+TimelinePlanError TimelinePlanError::cutOutsideRetainedContent() {
+  return {Case::cutOutsideRetainedContent, {}, std::nullopt, {}};
+}
+
+const ErrorCatalogue<Case>& TimelinePlanError::catalogue() {
+  static constexpr ErrorCatalogue<Case> catalogue{"TimelinePlanError", "Editor", errorCases};
+  return catalogue;
+}
 
 // ---------------------------------------------------------------------------------------------
 // Ranges and pieces

@@ -49,10 +49,16 @@ struct TimelineEditPlan {
 
 enum class ZoomReconciliationAction { preserved, trimmed, split, removed };
 
-std::string_view jsonString(ZoomReconciliationAction action);
-std::optional<ZoomReconciliationAction> parseZoomReconciliationAction(std::string_view text);
-void to_json(Json& j, ZoomReconciliationAction action);
-void from_json(const Json& j, ZoomReconciliationAction& action);
+template <>
+struct EnumNames<ZoomReconciliationAction> {
+  static constexpr std::string_view typeName = "zoom reconciliation action";
+  static constexpr NameTable<ZoomReconciliationAction, 4> table{{
+      {ZoomReconciliationAction::preserved, "preserved"},
+      {ZoomReconciliationAction::trimmed, "trimmed"},
+      {ZoomReconciliationAction::split, "split"},
+      {ZoomReconciliationAction::removed, "removed"},
+  }};
+};
 
 // What became of one existing zoom: `zoomID` and `originalRange` are the zoom before the plan,
 // `resultingRanges` the retained pieces that now carry a zoom (before snapping to the grid).
@@ -103,7 +109,7 @@ class TimelinePlanError : public Error {
   const std::optional<Uuid>& zoomID() const noexcept { return zoomID_; }
   const std::vector<ProjectTimeRange>& normalizedCuts() const noexcept { return normalizedCuts_; }
 
-  ErrorClassification classification() const override { return {"validation", ErrorKind::validation}; }
+  static const ErrorCatalogue<Case>& catalogue();
 
  private:
   TimelinePlanError(Case kind, ProjectTimeRange range, std::optional<Uuid> zoomID, std::vector<ProjectTimeRange> cuts);

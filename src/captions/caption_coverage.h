@@ -25,11 +25,15 @@ enum class CaptionImpactKind {
   wordTimingOverlap,  // part of the cue is left, and a cut runs through one of its timed words
   cueTimingOverlap,   // part of the cue is left; no timed word is cut
 };
-inline constexpr NameTable<CaptionImpactKind, 3> captionImpactKindNames = {{
-    {CaptionImpactKind::fullyRemoved, "fully-removed"},
-    {CaptionImpactKind::wordTimingOverlap, "word-timing-overlap"},
-    {CaptionImpactKind::cueTimingOverlap, "cue-timing-overlap"},
-}};
+template <>
+struct EnumNames<CaptionImpactKind> {
+  static constexpr std::string_view typeName = "caption impact kind";
+  static constexpr NameTable<CaptionImpactKind, 3> table{{
+      {CaptionImpactKind::fullyRemoved, "fully-removed"},
+      {CaptionImpactKind::wordTimingOverlap, "word-timing-overlap"},
+      {CaptionImpactKind::cueTimingOverlap, "cue-timing-overlap"},
+  }};
+};
 
 // A cue that keeps less of itself after the change than before.
 struct CaptionCueImpact {

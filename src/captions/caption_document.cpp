@@ -7,19 +7,12 @@
 #include <fmt/format.h>
 
 #include "captions/caption_text.h"
-#include "shared/name_table.h"
 
 namespace vumo {
 
 namespace {
 
 using ValidationCase = CaptionValidationError::Case;
-
-constexpr NameTable<CaptionAppearance, 3> appearanceNames{{
-    {CaptionAppearance::whiteOnBlack, "white-on-black"},
-    {CaptionAppearance::whiteWithBlackOutline, "white-black-outline"},
-    {CaptionAppearance::blackWithWhiteOutline, "black-white-outline"},
-}};
 
 // Values are kept to two decimals so that a slider position and the stored file agree exactly.
 double clampedToHundredths(double value, double lower, double upper, double fallback) {
@@ -86,12 +79,6 @@ std::vector<T> optionalArray(const Json& object, std::string_view key) {
 }
 
 }  // namespace
-
-std::string_view rawValue(CaptionAppearance appearance) { return nameOf(appearanceNames, appearance); }
-
-std::optional<CaptionAppearance> captionAppearanceFromRawValue(std::string_view raw) {
-  return parseName(appearanceNames, raw);
-}
 
 CaptionStyle CaptionStyle::normalized() const {
   CaptionStyle style = *this;
@@ -188,15 +175,6 @@ CaptionDocument CaptionDocument::validated(ProjectTime sourceDuration) const {
     previousEnd = cue.end;
   }
   return result;
-}
-
-void to_json(Json& j, const CaptionAppearance& appearance) { j = std::string(rawValue(appearance)); }
-
-void from_json(const Json& j, CaptionAppearance& appearance) {
-  std::string raw = json::asString(j, "appearance");
-  auto parsed = captionAppearanceFromRawValue(raw);
-  if (!parsed) throw DecodingError("Cannot initialize CaptionAppearance from invalid String value " + raw);
-  appearance = *parsed;
 }
 
 void to_json(Json& j, const CaptionStyle& style) {
@@ -308,7 +286,7 @@ std::string encodeCaptionDocument(const CaptionDocument& document) {
     return encodeDocument(Json(document));
   } catch (const nlohmann::json::exception&) {
     // Only text that is not UTF-8 can fail here, and only when it was built in memory.
-    throw Error("error.encoding", "Editor", "The captions contain text that is not valid UTF-8 and cannot be saved.");
+    throw UnicodeTextError(UnicodeTextError::Case::notUTF8);
   }
 }
 

@@ -10,20 +10,24 @@
 #include "captions/caption_errors.h"
 #include "shared/json.h"
 #include "shared/media_track_kind.h"
+#include "shared/name_table.h"
 #include "shared/project_time.h"
 #include "shared/uuid.h"
 
 namespace vumo {
 
 // How caption text is drawn over the video.
-enum class CaptionAppearance {
-  whiteOnBlack,           // "white-on-black"
-  whiteWithBlackOutline,  // "white-black-outline"
-  blackWithWhiteOutline,  // "black-white-outline"
-};
+enum class CaptionAppearance { whiteOnBlack, whiteWithBlackOutline, blackWithWhiteOutline };
 
-std::string_view rawValue(CaptionAppearance appearance);
-std::optional<CaptionAppearance> captionAppearanceFromRawValue(std::string_view raw);
+template <>
+struct EnumNames<CaptionAppearance> {
+  static constexpr std::string_view typeName = "caption appearance";
+  static constexpr NameTable<CaptionAppearance, 3> table{{
+      {CaptionAppearance::whiteOnBlack, "white-on-black"},
+      {CaptionAppearance::whiteWithBlackOutline, "white-black-outline"},
+      {CaptionAppearance::blackWithWhiteOutline, "black-white-outline"},
+  }};
+};
 
 // The one global style of a project's captions. The member initialisers are the defaults, which
 // are also what a document written before a key existed reads as.
@@ -121,7 +125,5 @@ void to_json(Json& j, const CaptionCue& cue);
 void from_json(const Json& j, CaptionCue& cue);
 void to_json(Json& j, const CaptionDocument& document);
 void from_json(const Json& j, CaptionDocument& document);
-void to_json(Json& j, const CaptionAppearance& appearance);
-void from_json(const Json& j, CaptionAppearance& appearance);
 
 }  // namespace vumo

@@ -27,8 +27,7 @@ class CaptionValidationError : public Error {
 
   Case kind() const noexcept { return kind_; }
 
-  static std::string_view localizationKeyFor(Case kind);
-  static std::string_view englishTextFor(Case kind);
+  static const ErrorCatalogue<Case>& catalogue();
 
  private:
   Case kind_;
@@ -50,8 +49,7 @@ class CaptionEditingError : public Error {
 
   Case kind() const noexcept { return kind_; }
 
-  static std::string_view localizationKeyFor(Case kind);
-  static std::string_view englishTextFor(Case kind);
+  static const ErrorCatalogue<Case>& catalogue();
 
  private:
   Case kind_;

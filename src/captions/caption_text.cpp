@@ -4,8 +4,6 @@
 #include <unicode/uchar.h>
 #include <unicode/utext.h>
 
-#include <fmt/format.h>
-
 #include "shared/error.h"
 
 namespace vumo {
@@ -19,7 +17,7 @@ class Utf8TextHandle {
     UErrorCode status = U_ZERO_ERROR;
     utext_openUTF8(&text_, text.data(), static_cast<int64_t>(text.size()), &status);
     if (U_FAILURE(status)) {
-      throw Error("error.unicode", "Editor", fmt::format("Caption text could not be read as Unicode ({}).", u_errorName(status)));
+      throw UnicodeTextError(UnicodeTextError::Case::unreadable, u_errorName(status));
     }
   }
   ~Utf8TextHandle() { utext_close(&text_); }
@@ -118,8 +116,7 @@ GraphemeClusterCounter::GraphemeClusterCounter() {
   UBreakIterator* opened = ubrk_open(UBRK_CHARACTER, "", nullptr, 0, &status);
   if (U_FAILURE(status) || opened == nullptr) {
     if (opened != nullptr) ubrk_close(opened);
-    throw Error("error.unicode", "Editor",
-                fmt::format("The Unicode character rules could not be loaded ({}).", u_errorName(status)));
+    throw UnicodeTextError(UnicodeTextError::Case::rulesUnavailable, u_errorName(status));
   }
   iterator_.reset(opened);
 }
@@ -139,7 +136,7 @@ std::size_t GraphemeClusterCounter::countClusters(std::string_view text, std::op
   UErrorCode status = U_ZERO_ERROR;
   ubrk_setUText(iterator_.get(), handle.get(), &status);
   if (U_FAILURE(status)) {
-    throw Error("error.unicode", "Editor", fmt::format("Caption text could not be segmented ({}).", u_errorName(status)));
+    throw UnicodeTextError(UnicodeTextError::Case::unsegmentable, u_errorName(status));
   }
   std::size_t count = 0;
   ubrk_first(iterator_.get());

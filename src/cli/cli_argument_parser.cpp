@@ -241,7 +241,7 @@ Uuid requiredJob(const Options& options) {
 CLICommand parseHelp(const Words& words) {
   if (words.empty()) return {CLICommand::Help{}};
   if (words.size() > 1) throw CLIArgumentError::unexpectedArgument(words[1]);
-  auto topic = helpTopicFromWord(words[0]);
+  auto topic = parseName<CLIAgentHelpTopic>(words[0]);
   if (!topic) throw CLIArgumentError::invalidValue("help topic");
   return {CLICommand::Help{topic}};
 }
@@ -275,7 +275,7 @@ CLICommand parseCaptionsGenerate(const Words& words) {
   command.projectID = projectID(words);
   Options options(words, 1);
   options.rejectUnknown({"--track"});
-  auto track = captionTrackSelectionFromRawValue(options.value("--track").value_or("auto"));
+  auto track = parseName<CaptionTrackSelection>(options.value("--track").value_or("auto"));
   if (!track) throw CLIArgumentError::invalidValue("--track");
   command.track = *track;
   return {command};

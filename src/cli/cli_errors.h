@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include "shared/error.h"
 
@@ -11,19 +12,17 @@ class CLIArgumentError : public Error {
  public:
   enum class Case { unknownCommand, missingValue, invalidValue, unexpectedArgument, missingCommand };
 
-  static CLIArgumentError unknownCommand(const std::string& word) { return {Case::unknownCommand, "未知命令：" + word}; }
-  static CLIArgumentError missingValue(const std::string& name) { return {Case::missingValue, "缺少参数：" + name}; }
-  static CLIArgumentError invalidValue(const std::string& name) { return {Case::invalidValue, "参数无效：" + name}; }
-  static CLIArgumentError unexpectedArgument(const std::string& word) {
-    return {Case::unexpectedArgument, "无法识别参数：" + word};
-  }
-  static CLIArgumentError missingCommand() { return {Case::missingCommand, "缺少命令。"}; }
+  static CLIArgumentError unknownCommand(const std::string& word) { return {Case::unknownCommand, word}; }
+  static CLIArgumentError missingValue(const std::string& name) { return {Case::missingValue, name}; }
+  static CLIArgumentError invalidValue(const std::string& name) { return {Case::invalidValue, name}; }
+  static CLIArgumentError unexpectedArgument(const std::string& word) { return {Case::unexpectedArgument, word}; }
+  static CLIArgumentError missingCommand() { return {Case::missingCommand, {}}; }
 
   Case kind() const { return kind_; }
-  ErrorClassification classification() const override { return {"invalid_arguments", ErrorKind::invalidArguments}; }
+  static const ErrorCatalogue<Case>& catalogue();
 
  private:
-  CLIArgumentError(Case kind, const std::string& message) : Error("cli.error.arguments", "CLI", message), kind_(kind) {}
+  CLIArgumentError(Case kind, std::string_view payload) : Error(catalogue(), kind, payload), kind_(kind) {}
   Case kind_;
 };
 
@@ -32,16 +31,13 @@ class CLIOutputError : public Error {
  public:
   enum class Case { outputExists, parentMissing };
 
-  static CLIOutputError outputExists(const std::string& path) {
-    return {Case::outputExists, "输出已存在，使用--replace才能覆盖：" + path};
-  }
-  static CLIOutputError parentMissing(const std::string& path) {
-    return {Case::parentMissing, "输出目录不存在：" + path};
-  }
+  static CLIOutputError outputExists(const std::string& path) { return {Case::outputExists, path}; }
+  static CLIOutputError parentMissing(const std::string& path) { return {Case::parentMissing, path}; }
   Case kind() const { return kind_; }
+  static const ErrorCatalogue<Case>& catalogue();
 
  private:
-  CLIOutputError(Case kind, const std::string& message) : Error("cli.error.output", "CLI", message), kind_(kind) {}
+  CLIOutputError(Case kind, std::string_view path) : Error(catalogue(), kind, path), kind_(kind) {}
   Case kind_;
 };
 
@@ -49,8 +45,9 @@ class CLIOutputError : public Error {
 // agent gets a clear "execution" answer instead of a made-up result.
 class CLIUnavailableError : public Error {
  public:
-  explicit CLIUnavailableError(const std::string& capability)
-      : Error("cli.error.unavailable", "CLI", capability + " is not available in this build of Vumo.") {}
+  enum class Case { unavailable };
+  explicit CLIUnavailableError(const std::string& capability) : Error(catalogue(), Case::unavailable, capability) {}
+  static const ErrorCatalogue<Case>& catalogue();
 };
 
 }  // namespace vumo

@@ -1,7 +1,5 @@
 #include "cli/cli_models.h"
 
-#include "shared/name_table.h"
-
 namespace vumo {
 
 ProjectTimeRange CLIRange::projectTimeRange() const {
@@ -20,34 +18,6 @@ void to_json(Json& j, const CLIRange& r) {
 void from_json(const Json& j, CLIRange& r) {
   r.startMilliseconds = json::required<std::int64_t>(j, "startMilliseconds");
   r.endMilliseconds = json::required<std::int64_t>(j, "endMilliseconds");
-}
-
-namespace {
-
-constexpr NameTable<CLIAgentHelpTopic, 5> helpTopicWords{{
-    {CLIAgentHelpTopic::workflow, "workflow"},
-    {CLIAgentHelpTopic::editPlan, "edit-plan"},
-    {CLIAgentHelpTopic::captions, "captions"},
-    {CLIAgentHelpTopic::settings, "settings"},
-    {CLIAgentHelpTopic::output, "output"},
-}};
-
-constexpr NameTable<CaptionTrackSelection, 3> trackSelectionWords{{
-    {CaptionTrackSelection::automatic, "auto"},
-    {CaptionTrackSelection::microphone, "microphone"},
-    {CaptionTrackSelection::systemAudio, "system-audio"},
-}};
-
-}  // namespace
-
-std::string_view word(CLIAgentHelpTopic topic) { return nameOf(helpTopicWords, topic); }
-
-std::optional<CLIAgentHelpTopic> helpTopicFromWord(std::string_view text) { return parseName(helpTopicWords, text); }
-
-std::string_view rawValue(CaptionTrackSelection selection) { return nameOf(trackSelectionWords, selection); }
-
-std::optional<CaptionTrackSelection> captionTrackSelectionFromRawValue(std::string_view text) {
-  return parseName(trackSelectionWords, text);
 }
 
 void to_json(Json& j, const CLIValidationDetails& d) {

@@ -14,6 +14,7 @@
 #include "shared/geometry.h"
 #include "shared/json.h"
 #include "shared/media_track_kind.h"
+#include "shared/name_table.h"
 #include "shared/project_time.h"
 #include "shared/uuid.h"
 #include "timeline/edit_timeline.h"
@@ -38,12 +39,30 @@ void from_json(const Json& j, CLIRange& r);
 enum class CLITimeDomain { sequence, source };
 
 enum class CLIAgentHelpTopic { workflow, editPlan, captions, settings, output };
-std::string_view word(CLIAgentHelpTopic topic);
-std::optional<CLIAgentHelpTopic> helpTopicFromWord(std::string_view word);
+
+template <>
+struct EnumNames<CLIAgentHelpTopic> {
+  static constexpr std::string_view typeName = "help topic";
+  static constexpr NameTable<CLIAgentHelpTopic, 5> table{{
+      {CLIAgentHelpTopic::workflow, "workflow"},
+      {CLIAgentHelpTopic::editPlan, "edit-plan"},
+      {CLIAgentHelpTopic::captions, "captions"},
+      {CLIAgentHelpTopic::settings, "settings"},
+      {CLIAgentHelpTopic::output, "output"},
+  }};
+};
 
 enum class CaptionTrackSelection { automatic, microphone, systemAudio };
-std::string_view rawValue(CaptionTrackSelection selection);
-std::optional<CaptionTrackSelection> captionTrackSelectionFromRawValue(std::string_view text);
+
+template <>
+struct EnumNames<CaptionTrackSelection> {
+  static constexpr std::string_view typeName = "caption track";
+  static constexpr NameTable<CaptionTrackSelection, 3> table{{
+      {CaptionTrackSelection::automatic, "auto"},
+      {CaptionTrackSelection::microphone, "microphone"},
+      {CaptionTrackSelection::systemAudio, "system-audio"},
+  }};
+};
 
 struct CLIMutation {
   struct Cut {

@@ -38,7 +38,7 @@ std::vector<CLIZoomReconciliationDescription> describeReconciliations(
     const std::vector<ZoomReconciliation>& reconciliations) {
   std::vector<CLIZoomReconciliationDescription> out;
   for (const auto& r : reconciliations)
-    out.push_back({r.zoomID.string(), CLIRange::from(r.originalRange), std::string(jsonString(r.action)),
+    out.push_back({r.zoomID.string(), CLIRange::from(r.originalRange), std::string(nameOf(r.action)),
                    millisecondRanges(r.resultingRanges)});
   return out;
 }
@@ -132,7 +132,7 @@ CLICaptionReadResponse ProjectCommandService::readCaptions(const std::string& pr
     return response;
   }
   response.language = snapshot.captions->language;
-  response.sourceTrack = std::string(rawValue(snapshot.captions->sourceTrack));
+  response.sourceTrack = std::string(nameOf(snapshot.captions->sourceTrack));
   for (const auto& cue : snapshot.captions->cues)
     response.cues.push_back(ProjectInspector::cueDescription(cue, mapper));
   return response;
@@ -359,7 +359,7 @@ CLIEditPlanResponse ProjectCommandService::executeEditPlan(const CLIEditPlanRequ
   CaptionImpact impact =
       captionImpact(snapshot.captions, snapshot.timeline, result.timeline, result.normalizedCutRanges, duration);
   for (const auto& cue : impact.impacts)
-    response.captionImpacts.push_back({cue.cueID.string(), std::string(nameOf(captionImpactKindNames, cue.kind)),
+    response.captionImpacts.push_back({cue.cueID.string(), std::string(nameOf(cue.kind)),
                                        millisecondRanges(cue.affectedCutRanges), cue.hasWordTimings});
   for (const auto& id : impact.removed) response.fullyRemovedCaptionIDs.push_back(id.string());
   for (const auto& id : impact.split) response.splitCaptionIDs.push_back(id.string());

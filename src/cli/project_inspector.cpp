@@ -76,7 +76,7 @@ CLIProjectDescription ProjectInspector::describe(const ProjectSnapshot& snapshot
   description.packagePath = snapshot.packagePath.string();
   description.manifestVersion = manifest.version;
   description.timelineSchema = timeline.schemaVersion;
-  description.state = std::string(projectStateName(manifest.state));
+  description.state = std::string(nameOf(manifest.state));
   description.sourceWidth = manifest.encodedPixelSize.width;
   description.sourceHeight = manifest.encodedPixelSize.height;
   description.sourceDurationMilliseconds = manifest.duration.cliMilliseconds();

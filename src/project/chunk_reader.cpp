@@ -190,26 +190,14 @@ RectValue rectOf(element e, std::string_view key) {
                    doubleOf(f.required(1), names[1]), doubleOf(f.required(0), names[0])};
 }
 
-// The case names come from the pointer event's own table; anything else goes to its reader,
-// which throws with its message.
-MouseButton buttonOf(element e, std::string_view key) {
-  static constexpr MouseButton cases[] = {MouseButton::left, MouseButton::right, MouseButton::other, MouseButton::none};
-  static const std::array<std::string_view, 4> names = {toString(cases[0]), toString(cases[1]), toString(cases[2]),
-                                                        toString(cases[3])};
+// The case names come from the enumeration's own name table; anything else fails as the document
+// reader fails on it.
+template <NamedEnum E>
+E caseOf(element e, std::string_view key) {
   std::string_view text = stringOf(e, key);
-  for (std::size_t i = 0; i < 4; ++i)
-    if (sameKey(text, names[i])) return cases[i];
-  return mouseButtonFromString(text);
-}
-
-MousePhase phaseOf(element e, std::string_view key) {
-  static constexpr MousePhase cases[] = {MousePhase::moved, MousePhase::dragged, MousePhase::down, MousePhase::up};
-  static const std::array<std::string_view, 4> names = {toString(cases[0]), toString(cases[1]), toString(cases[2]),
-                                                        toString(cases[3])};
-  std::string_view text = stringOf(e, key);
-  for (std::size_t i = 0; i < 4; ++i)
-    if (sameKey(text, names[i])) return cases[i];
-  return mousePhaseFromString(text);
+  for (const auto& [candidate, name] : EnumNames<E>::table)
+    if (sameKey(text, name)) return candidate;
+  return decodeName<E>(text);
 }
 
 void decodeRecord(element e, MouseEvent& m) {
@@ -217,7 +205,7 @@ void decodeRecord(element e, MouseEvent& m) {
       "button", "geometryRevision",        "globalPoint", "isInsideSource", "localPoint", "normalizedPoint",
       "phase",  "rawTimestampNanoseconds", "time"};
   Fields<9> f(e, "MouseEvent", names);
-  m.button = buttonOf(f.required(0), names[0]);
+  m.button = caseOf<MouseButton>(f.required(0), names[0]);
   m.geometryRevision = static_cast<std::uint32_t>(unsignedOf(f.required(1), names[1], UINT32_MAX));
   m.globalPoint = pointOf(f.required(2), names[2]);
   m.isInsideSource.reset();
@@ -228,7 +216,7 @@ void decodeRecord(element e, MouseEvent& m) {
   }
   m.localPoint = pointOf(f.required(4), names[4]);
   m.normalizedPoint = pointOf(f.required(5), names[5]);
-  m.phase = phaseOf(f.required(6), names[6]);
+  m.phase = caseOf<MousePhase>(f.required(6), names[6]);
   m.rawTimestampNanoseconds = unsignedOf(f.required(7), names[7], UINT64_MAX);
   m.time = timeOf(f.required(8), names[8]);
 }

@@ -10,7 +10,6 @@
 #include <string_view>
 
 #include "shared/json.h"
-#include "shared/name_table.h"
 
 namespace vumo::project_json {
 
@@ -20,13 +19,5 @@ std::uint32_t asUInt32(const Json& value, std::string_view context);
 std::uint64_t requiredUInt64(const Json& object, std::string_view key);
 std::uint32_t requiredUInt32(const Json& object, std::string_view key);
 std::optional<std::uint64_t> optionalUInt64(const Json& object, std::string_view key);
-
-// Enumerations stored as strings: the text must be one of the table's words.
-template <class Enum, std::size_t N>
-Enum enumFromString(const Json& value, std::string_view context, const NameTable<Enum, N>& names) {
-  std::string text = json::asString(value, context);
-  if (auto parsed = parseName(names, text)) return *parsed;
-  throw DecodingError("Cannot initialize " + std::string(context) + " from invalid String value " + text);
-}
 
 }  // namespace vumo::project_json

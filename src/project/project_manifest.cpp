@@ -4,40 +4,9 @@
 
 namespace vumo {
 
-namespace {
-
-constexpr NameTable<ProjectState, 5> stateNames{{
-    {ProjectState::recording, "recording"},
-    {ProjectState::finalizing, "finalizing"},
-    {ProjectState::completed, "completed"},
-    {ProjectState::recovered, "recovered"},
-    {ProjectState::failed, "failed"},
-}};
-
-constexpr NameTable<CaptureSourceKind, 4> sourceKindNames{{
-    {CaptureSourceKind::display, "display"},
-    {CaptureSourceKind::window, "window"},
-    {CaptureSourceKind::area, "area"},
-    {CaptureSourceKind::device, "device"},
-}};
-
-}  // namespace
-
-std::string_view projectStateName(ProjectState state) { return nameOf(stateNames, state); }
-std::string_view captureSourceKindName(CaptureSourceKind kind) { return nameOf(sourceKindNames, kind); }
-
 std::string CaptureSourceDescriptor::identifier() const {
   if (kind == CaptureSourceKind::device && deviceUniqueID) return "device-" + *deviceUniqueID;
-  return std::string(captureSourceKindName(kind)) + "-" + std::to_string(nativeID);
-}
-
-void to_json(Json& j, const ProjectState& v) { j = std::string(projectStateName(v)); }
-void from_json(const Json& j, ProjectState& v) {
-  v = project_json::enumFromString(j, "ProjectState", stateNames);
-}
-void to_json(Json& j, const CaptureSourceKind& v) { j = std::string(captureSourceKindName(v)); }
-void from_json(const Json& j, CaptureSourceKind& v) {
-  v = project_json::enumFromString(j, "CaptureSourceKind", sourceKindNames);
+  return std::string(nameOf(kind)) + "-" + std::to_string(nativeID);
 }
 
 void to_json(Json& j, const CaptureSourceDescriptor& v) {

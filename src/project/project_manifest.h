@@ -11,6 +11,7 @@
 #include "shared/geometry.h"
 #include "shared/json.h"
 #include "shared/media_track_kind.h"
+#include "shared/name_table.h"
 #include "shared/project_time.h"
 #include "shared/uuid.h"
 
@@ -20,10 +21,30 @@ namespace vumo {
 // recovered. Only completed and recovered projects are listed.
 enum class ProjectState { recording, finalizing, completed, recovered, failed };
 
+template <>
+struct EnumNames<ProjectState> {
+  static constexpr std::string_view typeName = "project state";
+  static constexpr NameTable<ProjectState, 5> table{{
+      {ProjectState::recording, "recording"},
+      {ProjectState::finalizing, "finalizing"},
+      {ProjectState::completed, "completed"},
+      {ProjectState::recovered, "recovered"},
+      {ProjectState::failed, "failed"},
+  }};
+};
+
 enum class CaptureSourceKind { display, window, area, device };
 
-std::string_view projectStateName(ProjectState state);
-std::string_view captureSourceKindName(CaptureSourceKind kind);
+template <>
+struct EnumNames<CaptureSourceKind> {
+  static constexpr std::string_view typeName = "capture source kind";
+  static constexpr NameTable<CaptureSourceKind, 4> table{{
+      {CaptureSourceKind::display, "display"},
+      {CaptureSourceKind::window, "window"},
+      {CaptureSourceKind::area, "area"},
+      {CaptureSourceKind::device, "device"},
+  }};
+};
 
 // What was recorded.
 struct CaptureSourceDescriptor {
@@ -133,10 +154,6 @@ struct ProjectManifest {
 std::string encodeProjectManifest(const ProjectManifest& manifest);
 ProjectManifest decodeProjectManifest(std::string_view bytes);
 
-void to_json(Json& j, const ProjectState& v);
-void from_json(const Json& j, ProjectState& v);
-void to_json(Json& j, const CaptureSourceKind& v);
-void from_json(const Json& j, CaptureSourceKind& v);
 void to_json(Json& j, const CaptureSourceDescriptor& v);
 void from_json(const Json& j, CaptureSourceDescriptor& v);
 void to_json(Json& j, const RecordingOptions& v);

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "shared/error.h"
 
@@ -37,10 +38,10 @@ class ProjectStoreError : public Error {
   const std::string& actualDigest() const noexcept { return actual_; }
   std::int64_t historyIndex() const noexcept { return index_; }
 
-  ErrorClassification classification() const override;
+  static const ErrorCatalogue<Case>& catalogue();
 
  private:
-  ProjectStoreError(Case kind, const char* key, const std::string& text);
+  explicit ProjectStoreError(Case kind, std::string_view payload = {});
 
   Case kind_;
   std::string text_;

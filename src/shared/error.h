@@ -1,8 +1,16 @@
 #pragma once
 
+// Every error family of the program is an exception class with a catalogue: one row per case
+// with its localisation key, its English text, and how the command line reports it. The
+// constructors read their row, so a case cannot carry a key from one place and a text from
+// another, and the catalogue can be listed whole.
+
+#include <cstddef>
+#include <span>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace vumo {
 
@@ -21,35 +29,103 @@ struct ErrorClassification {
   ErrorKind kind = ErrorKind::failure;
 };
 
-// Base of every error family. Each case carries its localisation key, the table the key lives in
-// and the English text, which is what `what()` returns.
+// One case of a family.
+template <class Case>
+struct ErrorCase {
+  Case kind;
+  std::string_view name;         // the case as the code spells it
+  std::string_view key;          // localisation key
+  std::string_view englishText;  // "{}" stands for the case's payload
+  std::string_view code;         // error code of the command line's envelope
+  ErrorKind exitClass;           // decides the command line's exit status
+};
+
+// A case without a row is a programmer error; it fails loudly instead of reading past the table.
+[[noreturn]] void throwMissingErrorCase(std::string_view family);
+
+// Every case of one family, in the order of its enumeration, and the localisation table the keys
+// live in.
+template <class Case>
+struct ErrorCatalogue {
+  std::string_view family;
+  std::string_view table;
+  std::span<const ErrorCase<Case>> cases;
+
+  const ErrorCase<Case>& operator[](Case kind) const {
+    auto index = static_cast<std::size_t>(kind);
+    if (index >= cases.size()) throwMissingErrorCase(family);
+    return cases[index];
+  }
+};
+
+// Whether a family's rows are in the order of its enumeration, which is how they are looked up.
+template <class Case, std::size_t N>
+consteval bool inCaseOrder(const ErrorCase<Case> (&cases)[N]) {
+  for (std::size_t i = 0; i < N; ++i)
+    if (static_cast<std::size_t>(cases[i].kind) != i) return false;
+  return true;
+}
+
+// Base of every error family. `what()` is the English text with the payload filled in.
 class Error : public std::runtime_error {
  public:
-  Error(std::string localizationKey, std::string table, const std::string& englishText)
-      : std::runtime_error(englishText), key_(std::move(localizationKey)), table_(std::move(table)) {}
-
   const std::string& localizationKey() const noexcept { return key_; }
   const std::string& table() const noexcept { return table_; }
   std::string message() const { return what(); }
 
-  // Families that the command line reports as something other than "execution" override this.
-  virtual ErrorClassification classification() const { return {"execution", ErrorKind::failure}; }
+  // The catalogue row's code and exit class. Virtual only so that a test can stand in for a
+  // family it does not want to build.
+  virtual ErrorClassification classification() const { return classification_; }
+
+ protected:
+  template <class Case>
+  Error(const ErrorCatalogue<Case>& catalogue, Case kind, std::string_view payload = {})
+      : Error(catalogue.table, catalogue[kind].key, catalogue[kind].englishText, payload,
+              {std::string(catalogue[kind].code), catalogue[kind].exitClass}) {}
+
+  // An error outside any catalogue, reported as "execution".
+  Error(std::string localizationKey, std::string table, const std::string& englishText)
+      : std::runtime_error(englishText), key_(std::move(localizationKey)), table_(std::move(table)) {}
 
  private:
+  Error(std::string_view table, std::string_view key, std::string_view englishText, std::string_view payload,
+        ErrorClassification classification);
+
   std::string key_;
   std::string table_;
+  ErrorClassification classification_{"execution", ErrorKind::failure};
 };
 
-// A document that could not be read as its type (missing key, wrong type, bad value).
+// A document that could not be read as its type (missing key, wrong type, bad value). The payload
+// is the whole text.
 class DecodingError : public Error {
  public:
-  explicit DecodingError(const std::string& text) : Error("error.decoding", "Editor", text) {}
+  enum class Case { decoding };
+  explicit DecodingError(const std::string& text) : Error(catalogue(), Case::decoding, text) {}
+  static const ErrorCatalogue<Case>& catalogue();
 };
 
-// Operating system file errors, reported with the path they concern.
+// Operating system file errors, reported with the path they concern. The payload is the whole
+// text.
 class FileError : public Error {
  public:
-  explicit FileError(const std::string& text) : Error("error.file", "Editor", text) {}
+  enum class Case { file };
+  explicit FileError(const std::string& text) : Error(catalogue(), Case::file, text) {}
+  static const ErrorCatalogue<Case>& catalogue();
+};
+
+// Text that the Unicode library could not handle, or that cannot be written as UTF-8. The
+// payload of the library's cases is its error name.
+class UnicodeTextError : public Error {
+ public:
+  enum class Case { unreadable, rulesUnavailable, unsegmentable, notUTF8 };
+  explicit UnicodeTextError(Case kind, std::string_view libraryError = {})
+      : Error(catalogue(), kind, libraryError), kind_(kind) {}
+  Case kind() const noexcept { return kind_; }
+  static const ErrorCatalogue<Case>& catalogue();
+
+ private:
+  Case kind_;
 };
 
 // Raised at a cancellation point after the user asked the running command to stop.

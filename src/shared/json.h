@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "shared/error.h"
+#include "shared/name_table.h"
 
 namespace vumo {
 
@@ -82,6 +83,8 @@ T as(const Json& value, std::string_view context) {
     return asBool(value, context);
   } else if constexpr (std::is_same_v<T, std::string>) {
     return asString(value, context);
+  } else if constexpr (NamedEnum<T>) {
+    return decodeName<T>(asString(value, context));
   } else {
     try {
       return value.get<T>();

@@ -1,9 +1,8 @@
 #pragma once
 
-#include <optional>
 #include <string_view>
 
-#include "shared/json.h"
+#include "shared/name_table.h"
 
 namespace vumo {
 
@@ -11,10 +10,14 @@ namespace vumo {
 // command line spells the audio kinds "microphone" and "system-audio" on its own.
 enum class MediaTrackKind { screen, systemAudio, microphone };
 
-std::string_view rawValue(MediaTrackKind kind);
-std::optional<MediaTrackKind> mediaTrackKindFromRawValue(std::string_view raw);
-
-void to_json(Json& j, const MediaTrackKind& kind);
-void from_json(const Json& j, MediaTrackKind& kind);
+template <>
+struct EnumNames<MediaTrackKind> {
+  static constexpr std::string_view typeName = "media track kind";
+  static constexpr NameTable<MediaTrackKind, 3> table{{
+      {MediaTrackKind::screen, "screen"},
+      {MediaTrackKind::systemAudio, "systemAudio"},
+      {MediaTrackKind::microphone, "microphone"},
+  }};
+};
 
 }  // namespace vumo

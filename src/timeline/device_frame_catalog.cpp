@@ -82,38 +82,44 @@ std::vector<DeviceFrameDescriptor> inPriorityOrder(std::vector<DeviceFrameDescri
 // ---------------------------------------------------------------------------------------------
 // Errors
 
-DeviceFrameCatalogError::DeviceFrameCatalogError(Case kind, std::string detail, const std::string& key,
-                                                 const std::string& text)
-    : Error(key, "Editor", text), kind_(kind), detail_(std::move(detail)) {}
+namespace {
+
+using CatalogCase = DeviceFrameCatalogError::Case;
+
+constexpr ErrorCase<CatalogCase> errorCases[] = {
+    {CatalogCase::missingAsset, "missingAsset", "deviceFrame.error.missingAsset",
+     "The device frame image {} is missing.", "execution", ErrorKind::failure},
+    {CatalogCase::missingCatalog, "missingCatalog", "deviceFrame.error.missingCatalog",
+     "The device frame catalogue is missing.", "execution", ErrorKind::failure},
+    {CatalogCase::invalidCatalog, "invalidCatalog", "deviceFrame.error.invalidCatalog",
+     "The device frame catalogue is invalid: {}.", "execution", ErrorKind::failure},
+};
+static_assert(inCaseOrder(errorCases));
+
+}  // namespace
+
+DeviceFrameCatalogError::DeviceFrameCatalogError(Case kind, std::string detail)
+    : Error(catalogue(), kind, detail), kind_(kind), detail_(std::move(detail)) {}
 
 DeviceFrameCatalogError DeviceFrameCatalogError::missingAsset(const std::string& file) {
-  return DeviceFrameCatalogError(Case::missingAsset, file, "deviceFrame.error.missingAsset",
-                                 "The device frame image " + file + " is missing.");
+  return DeviceFrameCatalogError(Case::missingAsset, file);
 }
 
 DeviceFrameCatalogError DeviceFrameCatalogError::missingCatalog() {
-  return DeviceFrameCatalogError(Case::missingCatalog, {}, "deviceFrame.error.missingCatalog",
-                                 "The device frame catalogue is missing.");
+  return DeviceFrameCatalogError(Case::missingCatalog, {});
 }
 
 DeviceFrameCatalogError DeviceFrameCatalogError::invalidCatalog(const std::string& reason) {
-  return DeviceFrameCatalogError(Case::invalidCatalog, reason, "deviceFrame.error.invalidCatalog",
-                                 "The device frame catalogue is invalid: " + reason + ".");
+  return DeviceFrameCatalogError(Case::invalidCatalog, reason);
+}
+
+const ErrorCatalogue<DeviceFrameCatalogError::Case>& DeviceFrameCatalogError::catalogue() {
+  static constexpr ErrorCatalogue<Case> catalogue{"DeviceFrameCatalogError", "Editor", errorCases};
+  return catalogue;
 }
 
 // ---------------------------------------------------------------------------------------------
 // JSON
-
-std::string_view jsonString(DeviceFrameFamily value) { return value == DeviceFrameFamily::phone ? "phone" : "desktop"; }
-
-void to_json(Json& j, DeviceFrameFamily value) { j = std::string(jsonString(value)); }
-
-void from_json(const Json& j, DeviceFrameFamily& value) {
-  std::string text = json::asString(j, "family");
-  if (text == "phone") value = DeviceFrameFamily::phone;
-  else if (text == "desktop") value = DeviceFrameFamily::desktop;
-  else throw DecodingError("Unsupported device family: " + text);
-}
 
 void to_json(Json& j, const DeviceFrameVariant& variant) {
   j = Json{{"id", variant.id}, {"name", variant.name}, {"file", variant.file}, {"isDefault", variant.isDefault}};

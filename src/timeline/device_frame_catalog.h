@@ -15,15 +15,21 @@
 #include "shared/error.h"
 #include "shared/geometry.h"
 #include "shared/json.h"
+#include "shared/name_table.h"
 #include "timeline/scene_layout.h"
 
 namespace vumo {
 
 enum class DeviceFrameFamily { phone, desktop };
 
-std::string_view jsonString(DeviceFrameFamily value);
-void to_json(Json& j, DeviceFrameFamily value);
-void from_json(const Json& j, DeviceFrameFamily& value);
+template <>
+struct EnumNames<DeviceFrameFamily> {
+  static constexpr std::string_view typeName = "device family";
+  static constexpr NameTable<DeviceFrameFamily, 2> table{{
+      {DeviceFrameFamily::phone, "phone"},
+      {DeviceFrameFamily::desktop, "desktop"},
+  }};
+};
 
 struct DeviceFrameVariant {
   std::string id;    // the `assetID` a timeline stores
@@ -73,9 +79,10 @@ class DeviceFrameCatalogError : public Error {
   Case kind() const noexcept { return kind_; }
   // The missing image for `missingAsset`, the reason for `invalidCatalog`.
   const std::string& detail() const noexcept { return detail_; }
+  static const ErrorCatalogue<Case>& catalogue();
 
  private:
-  DeviceFrameCatalogError(Case kind, std::string detail, const std::string& key, const std::string& text);
+  DeviceFrameCatalogError(Case kind, std::string detail);
   Case kind_;
   std::string detail_;
 };

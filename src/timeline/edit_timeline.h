@@ -12,6 +12,7 @@
 
 #include "shared/geometry.h"
 #include "shared/json.h"
+#include "shared/name_table.h"
 #include "shared/project_time.h"
 #include "shared/uuid.h"
 #include "timeline/timeline_frame_grid.h"
@@ -40,11 +41,16 @@ struct TimelinePlaybackRate {
   // otherwise.
   static std::optional<TimelinePlaybackRate> fromMultiplier(double multiplier);
 
+  // The one key and text of a rate outside those steps, whichever check refuses it.
+  static constexpr std::string_view invalidKey = "editor.error.playbackRate";
+  static constexpr std::string_view invalidText =
+      "Playback speed must be a finite value from 0.50 to 4.00 in increments of 0.01.";
+
   friend constexpr auto operator<=>(const TimelinePlaybackRate&, const TimelinePlaybackRate&) = default;
 };
 
 void to_json(Json& j, const TimelinePlaybackRate& rate);
-// Fails with the text of `editor.error.playbackRate`.
+// Fails with `invalidText`.
 void from_json(const Json& j, TimelinePlaybackRate& rate);
 
 // ---------------------------------------------------------------------------------------------
@@ -80,19 +86,32 @@ void from_json(const Json& j, CanvasColorValue& color);
 // Note the pairing: `portrait4x3` is the wider 4:3 value and `portrait3x4` the taller one.
 enum class CanvasAspectRatio { source, square, landscape16x9, portrait9x16, portrait4x3, portrait3x4 };
 
-std::string_view jsonString(CanvasAspectRatio value);
-std::optional<CanvasAspectRatio> parseCanvasAspectRatio(std::string_view text);
+template <>
+struct EnumNames<CanvasAspectRatio> {
+  static constexpr std::string_view typeName = "canvas aspect ratio";
+  static constexpr NameTable<CanvasAspectRatio, 6> table{{
+      {CanvasAspectRatio::source, "source"},
+      {CanvasAspectRatio::square, "1:1"},
+      {CanvasAspectRatio::landscape16x9, "16:9"},
+      {CanvasAspectRatio::portrait9x16, "9:16"},
+      {CanvasAspectRatio::portrait4x3, "4:3"},
+      {CanvasAspectRatio::portrait3x4, "3:4"},
+  }};
+};
+
 // Output width over height; `source` takes the source's own aspect.
 double outputAspectRatio(CanvasAspectRatio value, double sourceAspectRatio);
-void to_json(Json& j, CanvasAspectRatio value);
-void from_json(const Json& j, CanvasAspectRatio& value);
 
 enum class CanvasBackground { solid, gradient };
 
-std::string_view jsonString(CanvasBackground value);
-std::optional<CanvasBackground> parseCanvasBackground(std::string_view text);
-void to_json(Json& j, CanvasBackground value);
-void from_json(const Json& j, CanvasBackground& value);
+template <>
+struct EnumNames<CanvasBackground> {
+  static constexpr std::string_view typeName = "canvas background";
+  static constexpr NameTable<CanvasBackground, 2> table{{
+      {CanvasBackground::solid, "solid"},
+      {CanvasBackground::gradient, "gradient"},
+  }};
+};
 
 // The first twelve cases are gradients, the last twelve solids (two equal colours).
 enum class CanvasBackgroundPreset {
@@ -122,6 +141,37 @@ enum class CanvasBackgroundPreset {
   lime,
 };
 
+template <>
+struct EnumNames<CanvasBackgroundPreset> {
+  static constexpr std::string_view typeName = "canvas background preset";
+  static constexpr NameTable<CanvasBackgroundPreset, 24> table{{
+      {CanvasBackgroundPreset::midnightViolet, "midnight-violet"},
+      {CanvasBackgroundPreset::deepOcean, "deep-ocean"},
+      {CanvasBackgroundPreset::graphite, "graphite"},
+      {CanvasBackgroundPreset::dusk, "dusk"},
+      {CanvasBackgroundPreset::darkRose, "dark-rose"},
+      {CanvasBackgroundPreset::forestGradient, "forest-gradient"},
+      {CanvasBackgroundPreset::mintSky, "mint-sky"},
+      {CanvasBackgroundPreset::lavenderMist, "lavender-mist"},
+      {CanvasBackgroundPreset::warmSunrise, "warm-sunrise"},
+      {CanvasBackgroundPreset::aurora, "aurora"},
+      {CanvasBackgroundPreset::coralSunset, "coral-sunset"},
+      {CanvasBackgroundPreset::electricLime, "electric-lime"},
+      {CanvasBackgroundPreset::midnight, "midnight"},
+      {CanvasBackgroundPreset::charcoal, "charcoal"},
+      {CanvasBackgroundPreset::navy, "navy"},
+      {CanvasBackgroundPreset::plum, "plum"},
+      {CanvasBackgroundPreset::forest, "forest"},
+      {CanvasBackgroundPreset::warmGray, "warm-gray"},
+      {CanvasBackgroundPreset::snow, "snow"},
+      {CanvasBackgroundPreset::pearl, "pearl"},
+      {CanvasBackgroundPreset::sand, "sand"},
+      {CanvasBackgroundPreset::sky, "sky"},
+      {CanvasBackgroundPreset::coral, "coral"},
+      {CanvasBackgroundPreset::lime, "lime"},
+  }};
+};
+
 struct CanvasBackgroundPresetColors {
   CanvasColorValue start;
   CanvasColorValue end;
@@ -130,29 +180,34 @@ struct CanvasBackgroundPresetColors {
 
 // Every preset in declaration order.
 const std::array<CanvasBackgroundPreset, 24>& allCanvasBackgroundPresets();
-std::string_view jsonString(CanvasBackgroundPreset value);
-std::optional<CanvasBackgroundPreset> parseCanvasBackgroundPreset(std::string_view text);
 CanvasBackgroundPresetColors presetColors(CanvasBackgroundPreset value);
 // The background kind a preset belongs to.
 CanvasBackground presetBackground(CanvasBackgroundPreset value);
 // The preset a background falls back to: `midnightViolet` for a gradient, `midnight` for a solid.
 CanvasBackgroundPreset defaultPreset(CanvasBackground background);
-void to_json(Json& j, CanvasBackgroundPreset value);
-void from_json(const Json& j, CanvasBackgroundPreset& value);
 
 enum class CanvasBackgroundImageSource { bundledLandscape, desktopWallpaper, uploaded };
 
-std::string_view jsonString(CanvasBackgroundImageSource value);
-std::optional<CanvasBackgroundImageSource> parseCanvasBackgroundImageSource(std::string_view text);
-void to_json(Json& j, CanvasBackgroundImageSource value);
-void from_json(const Json& j, CanvasBackgroundImageSource& value);
+template <>
+struct EnumNames<CanvasBackgroundImageSource> {
+  static constexpr std::string_view typeName = "background image source";
+  static constexpr NameTable<CanvasBackgroundImageSource, 3> table{{
+      {CanvasBackgroundImageSource::bundledLandscape, "bundled-landscape"},
+      {CanvasBackgroundImageSource::desktopWallpaper, "desktop-wallpaper"},
+      {CanvasBackgroundImageSource::uploaded, "uploaded"},
+  }};
+};
 
 enum class CanvasBackgroundMediaKind { image, video };
 
-std::string_view jsonString(CanvasBackgroundMediaKind value);
-std::optional<CanvasBackgroundMediaKind> parseCanvasBackgroundMediaKind(std::string_view text);
-void to_json(Json& j, CanvasBackgroundMediaKind value);
-void from_json(const Json& j, CanvasBackgroundMediaKind& value);
+template <>
+struct EnumNames<CanvasBackgroundMediaKind> {
+  static constexpr std::string_view typeName = "background media kind";
+  static constexpr NameTable<CanvasBackgroundMediaKind, 2> table{{
+      {CanvasBackgroundMediaKind::image, "image"},
+      {CanvasBackgroundMediaKind::video, "video"},
+  }};
+};
 
 struct CanvasBackgroundImage {
   std::string id;
@@ -176,7 +231,7 @@ struct CanvasEdit {
   CanvasBackground background = CanvasBackground::gradient;
   CanvasBackgroundPreset preset = CanvasBackgroundPreset::midnightViolet;
   std::optional<CanvasBackgroundImage> image;
-  double padding = 0.08;       // share of the output on every side
+  double padding = 0.08;        // share of the output on every side
   double cornerRadius = 0.015;  // share, see the canvas layout
 
   static constexpr double legacyCornerRadius = 0.035;
@@ -193,11 +248,16 @@ void from_json(const Json& j, CanvasEdit& canvas);
 
 enum class ClickEffectStyle { solidPulse, ring, ringAndPress };
 
-std::string_view jsonString(ClickEffectStyle value);
-// Also accepts the legacy "soft-glow" as `solidPulse`.
-std::optional<ClickEffectStyle> parseClickEffectStyle(std::string_view text);
-void to_json(Json& j, ClickEffectStyle value);
-void from_json(const Json& j, ClickEffectStyle& value);
+template <>
+struct EnumNames<ClickEffectStyle> {
+  static constexpr std::string_view typeName = "click effect style";
+  static constexpr NameTable<ClickEffectStyle, 4> table{{
+      {ClickEffectStyle::solidPulse, "solid-pulse"},
+      {ClickEffectStyle::ring, "ring"},
+      {ClickEffectStyle::ringAndPress, "ring-and-press"},
+      {ClickEffectStyle::solidPulse, "soft-glow"},  // the earlier name, read but never written
+  }};
+};
 
 // The default-constructed value is `CursorEdit.default`.
 struct CursorEdit {
@@ -218,10 +278,14 @@ void from_json(const Json& j, CursorEdit& cursor);
 
 enum class WebcamAspectRatio { source, square };
 
-std::string_view jsonString(WebcamAspectRatio value);
-std::optional<WebcamAspectRatio> parseWebcamAspectRatio(std::string_view text);
-void to_json(Json& j, WebcamAspectRatio value);
-void from_json(const Json& j, WebcamAspectRatio& value);
+template <>
+struct EnumNames<WebcamAspectRatio> {
+  static constexpr std::string_view typeName = "camera aspect ratio";
+  static constexpr NameTable<WebcamAspectRatio, 2> table{{
+      {WebcamAspectRatio::source, "source"},
+      {WebcamAspectRatio::square, "square"},
+  }};
+};
 
 // The default-constructed value is `WebcamOverlay.default`.
 struct WebcamOverlay {
@@ -306,10 +370,14 @@ void from_json(const Json& j, AudioMixEdit& mix);
 
 enum class DeviceFrameContentMode { fit, fill };
 
-std::string_view jsonString(DeviceFrameContentMode value);
-std::optional<DeviceFrameContentMode> parseDeviceFrameContentMode(std::string_view text);
-void to_json(Json& j, DeviceFrameContentMode value);
-void from_json(const Json& j, DeviceFrameContentMode& value);
+template <>
+struct EnumNames<DeviceFrameContentMode> {
+  static constexpr std::string_view typeName = "device frame content mode";
+  static constexpr NameTable<DeviceFrameContentMode, 2> table{{
+      {DeviceFrameContentMode::fit, "fit"},
+      {DeviceFrameContentMode::fill, "fill"},
+  }};
+};
 
 struct DeviceFrameEdit {
   bool isEnabled = false;
@@ -346,17 +414,28 @@ void from_json(const Json& j, ZoomSegment& zoom);
 
 enum class AnnotationKind { rectangle, circle, arrow, mosaic, text };
 
-std::string_view jsonString(AnnotationKind value);
-std::optional<AnnotationKind> parseAnnotationKind(std::string_view text);
-void to_json(Json& j, AnnotationKind value);
-void from_json(const Json& j, AnnotationKind& value);
+template <>
+struct EnumNames<AnnotationKind> {
+  static constexpr std::string_view typeName = "annotation kind";
+  static constexpr NameTable<AnnotationKind, 5> table{{
+      {AnnotationKind::rectangle, "rectangle"},
+      {AnnotationKind::circle, "circle"},
+      {AnnotationKind::arrow, "arrow"},
+      {AnnotationKind::mosaic, "mosaic"},
+      {AnnotationKind::text, "text"},
+  }};
+};
 
 enum class TextAnnotationOutlineColor { black, white };
 
-std::string_view jsonString(TextAnnotationOutlineColor value);
-std::optional<TextAnnotationOutlineColor> parseTextAnnotationOutlineColor(std::string_view text);
-void to_json(Json& j, TextAnnotationOutlineColor value);
-void from_json(const Json& j, TextAnnotationOutlineColor& value);
+template <>
+struct EnumNames<TextAnnotationOutlineColor> {
+  static constexpr std::string_view typeName = "text outline colour";
+  static constexpr NameTable<TextAnnotationOutlineColor, 2> table{{
+      {TextAnnotationOutlineColor::black, "black"},
+      {TextAnnotationOutlineColor::white, "white"},
+  }};
+};
 
 struct TextAnnotationStyle {
   std::string content = "Text";

@@ -6,9 +6,6 @@ namespace vumo {
 
 namespace {
 
-constexpr std::string_view buttonNames[] = {"left", "right", "other", "none"};
-constexpr std::string_view phaseNames[] = {"moved", "dragged", "down", "up"};
-
 std::uint64_t readUnsigned(const Json& object, std::string_view key, std::uint64_t maximum) {
   const Json& value = json::requireKey(object, key);
   if (value.is_number_unsigned()) {
@@ -22,26 +19,6 @@ std::uint64_t readUnsigned(const Json& object, std::string_view key, std::uint64
 }
 
 }  // namespace
-
-std::string_view toString(MouseButton button) { return buttonNames[static_cast<int>(button)]; }
-std::string_view toString(MousePhase phase) { return phaseNames[static_cast<int>(phase)]; }
-
-MouseButton mouseButtonFromString(std::string_view text) {
-  for (int i = 0; i < 4; ++i)
-    if (buttonNames[i] == text) return static_cast<MouseButton>(i);
-  throw DecodingError("Unsupported mouse button: " + std::string(text));
-}
-
-MousePhase mousePhaseFromString(std::string_view text) {
-  for (int i = 0; i < 4; ++i)
-    if (phaseNames[i] == text) return static_cast<MousePhase>(i);
-  throw DecodingError("Unsupported mouse phase: " + std::string(text));
-}
-
-void to_json(Json& j, MouseButton button) { j = std::string(toString(button)); }
-void from_json(const Json& j, MouseButton& button) { button = mouseButtonFromString(json::asString(j, "button")); }
-void to_json(Json& j, MousePhase phase) { j = std::string(toString(phase)); }
-void from_json(const Json& j, MousePhase& phase) { phase = mousePhaseFromString(json::asString(j, "phase")); }
 
 void to_json(Json& j, const MouseEvent& event) {
   j = Json{{"rawTimestampNanoseconds", event.rawTimestampNanoseconds},

@@ -6,6 +6,7 @@
 
 #include "shared/geometry.h"
 #include "shared/json.h"
+#include "shared/name_table.h"
 #include "shared/project_time.h"
 
 namespace vumo {
@@ -14,11 +15,27 @@ namespace vumo {
 enum class MouseButton { left, right, other, none };
 enum class MousePhase { moved, dragged, down, up };
 
-std::string_view toString(MouseButton button);
-std::string_view toString(MousePhase phase);
-// Throw DecodingError for a name that is not a case.
-MouseButton mouseButtonFromString(std::string_view text);
-MousePhase mousePhaseFromString(std::string_view text);
+template <>
+struct EnumNames<MouseButton> {
+  static constexpr std::string_view typeName = "mouse button";
+  static constexpr NameTable<MouseButton, 4> table{{
+      {MouseButton::left, "left"},
+      {MouseButton::right, "right"},
+      {MouseButton::other, "other"},
+      {MouseButton::none, "none"},
+  }};
+};
+
+template <>
+struct EnumNames<MousePhase> {
+  static constexpr std::string_view typeName = "mouse phase";
+  static constexpr NameTable<MousePhase, 4> table{{
+      {MousePhase::moved, "moved"},
+      {MousePhase::dragged, "dragged"},
+      {MousePhase::down, "down"},
+      {MousePhase::up, "up"},
+  }};
+};
 
 // One pointer event as recorded: a chunked record in the package's `events/` folder.
 struct MouseEvent {
@@ -40,10 +57,6 @@ struct MouseEvent {
   friend bool operator==(const MouseEvent&, const MouseEvent&) = default;
 };
 
-void to_json(Json& j, MouseButton button);
-void from_json(const Json& j, MouseButton& button);
-void to_json(Json& j, MousePhase phase);
-void from_json(const Json& j, MousePhase& phase);
 void to_json(Json& j, const MouseEvent& event);
 void from_json(const Json& j, MouseEvent& event);
 

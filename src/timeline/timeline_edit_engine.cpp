@@ -14,28 +14,21 @@ namespace {
 using Case = TimelineEditError::Case;
 using Grid = TimelineFrameGrid;
 
-struct CaseText {
-  const char* key;
-  const char* text;
+constexpr ErrorCase<Case> errorCases[] = {
+    {Case::noSegmentAtPlayhead, "noSegmentAtPlayhead", "timeline.error.noSegment",
+     "The playhead is not within a clip that can be split.", "validation", ErrorKind::validation},
+    {Case::splitAtBoundary, "splitAtBoundary", "timeline.error.splitBoundary",
+     "The playhead is already at a clip boundary.", "validation", ErrorKind::validation},
+    {Case::segmentNotFound, "segmentNotFound", "timeline.error.segmentMissing", "The clip to edit could not be found.",
+     "validation", ErrorKind::validation},
+    {Case::trimOutsideHandles, "trimOutsideHandles", "timeline.error.trimRange",
+     "The trim position is outside the clip\u2019s available range.", "validation", ErrorKind::validation},
+    {Case::cannotDeleteLastSegment, "cannotDeleteLastSegment", "timeline.error.lastSegment",
+     "Keep at least one clip on the timeline.", "validation", ErrorKind::validation},
+    {Case::invalidRange, "invalidRange", "timeline.error.editRange",
+     "The edit range is invalid or outside the timeline.", "validation", ErrorKind::validation},
 };
-
-CaseText describe(Case kind) {
-  switch (kind) {
-    case Case::noSegmentAtPlayhead:
-      return {"timeline.error.noSegment", "The playhead is not within a clip that can be split."};
-    case Case::splitAtBoundary:
-      return {"timeline.error.splitBoundary", "The playhead is already at a clip boundary."};
-    case Case::segmentNotFound:
-      return {"timeline.error.segmentMissing", "The clip to edit could not be found."};
-    case Case::trimOutsideHandles:
-      return {"timeline.error.trimRange", "The trim position is outside the clip\u2019s available range."};
-    case Case::cannotDeleteLastSegment:
-      return {"timeline.error.lastSegment", "Keep at least one clip on the timeline."};
-    case Case::invalidRange:
-      return {"timeline.error.editRange", "The edit range is invalid or outside the timeline."};
-  }
-  return {"timeline.error.editRange", "The edit range is invalid or outside the timeline."};
-}
+static_assert(inCaseOrder(errorCases));
 
 std::vector<TimelineSegment>::iterator findSegment(std::vector<TimelineSegment>& segments, const Uuid& id) {
   return std::find_if(segments.begin(), segments.end(), [&](const TimelineSegment& s) { return s.id == id; });
@@ -50,7 +43,12 @@ EditTimeline finishedWithoutOrphans(EditTimeline timeline, ProjectTime sourceDur
 
 }  // namespace
 
-TimelineEditError::TimelineEditError(Case kind) : Error(describe(kind).key, "Editor", describe(kind).text), kind_(kind) {}
+TimelineEditError::TimelineEditError(Case kind) : Error(catalogue(), kind), kind_(kind) {}
+
+const ErrorCatalogue<Case>& TimelineEditError::catalogue() {
+  static constexpr ErrorCatalogue<Case> catalogue{"TimelineEditError", "Editor", errorCases};
+  return catalogue;
+}
 
 EditTimeline TimelineEditEngine::split(const EditTimeline& timeline, ProjectTime sequenceTime, ProjectTime sourceDuration) {
   TimelineMapper mapper(timeline, sourceDuration);

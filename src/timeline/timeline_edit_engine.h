@@ -23,7 +23,7 @@ class TimelineEditError : public Error {
 
   explicit TimelineEditError(Case kind);
   Case kind() const noexcept { return kind_; }
-  ErrorClassification classification() const override { return {"validation", ErrorKind::validation}; }
+  static const ErrorCatalogue<Case>& catalogue();
 
  private:
   Case kind_;

@@ -16,35 +16,29 @@ using engine_support::clampLowerWins;
 using engine_support::stableSortBy;
 using Case = TimelineEffectError::Case;
 
-struct CaseText {
-  const char* key;
-  const char* text;
+constexpr ErrorCase<Case> errorCases[] = {
+    {Case::zoomNotFound, "zoomNotFound", "timeline.error.zoomMissing",
+     "The selected Auto Zoom segment could not be found.", "validation", ErrorKind::validation},
+    {Case::zoomRangeInvalid, "zoomRangeInvalid", "timeline.error.zoomRange",
+     "An Auto Zoom segment must last at least one frame and stay within the source media.", "validation",
+     ErrorKind::validation},
+    {Case::zoomOverlap, "zoomOverlap", "timeline.error.zoomOverlap",
+     "Auto Zoom segments cannot overlap neighboring zooms.", "validation", ErrorKind::validation},
+    {Case::webcamFullscreenNotFound, "webcamFullscreenNotFound", "timeline.error.cameraMissing",
+     "The selected full-screen camera segment could not be found.", "validation", ErrorKind::validation},
+    {Case::webcamFullscreenRangeInvalid, "webcamFullscreenRangeInvalid", "timeline.error.cameraRange",
+     "A full-screen camera segment must last at least two frames and stay within the source media.", "validation",
+     ErrorKind::validation},
+    {Case::webcamFullscreenOverlap, "webcamFullscreenOverlap", "timeline.error.cameraOverlap",
+     "Full-screen camera segments cannot overlap neighboring segments.", "validation", ErrorKind::validation},
+    {Case::keyframeOutsideSource, "keyframeOutsideSource", "timeline.error.keyframeRange",
+     "A camera keyframe falls outside the source media.", "validation", ErrorKind::validation},
+    {Case::keyframeInvalid, "keyframeInvalid", "timeline.error.keyframeInvalid",
+     "Camera keyframes must be unique and have valid positions and sizes.", "validation", ErrorKind::validation},
+    {Case::zoomIndexInvalid, "zoomIndexInvalid", "timeline.error.zoomIndex", "The Auto Zoom index is invalid.",
+     "validation", ErrorKind::validation},
 };
-
-CaseText describe(Case kind) {
-  switch (kind) {
-    case Case::zoomNotFound:
-      return {"timeline.error.zoomMissing", "The selected Auto Zoom segment could not be found."};
-    case Case::zoomRangeInvalid:
-      return {"timeline.error.zoomRange", "An Auto Zoom segment must last at least one frame and stay within the source media."};
-    case Case::zoomOverlap:
-      return {"timeline.error.zoomOverlap", "Auto Zoom segments cannot overlap neighboring zooms."};
-    case Case::webcamFullscreenNotFound:
-      return {"timeline.error.cameraMissing", "The selected full-screen camera segment could not be found."};
-    case Case::webcamFullscreenRangeInvalid:
-      return {"timeline.error.cameraRange",
-              "A full-screen camera segment must last at least two frames and stay within the source media."};
-    case Case::webcamFullscreenOverlap:
-      return {"timeline.error.cameraOverlap", "Full-screen camera segments cannot overlap neighboring segments."};
-    case Case::keyframeOutsideSource:
-      return {"timeline.error.keyframeRange", "A camera keyframe falls outside the source media."};
-    case Case::keyframeInvalid:
-      return {"timeline.error.keyframeInvalid", "Camera keyframes must be unique and have valid positions and sizes."};
-    case Case::zoomIndexInvalid:
-      return {"timeline.error.zoomIndex", "The Auto Zoom index is invalid."};
-  }
-  return {"timeline.error.zoomRange", "An Auto Zoom segment must last at least one frame and stay within the source media."};
-}
+static_assert(inCaseOrder(errorCases));
 
 // `end - start >= minimum` without forming a difference that could leave the 64-bit range on a
 // document with nonsense times.
@@ -183,7 +177,12 @@ double smoothstep(double p) { return p * p * (3 - 2 * p); }
 
 }  // namespace
 
-TimelineEffectError::TimelineEffectError(Case kind) : Error(describe(kind).key, "Editor", describe(kind).text), kind_(kind) {}
+TimelineEffectError::TimelineEffectError(Case kind) : Error(catalogue(), kind), kind_(kind) {}
+
+const ErrorCatalogue<Case>& TimelineEffectError::catalogue() {
+  static constexpr ErrorCatalogue<Case> catalogue{"TimelineEffectError", "Editor", errorCases};
+  return catalogue;
+}
 
 void TimelineEffectEngine::validate(const EditTimeline& timeline, ProjectTime sourceDuration) {
   validateZooms(timeline.zooms, sourceDuration);

@@ -30,7 +30,7 @@ class TimelineEffectError : public Error {
 
   explicit TimelineEffectError(Case kind);
   Case kind() const noexcept { return kind_; }
-  ErrorClassification classification() const override { return {"validation", ErrorKind::validation}; }
+  static const ErrorCatalogue<Case>& catalogue();
 
  private:
   Case kind_;

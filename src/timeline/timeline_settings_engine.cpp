@@ -17,29 +17,15 @@ namespace {
 
 using Case = TimelineSettingsError::Case;
 
-const char* keyOf(Case kind) {
-  switch (kind) {
-    case Case::unknownKey:
-      return "timeline.error.settingUnsupported";
-    case Case::invalidValue:
-      return "timeline.error.settingInvalid";
-    case Case::webcamUnavailable:
-      return "timeline.error.noCamera";
-  }
-  return "timeline.error.settingInvalid";
-}
-
-std::string textOf(Case kind, const std::string& key) {
-  switch (kind) {
-    case Case::unknownKey:
-      return "Unsupported setting: " + key;
-    case Case::invalidValue:
-      return "Invalid value for setting: " + key;
-    case Case::webcamUnavailable:
-      return "This project has no camera track.";
-  }
-  return "Invalid value for setting: " + key;
-}
+constexpr ErrorCase<Case> errorCases[] = {
+    {Case::unknownKey, "unknownKey", "timeline.error.settingUnsupported", "Unsupported setting: {}", "validation",
+     ErrorKind::validation},
+    {Case::invalidValue, "invalidValue", "timeline.error.settingInvalid", "Invalid value for setting: {}", "validation",
+     ErrorKind::validation},
+    {Case::webcamUnavailable, "webcamUnavailable", "timeline.error.noCamera", "This project has no camera track.",
+     "validation", ErrorKind::validation},
+};
+static_assert(inCaseOrder(errorCases));
 
 // Values must read the same whatever locale the user runs in, so numbers are parsed in "C".
 class CLocale {
@@ -114,11 +100,12 @@ std::optional<WebcamAspectRatio> legacyShapeAspect(const std::string& value) {
 
 const std::map<std::string, Applier>& appliers() {
   static const std::map<std::string, Applier> table = {
-      {"canvas.aspect", [](const Setting& s) { s.timeline.canvas.aspectRatio = s.choice(parseCanvasAspectRatio(s.value)); }},
+      {"canvas.aspect",
+       [](const Setting& s) { s.timeline.canvas.aspectRatio = s.choice(parseName<CanvasAspectRatio>(s.value)); }},
       {"canvas.background",
        [](const Setting& s) {
          CanvasEdit& canvas = s.timeline.canvas;
-         canvas.background = s.choice(parseCanvasBackground(s.value));
+         canvas.background = s.choice(parseName<CanvasBackground>(s.value));
          if (presetBackground(canvas.preset) != canvas.background) canvas.preset = defaultPreset(canvas.background);
        }},
       {"canvas.padding", [](const Setting& s) { s.timeline.canvas.padding = s.number(0, 0.18); }},
@@ -131,7 +118,7 @@ const std::map<std::string, Applier>& appliers() {
       {"cursor.scale", [](const Setting& s) { s.timeline.cursor.scale = s.number(0.5, 3.0); }},
       {"cursor.click-ripple", [](const Setting& s) { s.timeline.cursor.showsClickEffect = s.boolean(); }},
       {"cursor.click-style",
-       [](const Setting& s) { s.timeline.cursor.clickEffectStyle = s.choice(parseClickEffectStyle(s.value)); }},
+       [](const Setting& s) { s.timeline.cursor.clickEffectStyle = s.choice(parseName<ClickEffectStyle>(s.value)); }},
       {"webcam.show", [](const Setting& s) { s.webcam().isVisible = s.boolean(); }},
       {"webcam.x", [](const Setting& s) { s.webcam().center.x = s.number(0, 1); }},
       {"webcam.y", [](const Setting& s) { s.webcam().center.y = s.number(0, 1); }},
@@ -140,7 +127,8 @@ const std::map<std::string, Applier>& appliers() {
          s.webcam().diameter = s.number(TimelineEffectEngine::minimumWebcamDiameter, TimelineEffectEngine::maximumWebcamDiameter);
        }},
       {"webcam.mirror", [](const Setting& s) { s.webcam().isMirrored = s.boolean(); }},
-      {"webcam.aspect-ratio", [](const Setting& s) { s.webcam().aspectRatio = s.choice(parseWebcamAspectRatio(s.value)); }},
+      {"webcam.aspect-ratio",
+       [](const Setting& s) { s.webcam().aspectRatio = s.choice(parseName<WebcamAspectRatio>(s.value)); }},
       {"webcam.corner-radius", [](const Setting& s) { s.webcam().cornerRadius = s.number(0, 1); }},
       {"webcam.shape",
        [](const Setting& s) {
@@ -168,7 +156,12 @@ const std::map<std::string, Applier>& appliers() {
 }  // namespace
 
 TimelineSettingsError::TimelineSettingsError(Case kind, std::string key)
-    : Error(keyOf(kind), "Editor", textOf(kind, key)), kind_(kind), key_(std::move(key)) {}
+    : Error(catalogue(), kind, key), kind_(kind), key_(std::move(key)) {}
+
+const ErrorCatalogue<Case>& TimelineSettingsError::catalogue() {
+  static constexpr ErrorCatalogue<Case> catalogue{"TimelineSettingsError", "Editor", errorCases};
+  return catalogue;
+}
 
 EditTimeline TimelineSettingsEngine::applying(const std::map<std::string, std::string>& values, const EditTimeline& timeline,
                                               bool hasWebcam, PixelSize sourceSize) {

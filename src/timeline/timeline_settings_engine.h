@@ -26,7 +26,7 @@ class TimelineSettingsError : public Error {
   Case kind() const noexcept { return kind_; }
   // The key the failure concerns; empty for webcamUnavailable.
   const std::string& settingKey() const noexcept { return key_; }
-  ErrorClassification classification() const override { return {"validation", ErrorKind::validation}; }
+  static const ErrorCatalogue<Case>& catalogue();
 
  private:
   TimelineSettingsError(Case kind, std::string key);

@@ -13,27 +13,20 @@ namespace {
 using Case = TimelineSpeedError::Case;
 using Grid = TimelineFrameGrid;
 
-struct CaseText {
-  const char* key;
-  const char* text;
+constexpr ErrorCase<Case> errorCases[] = {
+    {Case::invalidRate, "invalidRate", TimelinePlaybackRate::invalidKey, TimelinePlaybackRate::invalidText,
+     "validation", ErrorKind::validation},
+    {Case::invalidRange, "invalidRange", "timeline.error.speedRange",
+     "The speed-change range is invalid or shorter than one source video frame.", "validation", ErrorKind::validation},
+    {Case::rangeOutsideRetainedContent, "rangeOutsideRetainedContent", "timeline.error.speedOutside",
+     "The entire speed-change range must fit within the currently retained content.", "validation",
+     ErrorKind::validation},
+    {Case::conflictingRanges, "conflictingRanges", "timeline.error.speedConflict",
+     "Overlapping speed-change ranges cannot use different playback speeds.", "validation", ErrorKind::validation},
+    {Case::noChange, "noChange", "timeline.error.speedUnchanged",
+     "The selected content already uses this playback speed.", "validation", ErrorKind::validation},
 };
-
-CaseText describe(Case kind) {
-  switch (kind) {
-    case Case::invalidRate:
-      return {"editor.error.playbackRate",
-              "Playback speed must be a finite value from 0.50 to 4.00 in increments of 0.01."};
-    case Case::invalidRange:
-      return {"timeline.error.speedRange", "The speed-change range is invalid or shorter than one source video frame."};
-    case Case::rangeOutsideRetainedContent:
-      return {"timeline.error.speedOutside", "The entire speed-change range must fit within the currently retained content."};
-    case Case::conflictingRanges:
-      return {"timeline.error.speedConflict", "Overlapping speed-change ranges cannot use different playback speeds."};
-    case Case::noChange:
-      return {"timeline.error.speedUnchanged", "The selected content already uses this playback speed."};
-  }
-  return {"timeline.error.speedRange", "The speed-change range is invalid or shorter than one source video frame."};
-}
+static_assert(inCaseOrder(errorCases));
 
 // The range with both edges on the grid; an end that does not fit in 64 bits is invalidRange.
 std::pair<ProjectTime, ProjectTime> snappedEdges(const ProjectTimeRange& range) {
@@ -48,7 +41,12 @@ bool lastsAFrame(ProjectTime start, ProjectTime end) { return end > start && end
 
 }  // namespace
 
-TimelineSpeedError::TimelineSpeedError(Case kind) : Error(describe(kind).key, "Editor", describe(kind).text), kind_(kind) {}
+TimelineSpeedError::TimelineSpeedError(Case kind) : Error(catalogue(), kind), kind_(kind) {}
+
+const ErrorCatalogue<Case>& TimelineSpeedError::catalogue() {
+  static constexpr ErrorCatalogue<Case> catalogue{"TimelineSpeedError", "Editor", errorCases};
+  return catalogue;
+}
 
 std::vector<TimelineSpeedChange> TimelineSpeedEngine::normalized(const std::vector<TimelineSpeedChange>& changes) {
   std::vector<TimelineSpeedChange> snapped;

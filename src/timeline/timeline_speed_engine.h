@@ -21,7 +21,7 @@ class TimelineSpeedError : public Error {
 
   explicit TimelineSpeedError(Case kind);
   Case kind() const noexcept { return kind_; }
-  ErrorClassification classification() const override { return {"validation", ErrorKind::validation}; }
+  static const ErrorCatalogue<Case>& catalogue();
 
  private:
   Case kind_;

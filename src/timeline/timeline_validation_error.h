@@ -14,16 +14,16 @@ namespace vumo {
 class TimelineValidationError : public Error {
  public:
   enum class Case {
-    unsupportedSchema,             // payload: schemaVersion
-    rangeOutsideSource,            // payload: segment id
-    segmentTooShort,               // payload: segment id
-    invalidPlaybackRate,           // payload: segment id
-    playbackRateRequiresSchema4,   // payload: segment id
-    sequenceSegmentTooShort,       // payload: segment id
-    sequenceDurationOverflow,      // payload: segment id
-    segmentsOutOfOrder,            // payload: segment id
-    overlappingSegments,           // payload: segment id
-    invalidAnnotation,             // payload: annotation id
+    unsupportedSchema,            // payload: schemaVersion
+    rangeOutsideSource,           // payload: segment id
+    segmentTooShort,              // payload: segment id
+    invalidPlaybackRate,          // payload: segment id
+    playbackRateRequiresSchema4,  // payload: segment id
+    sequenceSegmentTooShort,      // payload: segment id
+    sequenceDurationOverflow,     // payload: segment id
+    segmentsOutOfOrder,           // payload: segment id
+    overlappingSegments,          // payload: segment id
+    invalidAnnotation,            // payload: annotation id
     empty,
     invalidMotionBlurAmount,
     deviceFrameRequiresSchema8,
@@ -43,9 +43,7 @@ class TimelineValidationError : public Error {
   // The refused version, for `unsupportedSchema`.
   std::int64_t schemaVersion() const noexcept { return schemaVersion_; }
 
-  ErrorClassification classification() const override { return {"validation", ErrorKind::validation}; }
-
-  static const char* localizationKeyOf(Case kind);
+  static const ErrorCatalogue<Case>& catalogue();
 
  private:
   TimelineValidationError(Case kind, std::optional<Uuid> id, std::int64_t schemaVersion);

@@ -301,28 +301,5 @@ TEST(EditPlanJob, StaleChecksNameWhatChanged) {
   EXPECT_EQ(caseOf([] { verifyEditPlanConfirmation("t", "c", "p", "t", "c", "p2"); }), Case::stalePlan);
 }
 
-TEST(EditPlanValidationError, TextsAndCommandLineClassification) {
-  struct Row {
-    Case kind;
-    const char* text;
-    const char* code;
-    ErrorKind errorKind;
-  };
-  const Row rows[] = {
-      {Case::invalidDocument, "Edit Plan Schema 1/2/3文档无效。", "validation", ErrorKind::validation},
-      {Case::invalidOperation, "Edit Plan包含无效或互相冲突的操作。", "validation", ErrorKind::validation},
-      {Case::staleJob, "Edit Plan任务与当前项目或Timeline不一致，请重新准备。", "edit_plan_conflict", ErrorKind::conflict},
-      {Case::staleCaptions, "字幕内容已变化，请重新生成剪辑计划。", "edit_plan_conflict", ErrorKind::conflict},
-      {Case::stalePlan, "Edit Plan文件已变化，请重新预演。", "edit_plan_conflict", ErrorKind::conflict},
-      {Case::documentTooLarge, "Edit Plan文件超过1MB安全上限。", "validation", ErrorKind::validation},
-  };
-  for (const Row& row : rows) {
-    EditPlanValidationError error(row.kind);
-    EXPECT_STREQ(error.what(), row.text);
-    EXPECT_EQ(error.classification().code, row.code);
-    EXPECT_EQ(error.classification().kind, row.errorKind);
-  }
-}
-
 }  // namespace
 }  // namespace vumo

@@ -72,9 +72,9 @@ TEST(CaptionImpactTest, CutsClassifyCuesAndSpeedAloneAffectsNone) {
   EXPECT_EQ(impact.impacts[1].affectedCutRanges, (std::vector<ProjectTimeRange>{cuts[1]}));
   EXPECT_EQ(impact.impacts[2].kind, CaptionImpactKind::cueTimingOverlap);
   // The words the command line reports for each kind.
-  EXPECT_EQ(nameOf(captionImpactKindNames, impact.impacts[0].kind), "fully-removed");
-  EXPECT_EQ(nameOf(captionImpactKindNames, impact.impacts[1].kind), "word-timing-overlap");
-  EXPECT_EQ(nameOf(captionImpactKindNames, impact.impacts[2].kind), "cue-timing-overlap");
+  EXPECT_EQ(nameOf(impact.impacts[0].kind), "fully-removed");
+  EXPECT_EQ(nameOf(impact.impacts[1].kind), "word-timing-overlap");
+  EXPECT_EQ(nameOf(impact.impacts[2].kind), "cue-timing-overlap");
 
   EditTimeline faster = timelineOf({{0, 10'000}}, 2000);
   EXPECT_TRUE(captionImpact(document, original, faster, {}, source).impacts.empty());

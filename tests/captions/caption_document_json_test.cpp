@@ -210,11 +210,11 @@ TEST(CaptionDocumentJsonTest, TextBuiltInMemoryThatIsNotUtf8FailsToEncodeWithACl
 TEST(CaptionAppearanceTest, RawValuesRoundTrip) {
   for (auto appearance : {CaptionAppearance::whiteOnBlack, CaptionAppearance::whiteWithBlackOutline,
                           CaptionAppearance::blackWithWhiteOutline})
-    EXPECT_EQ(captionAppearanceFromRawValue(rawValue(appearance)), appearance);
-  EXPECT_EQ(rawValue(CaptionAppearance::whiteOnBlack), "white-on-black");
-  EXPECT_EQ(rawValue(CaptionAppearance::whiteWithBlackOutline), "white-black-outline");
-  EXPECT_EQ(rawValue(CaptionAppearance::blackWithWhiteOutline), "black-white-outline");
-  EXPECT_FALSE(captionAppearanceFromRawValue("White-On-Black"));
+    EXPECT_EQ(parseName<CaptionAppearance>(nameOf(appearance)), appearance);
+  EXPECT_EQ(nameOf(CaptionAppearance::whiteOnBlack), "white-on-black");
+  EXPECT_EQ(nameOf(CaptionAppearance::whiteWithBlackOutline), "white-black-outline");
+  EXPECT_EQ(nameOf(CaptionAppearance::blackWithWhiteOutline), "black-white-outline");
+  EXPECT_FALSE(parseName<CaptionAppearance>("White-On-Black"));
 }
 
 }  // namespace

@@ -233,47 +233,5 @@ TEST(CaptionValidationTest, NormalisesTheStyleOfAnOtherwiseValidDocument) {
             (CaptionStyle{false, 1, CaptionAppearance::blackWithWhiteOutline, 1.2, 0.0}));
 }
 
-TEST(CaptionErrorTest, EveryCaseCarriesItsKeyTableAndText) {
-  const std::tuple<Case, const char*, const char*> validation[] = {
-      {Case::unsupportedSchema, "captions.error.schema", "This caption format version is not supported."},
-      {Case::invalidTrack, "captions.error.track", "Captions must use microphone or system audio."},
-      {Case::tooManyCues, "captions.error.limit", "The number of captions exceeds the safety limit."},
-      {Case::invalidCue, "captions.error.cue", "Caption text, ordering, or timing is invalid."},
-      {Case::invalidWord, "captions.error.word", "Word timing falls outside its caption."},
-      {Case::invalidHighlight, "captions.error.highlight",
-       "Highlights must be non-overlapping words within the caption and cannot cover the entire sentence."},
-      {Case::cueCrossesRemovedContent, "captions.error.removedContent",
-       "Final captions cannot include deleted content or cross cut boundaries. Regenerate them from the latest retained clips."},
-      {Case::staleTimeline, "captions.error.staleTimeline", "The project edits have changed. Regenerate the captions."},
-      {Case::staleAudio, "captions.error.staleAudio", "The caption audio does not match the current task."},
-  };
-  for (const auto& [kind, key, text] : validation) {
-    CaptionValidationError error(kind);
-    EXPECT_EQ(error.kind(), kind);
-    EXPECT_EQ(error.localizationKey(), key);
-    EXPECT_EQ(error.table(), "EditorCaptions");
-    EXPECT_STREQ(error.what(), text);
-    EXPECT_EQ(error.classification().code, "execution");
-  }
-
-  using Editing = CaptionEditingError::Case;
-  const std::tuple<Editing, const char*, const char*> editing[] = {
-      {Editing::cueNotFound, "captions.error.notFound", "The selected caption could not be found."},
-      {Editing::invalidRange, "captions.error.range",
-       "Caption timing must stay within the source media and last at least one frame."},
-      {Editing::overlapsNeighbor, "captions.error.overlap", "Captions cannot overlap neighboring captions."},
-      {Editing::emptyText, "captions.error.emptyText", "Caption text cannot be empty."},
-      {Editing::invalidHighlight, "captions.error.selection", "Select a continuous range of words in the caption text."},
-  };
-  for (const auto& [kind, key, text] : editing) {
-    CaptionEditingError error(kind);
-    EXPECT_EQ(error.kind(), kind);
-    EXPECT_EQ(error.localizationKey(), key);
-    EXPECT_EQ(error.table(), "EditorCaptions");
-    EXPECT_STREQ(error.what(), text);
-    EXPECT_EQ(error.classification().kind, ErrorKind::failure);
-  }
-}
-
 }  // namespace
 }  // namespace vumo

@@ -103,8 +103,8 @@ TEST(HelpCatalogTest, TopicsAreMarkdownWithOneBlankLineAfterTheTitle) {
   for (auto topic : {CLIAgentHelpTopic::workflow, CLIAgentHelpTopic::editPlan, CLIAgentHelpTopic::captions,
                      CLIAgentHelpTopic::settings, CLIAgentHelpTopic::output}) {
     std::string text = AgentHelpCatalog::text(topic);
-    EXPECT_TRUE(text.starts_with("# Vumo")) << word(topic);
-    EXPECT_EQ(text.find("\n\n"), text.find('\n')) << word(topic);
+    EXPECT_TRUE(text.starts_with("# Vumo")) << nameOf(topic);
+    EXPECT_EQ(text.find("\n\n"), text.find('\n')) << nameOf(topic);
     EXPECT_EQ(text.find("\n\n\n"), std::string::npos);
     EXPECT_NE(text.back(), '\n');
     EXPECT_EQ(text.find("Library"), std::string::npos);

@@ -262,14 +262,14 @@ TEST(EditTimelineEncoding, IsPrettyPrintedWithSortedKeys) {
 }
 
 TEST(EditTimelineEncoding, EveryEnumerationHasItsKebabCaseString) {
-  EXPECT_EQ(jsonString(CanvasAspectRatio::portrait3x4), "3:4");
-  EXPECT_EQ(jsonString(CanvasAspectRatio::square), "1:1");
-  EXPECT_EQ(jsonString(CanvasBackgroundPreset::forestGradient), "forest-gradient");
-  EXPECT_EQ(jsonString(CanvasBackgroundPreset::warmGray), "warm-gray");
-  EXPECT_EQ(jsonString(CanvasBackgroundImageSource::bundledLandscape), "bundled-landscape");
-  EXPECT_EQ(jsonString(ClickEffectStyle::ringAndPress), "ring-and-press");
+  EXPECT_EQ(nameOf(CanvasAspectRatio::portrait3x4), "3:4");
+  EXPECT_EQ(nameOf(CanvasAspectRatio::square), "1:1");
+  EXPECT_EQ(nameOf(CanvasBackgroundPreset::forestGradient), "forest-gradient");
+  EXPECT_EQ(nameOf(CanvasBackgroundPreset::warmGray), "warm-gray");
+  EXPECT_EQ(nameOf(CanvasBackgroundImageSource::bundledLandscape), "bundled-landscape");
+  EXPECT_EQ(nameOf(ClickEffectStyle::ringAndPress), "ring-and-press");
   for (CanvasBackgroundPreset preset : allCanvasBackgroundPresets())
-    EXPECT_EQ(parseCanvasBackgroundPreset(jsonString(preset)), preset);
+    EXPECT_EQ(parseName<CanvasBackgroundPreset>(nameOf(preset)), preset);
 }
 
 TEST(CanvasBackgroundPreset, TwelveGradientsThenTwelveSolidsWithEqualColours) {

@@ -249,29 +249,5 @@ TEST(TimelineEditEngineTest, ValidationErrorsOfTheResultPassThrough) {
   EXPECT_THROW(TimelineEditEngine::split(timeline, ms(5'000), source), TimelineValidationError);
 }
 
-TEST(TimelineEditEngineTest, ErrorsCarryTheirKeysAndTexts) {
-  struct Case {
-    EditCase kind;
-    const char* key;
-    const char* text;
-  };
-  const Case cases[] = {
-      {EditCase::noSegmentAtPlayhead, "timeline.error.noSegment", "The playhead is not within a clip that can be split."},
-      {EditCase::splitAtBoundary, "timeline.error.splitBoundary", "The playhead is already at a clip boundary."},
-      {EditCase::segmentNotFound, "timeline.error.segmentMissing", "The clip to edit could not be found."},
-      {EditCase::trimOutsideHandles, "timeline.error.trimRange", "The trim position is outside the clip\u2019s available range."},
-      {EditCase::cannotDeleteLastSegment, "timeline.error.lastSegment", "Keep at least one clip on the timeline."},
-      {EditCase::invalidRange, "timeline.error.editRange", "The edit range is invalid or outside the timeline."},
-  };
-  for (const Case& c : cases) {
-    TimelineEditError error(c.kind);
-    EXPECT_EQ(error.localizationKey(), c.key);
-    EXPECT_STREQ(error.what(), c.text);
-    EXPECT_EQ(error.table(), "Editor");
-    EXPECT_EQ(error.classification().code, "validation");
-    EXPECT_EQ(error.classification().kind, ErrorKind::validation);
-  }
-}
-
 }  // namespace
 }  // namespace vumo

@@ -422,36 +422,5 @@ TEST(TimelineEffectOverlayTest, GlobalResizeChangesEveryKeyframeByTheSameAmountW
   EXPECT_EQ(TimelineEffectEngine::resizeWebcamGlobally(plain, ms(0), 9.0, 1.0, source).webcamOverlay->diameter, 0.4);
 }
 
-TEST(TimelineEffectEngineTest, ErrorsCarryTheirKeysAndTexts) {
-  struct Case {
-    EffectCase kind;
-    const char* key;
-    const char* text;
-  };
-  const Case cases[] = {
-      {EffectCase::zoomNotFound, "timeline.error.zoomMissing", "The selected Auto Zoom segment could not be found."},
-      {EffectCase::zoomRangeInvalid, "timeline.error.zoomRange",
-       "An Auto Zoom segment must last at least one frame and stay within the source media."},
-      {EffectCase::zoomOverlap, "timeline.error.zoomOverlap", "Auto Zoom segments cannot overlap neighboring zooms."},
-      {EffectCase::webcamFullscreenNotFound, "timeline.error.cameraMissing",
-       "The selected full-screen camera segment could not be found."},
-      {EffectCase::webcamFullscreenRangeInvalid, "timeline.error.cameraRange",
-       "A full-screen camera segment must last at least two frames and stay within the source media."},
-      {EffectCase::webcamFullscreenOverlap, "timeline.error.cameraOverlap",
-       "Full-screen camera segments cannot overlap neighboring segments."},
-      {EffectCase::keyframeOutsideSource, "timeline.error.keyframeRange", "A camera keyframe falls outside the source media."},
-      {EffectCase::keyframeInvalid, "timeline.error.keyframeInvalid",
-       "Camera keyframes must be unique and have valid positions and sizes."},
-      {EffectCase::zoomIndexInvalid, "timeline.error.zoomIndex", "The Auto Zoom index is invalid."},
-  };
-  for (const Case& c : cases) {
-    TimelineEffectError error(c.kind);
-    EXPECT_EQ(error.localizationKey(), c.key);
-    EXPECT_STREQ(error.what(), c.text);
-    EXPECT_EQ(error.table(), "Editor");
-    EXPECT_EQ(error.classification().kind, ErrorKind::validation);
-  }
-}
-
 }  // namespace
 }  // namespace vumo

@@ -175,31 +175,5 @@ TEST(TimelineSpeedEngineApplyTest, AppliesTheMergedChangesInOrderAndReportsThem)
   EXPECT_EQ(application.timeline.segments[3].playbackRate.permille, 500);
 }
 
-TEST(TimelineSpeedEngineTest, ErrorsCarryTheirKeysAndTexts) {
-  struct Case {
-    SpeedCase kind;
-    const char* key;
-    const char* text;
-  };
-  const Case cases[] = {
-      {SpeedCase::invalidRate, "editor.error.playbackRate",
-       "Playback speed must be a finite value from 0.50 to 4.00 in increments of 0.01."},
-      {SpeedCase::invalidRange, "timeline.error.speedRange",
-       "The speed-change range is invalid or shorter than one source video frame."},
-      {SpeedCase::rangeOutsideRetainedContent, "timeline.error.speedOutside",
-       "The entire speed-change range must fit within the currently retained content."},
-      {SpeedCase::conflictingRanges, "timeline.error.speedConflict",
-       "Overlapping speed-change ranges cannot use different playback speeds."},
-      {SpeedCase::noChange, "timeline.error.speedUnchanged", "The selected content already uses this playback speed."},
-  };
-  for (const Case& c : cases) {
-    TimelineSpeedError error(c.kind);
-    EXPECT_EQ(error.localizationKey(), c.key);
-    EXPECT_STREQ(error.what(), c.text);
-    EXPECT_EQ(error.table(), "Editor");
-    EXPECT_EQ(error.classification().kind, ErrorKind::validation);
-  }
-}
-
 }  // namespace
 }  // namespace vumo
