@@ -1,33 +1,149 @@
 #pragma once
 
-// Benchmarks here report ratios against a baseline measured in the same run, since the machines
-// they run on are shared and absolute times drift. This console reporter also keeps each
-// benchmark's time per iteration so that a custom main can print those ratios.
+// The one reporter of the benchmarks. The machines they run on are shared and absolute times
+// drift, so a benchmark here states no absolute target: it measures a baseline doing comparable
+// work in the same run and prints ratios of medians over repetitions (five unless the command line
+// says otherwise). A ratio naming a benchmark that did not run, or failed, makes the program exit
+// non-zero instead of printing a meaningless number.
+//
+//   int main(int argc, char** argv) {
+//     return vumo::bench::runAndCompare(argc, argv, {{"cut / copy", "BM_Cut/1000", "BM_Copy/1000"}});
+//   }
 
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
+#include <cstdio>
+#include <functional>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
 namespace vumo::bench {
 
+// Per-iteration times of every repetition of each benchmark, and their medians. A benchmark is
+// named by its function and arguments, e.g. "BM_Validate/100000", whatever its time settings.
 class RecordingReporter : public benchmark::ConsoleReporter {
  public:
+  struct Sample {
+    double cpuSeconds = 0;   // the calling thread's processor time
+    double realSeconds = 0;  // wall-clock time (all threads)
+    double cpuInUnit = 0;    // processor time in the benchmark's display unit
+  };
+
   void ReportRuns(const std::vector<Run>& runs) override {
-    for (const auto& run : runs) {
-      if (run.run_type != Run::RT_Iteration || run.iterations == 0) continue;
-      const std::string name = run.benchmark_name();
-      times[name] = run.GetAdjustedCPUTime();
-      cpuSeconds[name] = run.GetAdjustedCPUTime() / benchmark::GetTimeUnitMultiplier(run.time_unit);
-      realSeconds[name] = run.real_accumulated_time / static_cast<double>(run.iterations);
+    std::vector<Run> shown;  // one line per benchmark: its median, or its only run
+    for (const Run& run : runs) {
+      const std::string name = shortName(run);
+      if (run.error_occurred) {
+        failed.insert(name);
+        shown.push_back(run);
+      } else if (run.run_type == Run::RT_Iteration && run.iterations > 0) {
+        const double iterations = static_cast<double>(run.iterations);
+        samples[name].push_back(
+            {run.cpu_accumulated_time / iterations, run.real_accumulated_time / iterations, run.GetAdjustedCPUTime()});
+        if (run.repetitions <= 1) shown.push_back(run);
+        remember(name, run.run_name.str());
+      } else if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "median") {
+        shown.push_back(run);
+      }
     }
-    ConsoleReporter::ReportRuns(runs);
+    ConsoleReporter::ReportRuns(shown);
   }
 
-  std::map<std::string, double> times;        // CPU time per iteration, in the benchmark's unit
-  std::map<std::string, double> cpuSeconds;   // CPU seconds per iteration (the calling thread)
+  // The median over repetitions; false when the benchmark did not run or failed.
+  bool median(const std::string& name, Sample& out) const {
+    auto found = samples.find(name);
+    if (found == samples.end() || found->second.empty() || failed.count(name)) return false;
+    out = {medianOf(found->second, &Sample::cpuSeconds), medianOf(found->second, &Sample::realSeconds),
+           medianOf(found->second, &Sample::cpuInUnit)};
+    return true;
+  }
+
+  std::map<std::string, std::vector<Sample>> samples;
+  std::set<std::string> failed;
+  // Medians under both the short name and the full one (with its time settings), as plain maps.
+  std::map<std::string, double> times;        // processor time per iteration, in the benchmark's unit
+  std::map<std::string, double> cpuSeconds;   // processor seconds per iteration (the calling thread)
   std::map<std::string, double> realSeconds;  // wall seconds per iteration (all threads)
+
+ private:
+  static std::string shortName(const Run& run) {
+    return run.run_name.args.empty() ? run.run_name.function_name
+                                     : run.run_name.function_name + "/" + run.run_name.args;
+  }
+  static double medianOf(std::vector<Sample> values, double Sample::*field) {
+    std::sort(values.begin(), values.end(), [&](const Sample& a, const Sample& b) { return a.*field < b.*field; });
+    const std::size_t middle = values.size() / 2;
+    return values.size() % 2 == 1 ? values[middle].*field : (values[middle - 1].*field + values[middle].*field) / 2;
+  }
+  void remember(const std::string& name, const std::string& fullName) {
+    Sample m;
+    if (!median(name, m)) return;
+    for (const std::string& key : {name, fullName}) {
+      times[key] = m.cpuInUnit;
+      cpuSeconds[key] = m.cpuSeconds;
+      realSeconds[key] = m.realSeconds;
+    }
+  }
 };
+
+enum class Clock { cpu, wall };
+
+// (numerator - minus) / denominator * scale, of medians. `minus` takes off work the numerator
+// includes but is not what is measured, e.g. the project load a command starts with.
+struct Ratio {
+  std::string label;
+  std::string numerator;
+  std::string denominator;
+  std::string minus = {};
+  double scale = 1.0;
+  Clock clock = Clock::cpu;  // wall time for work spread over several threads
+};
+
+// Prints each ratio; false if one of them names a benchmark without a result.
+inline bool printRatios(const RecordingReporter& reporter, const std::vector<Ratio>& ratios) {
+  bool complete = true;
+  std::printf("\nRatios of medians (same run):\n");
+  for (const Ratio& ratio : ratios) {
+    auto seconds = [&](const std::string& name, double& out) {
+      RecordingReporter::Sample m;
+      if (!reporter.median(name, m)) {
+        std::fprintf(stderr, "no result for %s (needed by \"%s\")\n", name.c_str(), ratio.label.c_str());
+        return false;
+      }
+      out = ratio.clock == Clock::cpu ? m.cpuSeconds : m.realSeconds;
+      return true;
+    };
+    double numerator = 0, denominator = 0, minus = 0;
+    bool ok = seconds(ratio.numerator, numerator);
+    ok = seconds(ratio.denominator, denominator) && ok;
+    if (!ratio.minus.empty()) ok = seconds(ratio.minus, minus) && ok;
+    if (!ok || denominator <= 0) {
+      complete = false;
+      continue;
+    }
+    std::printf("  %-64s %8.3f\n", ratio.label.c_str(), (numerator - minus) / denominator * ratio.scale);
+  }
+  return complete;
+}
+
+// Runs the benchmarks of this program (five repetitions unless the command line sets them) and
+// prints the ratios. `prepare` runs after the command line is read and before any benchmark.
+// Returns the exit status: 1 when a ratio could not be computed, 2 for an unknown flag.
+inline int runAndCompare(int argc, char** argv, const std::vector<Ratio>& ratios,
+                         const std::function<void()>& prepare = {}) {
+  std::vector<char*> arguments{argv[0], const_cast<char*>("--benchmark_repetitions=5")};
+  arguments.insert(arguments.end(), argv + 1, argv + argc);
+  int count = static_cast<int>(arguments.size());
+  benchmark::Initialize(&count, arguments.data());
+  if (benchmark::ReportUnrecognizedArguments(count, arguments.data())) return 2;
+  if (prepare) prepare();
+  RecordingReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  benchmark::Shutdown();
+  return printRatios(reporter, ratios) ? 0 : 1;
+}
 
 }  // namespace vumo::bench

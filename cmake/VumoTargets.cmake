@@ -41,14 +41,23 @@ function(vumo_benchmarks AREA)
   set(VUMO_BENCHMARK_TARGETS ${VUMO_BENCHMARK_TARGETS} PARENT_SCOPE)
 endfunction()
 
-# Every fuzz/<area>/*.cpp is one libFuzzer executable named fuzz_<file>, linked to the area.
-# Inputs that once crashed live in fuzz/corpus/<file>/ and are replayed by `make fuzz`.
+# Every fuzz/<area>/*.cpp is one fuzz target named after its file, linked to the area, with its
+# kept inputs in fuzz/corpus/<name>/. Built with VUMO_BUILD_FUZZERS it is the libFuzzer executable
+# fuzz_<name> (`make fuzz`); in the ordinary build it is linked to fuzz/replay_main.cpp as
+# fuzz_replay_<name>, which CTest runs over the corpus, so every kept input is checked by every
+# test run (and by the sanitizer build's).
 function(vumo_fuzzers AREA)
   file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/${AREA}/*.cpp)
   foreach(source ${sources})
     get_filename_component(name ${source} NAME_WE)
-    add_executable(fuzz_${name} ${source})
-    target_link_libraries(fuzz_${name} PRIVATE vumo::${AREA})
-    target_link_options(fuzz_${name} PRIVATE -fsanitize=fuzzer)
+    if(VUMO_BUILD_FUZZERS)
+      add_executable(fuzz_${name} ${source})
+      target_link_libraries(fuzz_${name} PRIVATE vumo::${AREA})
+      target_link_options(fuzz_${name} PRIVATE -fsanitize=fuzzer)
+    else()
+      add_executable(fuzz_replay_${name} ${source} ${CMAKE_CURRENT_SOURCE_DIR}/replay_main.cpp)
+      target_link_libraries(fuzz_replay_${name} PRIVATE vumo::${AREA})
+      add_test(NAME FuzzCorpus.${name} COMMAND fuzz_replay_${name} ${CMAKE_CURRENT_SOURCE_DIR}/corpus/${name})
+    endif()
   endforeach()
 endfunction()

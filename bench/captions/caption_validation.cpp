@@ -1,16 +1,19 @@
 // Validation runs on every caption edit, so it must stay linear and cheap next to the work that
 // surrounds it. Measured against two baselines of the same run: copying the document (validation
 // returns a new one, so the copy is its floor) and encoding it (what a commit does next).
+//
+// Finding a highlight in its cue must stay linear too: a text built to defeat naive search (many
+// near-matches before the real one) is measured against a text of the same size where the
+// highlight stands at the start.
 
 #include <benchmark/benchmark.h>
-
-#include "recording_reporter.h"
 
 #include <cstdio>
 #include <map>
 #include <string>
 
 #include "captions/caption_document.h"
+#include "recording_reporter.h"
 
 namespace {
 
@@ -30,7 +33,8 @@ CaptionDocument makeDocument(int cueCount) {
     cue.end = {start + 90'000'000};
     if (i % 2 == 0) {
       cue.text = " Hello big world number " + std::to_string(i) + " ";
-      cue.words = {{{start}, {start + 30'000'000}, "Hello"}, {{start + 30'000'000}, {start + 60'000'000}, "big"},
+      cue.words = {{{start}, {start + 30'000'000}, "Hello"},
+                   {{start + 30'000'000}, {start + 60'000'000}, "big"},
                    {{start + 60'000'000}, {start + 90'000'000}, "world"}};
       cue.highlights = {{"big", 1}};
     } else {
@@ -82,6 +86,24 @@ void BM_ValidateLongCueTexts(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations() * 1000);
 }
 
+// 200,001 characters searched for a highlight of 100,001.
+const std::string kNeedle = std::string(100'000, 'a') + "b";
+const std::string kNearMisses = "x" + std::string(200'000, 'a') + "b";  // the needle only at its end
+const std::string kAtOnce = kNeedle + std::string(100'000, 'a');        // the needle at the start
+
+void searchHighlight(benchmark::State& state, const std::string& text) {
+  const std::vector<CaptionHighlight> expected{{kNeedle, 1}};
+  for (auto _ : state) {
+    auto found = validatedHighlights(expected, text);
+    if (found != expected) state.SkipWithError("the highlight was not found");
+    benchmark::DoNotOptimize(found);
+  }
+}
+void BM_HighlightAfterNearMisses(benchmark::State& state) { searchHighlight(state, kNearMisses); }
+void BM_HighlightAtOnce(benchmark::State& state) { searchHighlight(state, kAtOnce); }
+
+BENCHMARK(BM_HighlightAfterNearMisses)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_HighlightAtOnce)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_CopyDocument)->Arg(100'000)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_EncodeDocument)->Arg(100'000)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Validate)->Arg(1'000)->Arg(100'000)->Unit(benchmark::kMillisecond);
@@ -89,22 +111,20 @@ BENCHMARK(BM_ValidateLongCueTexts)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 
-using vumo::bench::RecordingReporter;
-
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  RecordingReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  benchmark::Shutdown();
-
-  auto& t = reporter.times;
-  auto ratio = [&](const char* label, const std::string& a, const std::string& b, double scale = 1.0) {
-    if (t.count(a) && t.count(b) && t[b] > 0) std::printf("%-52s %.2f\n", label, t[a] / t[b] * scale);
-  };
-  std::printf("\nRatios (same run):\n");
-  ratio("validate 100k cues / copy 100k cues", "BM_Validate/100000", "BM_CopyDocument/100000");
-  ratio("validate 100k cues / encode 100k cues", "BM_Validate/100000", "BM_EncodeDocument/100000");
-  ratio("time per cue at 100k / time per cue at 1k", "BM_Validate/100000", "BM_Validate/1000", 1000.0 / 100'000.0);
-  ratio("1k cues of 2,000 chars / 1k short cues", "BM_ValidateLongCueTexts", "BM_Validate/1000");
-  return 0;
+  using vumo::bench::Ratio;
+  return vumo::bench::runAndCompare(
+      argc, argv,
+      {
+          {"validate 100k cues / copy 100k cues", "BM_Validate/100000", "BM_CopyDocument/100000"},
+          {"validate 100k cues / encode 100k cues", "BM_Validate/100000", "BM_EncodeDocument/100000"},
+          {"time per cue at 100k / time per cue at 1k",
+           "BM_Validate/100000",
+           "BM_Validate/1000",
+           {},
+           1000.0 / 100'000.0},
+          {"1k cues of 2,000 chars / 1k short cues", "BM_ValidateLongCueTexts", "BM_Validate/1000"},
+          {"highlight after 100k near-misses / highlight at the start", "BM_HighlightAfterNearMisses",
+           "BM_HighlightAtOnce"},
+      });
 }

@@ -1,10 +1,9 @@
 // Loading a long recording: a project with 200,000 pointer events in 400 chunk files (about 60 MB
 // of JSON). The snapshot loader is measured against a bare simdjson parse of the same files in the
 // same run, and its peak memory growth against the size of the decoded events.
-//
-// Targets: loadSnapshot at most 1.5x the bare parse; peak resident memory growth under 4x the
-// in-memory size of the events.
 
+#include <benchmark/benchmark.h>
+#include <simdjson.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,11 +14,9 @@
 #include <random>
 #include <string>
 
-#include <benchmark/benchmark.h>
-#include <simdjson.h>
-
 #include "project/chunk_store.h"
 #include "project/project_store.h"
+#include "recording_reporter.h"
 #include "shared/files.h"
 
 namespace {
@@ -108,20 +105,8 @@ void BM_LoadSnapshot(benchmark::State& state) {
   state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * fixture().chunkBytes));
 }
 
-BENCHMARK(BM_BareSimdjsonParse)->Unit(benchmark::kMillisecond)->MinTime(2)->Repetitions(5);
-BENCHMARK(BM_LoadSnapshot)->Unit(benchmark::kMillisecond)->MinTime(2)->Repetitions(5);
-
-// Keeps the median real and CPU time of each benchmark while printing as usual.
-class MedianCollector : public benchmark::ConsoleReporter {
- public:
-  std::map<std::string, std::pair<double, double>> medians;
-  void ReportRuns(const std::vector<Run>& runs) override {
-    for (const Run& run : runs)
-      if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "median")
-        medians[run.run_name.function_name] = {run.GetAdjustedRealTime(), run.GetAdjustedCPUTime()};
-    ConsoleReporter::ReportRuns(runs);
-  }
-};
+BENCHMARK(BM_BareSimdjsonParse)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_LoadSnapshot)->Unit(benchmark::kMillisecond);
 
 std::int64_t statusKilobytes(const char* field) {
   std::ifstream status("/proc/self/status");
@@ -162,29 +147,35 @@ void measurePeakMemory() {
   ::waitpid(pid, nullptr, 0);
   if (!ok) return;
   double growthBytes = static_cast<double>(values[1] - values[0]) * 1024;
-  std::printf("peak resident growth during loadSnapshot: %.1f MB; decoded events: %.1f MB (%zu bytes each); "
-              "ratio %.2f (target < 4)\n",
-              growthBytes / 1e6, static_cast<double>(values[2]) / 1e6, sizeof(MouseEvent),
-              growthBytes / static_cast<double>(values[2]));
+  std::printf(
+      "peak resident growth during loadSnapshot: %.1f MB; decoded events: %.1f MB (%zu bytes each); "
+      "ratio %.2f\n",
+      growthBytes / 1e6, static_cast<double>(values[2]) / 1e6, sizeof(MouseEvent),
+      growthBytes / static_cast<double>(values[2]));
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  Fixture& f = fixture();
-  std::printf("fixture: %d events in %zu chunk files, %.1f MB of JSON\n", eventCount, f.chunkFiles,
-              static_cast<double>(f.chunkBytes) / 1e6);
-  measurePeakMemory();
-  MedianCollector reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  auto bare = reporter.medians.find("BM_BareSimdjsonParse");
-  auto load = reporter.medians.find("BM_LoadSnapshot");
-  if (bare != reporter.medians.end() && load != reporter.medians.end())
-    std::printf("loadSnapshot / bare simdjson parse, medians: real time %.2f, CPU time %.2f (target <= 1.5)\n",
-                load->second.first / bare->second.first, load->second.second / bare->second.second);
-  benchmark::Shutdown();
+  using vumo::bench::Clock;
+  int status = vumo::bench::runAndCompare(
+      argc, argv,
+      {
+          {"loadSnapshot / bare simdjson parse (wall)",
+           "BM_LoadSnapshot",
+           "BM_BareSimdjsonParse",
+           {},
+           1.0,
+           Clock::wall},
+          {"loadSnapshot / bare simdjson parse (processor)", "BM_LoadSnapshot", "BM_BareSimdjsonParse"},
+      },
+      [] {
+        Fixture& f = fixture();
+        std::printf("fixture: %d events in %zu chunk files, %.1f MB of JSON\n", eventCount, f.chunkFiles,
+                    static_cast<double>(f.chunkBytes) / 1e6);
+        measurePeakMemory();
+      });
   std::error_code ignored;
-  fs::remove_all(f.root, ignored);
-  return 0;
+  fs::remove_all(fixture().root, ignored);
+  return status;
 }

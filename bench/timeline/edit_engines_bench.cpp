@@ -4,12 +4,11 @@
 
 #include <benchmark/benchmark.h>
 
-#include "recording_reporter.h"
-
 #include <cstdio>
 #include <map>
 #include <string>
 
+#include "recording_reporter.h"
 #include "timeline/edit_timeline.h"
 #include "timeline/timeline_edit_engine.h"
 #include "timeline/timeline_speed_engine.h"
@@ -29,8 +28,8 @@ EditTimeline makeTimeline(int clipCount) {
     std::int64_t start = i * 3 * second / 2;
     timeline.segments.push_back({Uuid::random(), {{start}, {second}}, {i % 3 == 0 ? 1500 : 1000}});
     if (i % 10 == 0)
-      timeline.zooms.push_back({Uuid::random(), {start}, {start + second / 4}, {start + second / 2}, {start + second},
-                                {0.5, 0.5}, 1.0});
+      timeline.zooms.push_back(
+          {Uuid::random(), {start}, {start + second / 4}, {start + second / 2}, {start + second}, {0.5, 0.5}, 1.0});
     if (i % 20 == 0) {
       AnnotationElement annotation;
       annotation.id = Uuid::random();
@@ -90,22 +89,13 @@ BENCHMARK(BM_SpeedChange)->Arg(1'000)->Unit(benchmark::kMicrosecond);
 
 }  // namespace
 
-using vumo::bench::RecordingReporter;
-
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  RecordingReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  benchmark::Shutdown();
-
-  auto& t = reporter.times;
-  auto ratio = [&](const char* label, const std::string& a, const std::string& b) {
-    if (t.count(a) && t.count(b) && t[b] > 0) std::printf("%-48s %.2f\n", label, t[a] / t[b]);
-  };
-  std::printf("\nRatios (same run, 1,000 clips):\n");
-  ratio("cut / copy of the timeline", "BM_Cut/1000", "BM_CopyTimeline/1000");
-  ratio("speed change / copy of the timeline", "BM_SpeedChange/1000", "BM_CopyTimeline/1000");
-  ratio("cut / one validation", "BM_Cut/1000", "BM_Validate/1000");
-  ratio("speed change / one validation", "BM_SpeedChange/1000", "BM_Validate/1000");
-  return 0;
+  return vumo::bench::runAndCompare(
+      argc, argv,
+      {
+          {"cut / copy of the timeline (1,000 clips)", "BM_Cut/1000", "BM_CopyTimeline/1000"},
+          {"speed change / copy of the timeline", "BM_SpeedChange/1000", "BM_CopyTimeline/1000"},
+          {"cut / one validation", "BM_Cut/1000", "BM_Validate/1000"},
+          {"speed change / one validation", "BM_SpeedChange/1000", "BM_Validate/1000"},
+      });
 }

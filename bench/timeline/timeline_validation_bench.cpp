@@ -1,10 +1,8 @@
-// Validation runs on every edit and every load. A timeline of 1,000 clips, 300 zooms and 500
-// annotations must validate in well under a millisecond (target < 1 ms); the cost is shown next
-// to decoding the same document, measured in the same run.
+// Validation runs on every edit and every load, so on a timeline of 1,000 clips, 300 zooms and 500
+// annotations it must stay a small part of what a load pays anyway: decoding the same document,
+// measured in the same run.
 
 #include <benchmark/benchmark.h>
-
-#include "recording_reporter.h"
 
 #include <cstdio>
 #include <map>
@@ -12,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "recording_reporter.h"
 #include "timeline/edit_timeline.h"
 #include "timeline/timeline_effect_engine.h"
 #include "timeline/timeline_validator.h"
@@ -33,8 +32,9 @@ struct Fixture {
     std::int64_t cursor = 0;
     for (int i = 0; i < 1000; ++i) {
       std::int64_t length = integer(500'000'000, 3'000'000'000);
-      timeline.segments.push_back(
-          {Uuid::random(), {ProjectTime{cursor}, ProjectTime{length}}, {static_cast<std::int32_t>(500 + 10 * integer(0, 350))}});
+      timeline.segments.push_back({Uuid::random(),
+                                   {ProjectTime{cursor}, ProjectTime{length}},
+                                   {static_cast<std::int32_t>(500 + 10 * integer(0, 350))}});
       cursor += length + integer(0, 500'000'000);
     }
     sourceDuration = ProjectTime{cursor};
@@ -43,7 +43,8 @@ struct Fixture {
       std::int64_t start = zoomSlot * i + integer(0, zoomSlot / 4);
       std::int64_t end = start + integer(zoomSlot / 4, zoomSlot / 2);
       double scale = 1.0 + static_cast<double>(integer(0, 200)) / 100.0;
-      PointValue focus = TimelineEffectEngine::constrainedFocus({static_cast<double>(integer(0, 100)) / 100.0, 0.3}, scale);
+      PointValue focus =
+          TimelineEffectEngine::constrainedFocus({static_cast<double>(integer(0, 100)) / 100.0, 0.3}, scale);
       timeline.zooms.push_back({Uuid::random(), ProjectTime{start}, ProjectTime{start + (end - start) / 4},
                                 ProjectTime{end - (end - start) / 4}, ProjectTime{end}, focus, scale});
     }
@@ -57,10 +58,21 @@ struct Fixture {
       a.zIndex = i;
       a.trackIndex = i % 8;
       switch (i % 3) {
-        case 0: a.kind = AnnotationKind::arrow; a.startPoint = PointValue{0.1, 0.1}; a.endPoint = PointValue{0.6, 0.4}; break;
-        case 1: a.kind = AnnotationKind::text; a.bounds = RectValue{0.1, 0.7, 0.5, 0.1};
-                a.textStyle = TextAnnotationStyle{"第 " + std::to_string(i) + " 步：打开设置", 36, true, TextAnnotationOutlineColor::black}; break;
-        default: a.kind = AnnotationKind::rectangle; a.bounds = RectValue{0.2, 0.2, 0.3, 0.3}; break;
+        case 0:
+          a.kind = AnnotationKind::arrow;
+          a.startPoint = PointValue{0.1, 0.1};
+          a.endPoint = PointValue{0.6, 0.4};
+          break;
+        case 1:
+          a.kind = AnnotationKind::text;
+          a.bounds = RectValue{0.1, 0.7, 0.5, 0.1};
+          a.textStyle = TextAnnotationStyle{"第 " + std::to_string(i) + " 步：打开设置", 36, true,
+                                            TextAnnotationOutlineColor::black};
+          break;
+        default:
+          a.kind = AnnotationKind::rectangle;
+          a.bounds = RectValue{0.2, 0.2, 0.3, 0.3};
+          break;
       }
       timeline.annotations.push_back(a);
     }
@@ -92,19 +104,8 @@ BENCHMARK(BM_DecodeDocument)->Unit(benchmark::kMicrosecond);
 
 }  // namespace
 
-using vumo::bench::RecordingReporter;
-
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  RecordingReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  const double validate = reporter.cpuSeconds["BM_Validate"];
-  const double decode = reporter.cpuSeconds["BM_DecodeDocument"];
-  if (validate > 0 && decode > 0) {
-    std::printf("\nvalidate, 1000 clips + 300 zooms + 500 annotations: %.1f us (target < 1000 us)\n", validate * 1e6);
-    std::printf("decode of the same document (%zu bytes): %.1f us\n", fixture().document.size(), decode * 1e6);
-    std::printf("validate / decode: %.3fx\n", validate / decode);
-  }
-  benchmark::Shutdown();
-  return 0;
+  return vumo::bench::runAndCompare(argc, argv,
+                                    {{"validate / decode the same document (1,000 clips, 300 zooms, 500 annotations)",
+                                      "BM_Validate", "BM_DecodeDocument"}});
 }

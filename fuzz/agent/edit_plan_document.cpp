@@ -36,7 +36,8 @@ const vumo::EditTimeline& sampleTimeline() {
     vumo::EditTimeline t = vumo::EditTimeline::empty();
     auto clip = [](std::int64_t start, std::int64_t end, std::int32_t permille) {
       return vumo::TimelineSegment{vumo::Uuid::random(),
-                                   vumo::ProjectTimeRange::fromStartEnd(ProjectTime::fromMilliseconds(start), ProjectTime::fromMilliseconds(end)),
+                                   vumo::ProjectTimeRange::fromStartEnd(ProjectTime::fromMilliseconds(start),
+                                                                        ProjectTime::fromMilliseconds(end)),
                                    vumo::TimelinePlaybackRate{permille}};
     };
     t.segments = {clip(0, 50'000, 1000), clip(52'000, 100'000, 1000), clip(100'000, 120'000, 1500)};

@@ -5,7 +5,10 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
+#include <filesystem>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "cli/cli_argument_parser.h"
@@ -13,19 +16,54 @@
 
 namespace {
 // Words from the grammar make the fuzzer reach deep into each command quickly.
-const char* const vocabulary[] = {"cut",        "speed-set", "zoom-add",   "zoom-rm",   "zoom-regen", "set",
-                                  "restore",    "frame",     "idle",       "help",      "describe",   "list",
-                                  "--range",    "--rate",    "--source",   "--apply",   "--expect",   "--level",
-                                  "--at",       "--index",   "--all",      "--ms",      "--out",      "--width",
-                                  "--replace",  "--track",   "--job",      "1,2",       "0,604800000", "2.0",
-                                  "-42",        "a=b",       "edit-plan-preview", "captions-import", "--min-ms",
+const char* const vocabulary[] = {"cut",
+                                  "speed-set",
+                                  "zoom-add",
+                                  "zoom-rm",
+                                  "zoom-regen",
+                                  "set",
+                                  "restore",
+                                  "frame",
+                                  "idle",
+                                  "help",
+                                  "describe",
+                                  "list",
+                                  "--range",
+                                  "--rate",
+                                  "--source",
+                                  "--apply",
+                                  "--expect",
+                                  "--level",
+                                  "--at",
+                                  "--index",
+                                  "--all",
+                                  "--ms",
+                                  "--out",
+                                  "--width",
+                                  "--replace",
+                                  "--track",
+                                  "--job",
+                                  "1,2",
+                                  "0,604800000",
+                                  "2.0",
+                                  "-42",
+                                  "a=b",
+                                  "edit-plan-preview",
+                                  "captions-import",
+                                  "--min-ms",
                                   "0F8FAD5B-D9CB-469F-A165-70867728950E"};
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  // Bare `--out` names create the application support folder; keep that in a scratch place.
-  char pattern[] = "/tmp/vumo-fuzz-XXXXXX";
-  if (::mkdtemp(pattern) != nullptr) ::setenv("XDG_DATA_HOME", pattern, 1);
+  // Bare `--out` names create the application support folder; keep that in a scratch place,
+  // removed when the run ends.
+  static char pattern[] = "/tmp/vumo-fuzz-XXXXXX";
+  if (::mkdtemp(pattern) == nullptr) return 0;
+  ::setenv("XDG_DATA_HOME", pattern, 1);
+  std::atexit([] {
+    std::error_code ignored;
+    std::filesystem::remove_all(pattern, ignored);
+  });
   return 0;
 }
 

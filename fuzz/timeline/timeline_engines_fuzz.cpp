@@ -39,7 +39,8 @@ class Input {
       case 1: return {static_cast<std::int64_t>(byte()) * 16'666'666};
       default: {
         std::uint64_t r = static_cast<std::uint64_t>(int64());
-        return {static_cast<std::int64_t>(r % static_cast<std::uint64_t>(source.nanoseconds + 2'000'000'000)) - 1'000'000'000};
+        return {static_cast<std::int64_t>(r % static_cast<std::uint64_t>(source.nanoseconds + 2'000'000'000)) -
+                1'000'000'000};
       }
     }
   }
@@ -70,8 +71,8 @@ Uuid idOf(const TimelineSegment* segment) { return segment ? segment->id : Uuid:
 Uuid idOf(const ZoomSegment* zoom) { return zoom ? zoom->id : Uuid::random(); }
 Uuid idOf(const WebcamFullscreenSegment* segment) { return segment ? segment->id : Uuid::random(); }
 
-const char* const settingKeys[] = {"canvas.aspect", "canvas.padding", "cursor.show", "webcam.x", "webcam.diameter",
-                                   "webcam.shape", "audio.system.gain-db", "bogus"};
+const char* const settingKeys[] = {"canvas.aspect",   "canvas.padding", "cursor.show",          "webcam.x",
+                                   "webcam.diameter", "webcam.shape",   "audio.system.gain-db", "bogus"};
 const char* const settingValues[] = {"9:16", "0.1", "on", "1", "0.4", "circle", "-100", "abc", "", "nan", "1e308"};
 
 }  // namespace
@@ -87,8 +88,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       EditTimeline next;
       switch (in.byte() % 16) {
         case 0: next = TimelineEditEngine::split(timeline, in.time(source), source); break;
-        case 1: next = TimelineEditEngine::trimStart(timeline, idOf(in.pick(timeline.segments)), in.time(source), source); break;
-        case 2: next = TimelineEditEngine::trimEnd(timeline, idOf(in.pick(timeline.segments)), in.time(source), source); break;
+        case 1:
+          next = TimelineEditEngine::trimStart(timeline, idOf(in.pick(timeline.segments)), in.time(source), source);
+          break;
+        case 2:
+          next = TimelineEditEngine::trimEnd(timeline, idOf(in.pick(timeline.segments)), in.time(source), source);
+          break;
         case 3: next = TimelineEditEngine::rippleDelete(timeline, idOf(in.pick(timeline.segments)), source); break;
         case 4: {
           std::vector<ProjectTimeRange> ranges;
@@ -123,31 +128,47 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
           next = TimelineEffectEngine::replaceZooms(timeline, zooms, source);
           break;
         }
-        case 8: next = TimelineEffectEngine::updateZoomStart(timeline, idOf(in.pick(timeline.zooms)), in.time(source), source); break;
-        case 9: next = TimelineEffectEngine::updateZoomEnd(timeline, idOf(in.pick(timeline.zooms)), in.time(source), source); break;
-        case 10: next = TimelineEffectEngine::updateZoomScale(timeline, idOf(in.pick(timeline.zooms)), in.number() * 4, source); break;
-        case 11:
-          next = TimelineEffectEngine::updateZoomFocus(timeline, idOf(in.pick(timeline.zooms)), {in.number(), in.number()}, source);
+        case 8:
+          next =
+              TimelineEffectEngine::updateZoomStart(timeline, idOf(in.pick(timeline.zooms)), in.time(source), source);
           break;
-        case 12: next = TimelineEffectEngine::addWebcamFullscreen(timeline, {in.time(source), in.time(source)}, source); break;
+        case 9:
+          next = TimelineEffectEngine::updateZoomEnd(timeline, idOf(in.pick(timeline.zooms)), in.time(source), source);
+          break;
+        case 10:
+          next =
+              TimelineEffectEngine::updateZoomScale(timeline, idOf(in.pick(timeline.zooms)), in.number() * 4, source);
+          break;
+        case 11:
+          next = TimelineEffectEngine::updateZoomFocus(timeline, idOf(in.pick(timeline.zooms)),
+                                                       {in.number(), in.number()}, source);
+          break;
+        case 12:
+          next = TimelineEffectEngine::addWebcamFullscreen(timeline, {in.time(source), in.time(source)}, source);
+          break;
         case 13: {
           const auto* segment = in.pick(timeline.webcamFullscreenSegments);
-          next = in.byte() % 2 ? TimelineEffectEngine::updateWebcamFullscreenStart(timeline, idOf(segment), in.time(source), source)
-                               : TimelineEffectEngine::updateWebcamFullscreenEnd(timeline, idOf(segment), in.time(source), source);
+          next =
+              in.byte() % 2
+                  ? TimelineEffectEngine::updateWebcamFullscreenStart(timeline, idOf(segment), in.time(source), source)
+                  : TimelineEffectEngine::updateWebcamFullscreenEnd(timeline, idOf(segment), in.time(source), source);
           break;
         }
         case 14: {
           EditTimeline keyed = timeline;
-          if (in.byte() % 2) keyed.webcamKeyframes.push_back({Uuid::random(), in.time(source), {in.number(), in.number()}, 0.2});
-          next = in.byte() % 2
-                     ? TimelineEffectEngine::moveWebcamGlobally(keyed, in.time(source), {in.number(), in.number()}, in.number() * 3, source)
-                     : TimelineEffectEngine::resizeWebcamGlobally(keyed, in.time(source), in.number(), in.number() * 3, source);
+          if (in.byte() % 2)
+            keyed.webcamKeyframes.push_back({Uuid::random(), in.time(source), {in.number(), in.number()}, 0.2});
+          next = in.byte() % 2 ? TimelineEffectEngine::moveWebcamGlobally(
+                                     keyed, in.time(source), {in.number(), in.number()}, in.number() * 3, source)
+                               : TimelineEffectEngine::resizeWebcamGlobally(keyed, in.time(source), in.number(),
+                                                                            in.number() * 3, source);
           break;
         }
         case 15: {
           std::map<std::string, std::string> values;
           for (int i = in.byte() % 3; i >= 0; --i)
-            values[settingKeys[in.byte() % std::size(settingKeys)]] = settingValues[in.byte() % std::size(settingValues)];
+            values[settingKeys[in.byte() % std::size(settingKeys)]] =
+                settingValues[in.byte() % std::size(settingValues)];
           next = TimelineSettingsEngine::applying(values, timeline, true, {in.byte(), in.byte()});
           break;
         }

@@ -1,17 +1,15 @@
 #include "timeline/device_frame_catalog.h"
 
 #include <fmt/format.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
-#include <cstdlib>
 #include <set>
 #include <system_error>
 
 #include "shared/document_limits.h"
 #include "shared/files.h"
-#include "timeline/device_frame_catalog_data.h"
+#include "shared/resources.h"
 
 namespace vumo {
 
@@ -57,7 +55,8 @@ void check(const DeviceFrameCatalog& catalog) {
         device.screenCornerRadius * 2 > std::min(screen.width, screen.height))
       invalid("device " + device.id + " has an impossible corner radius");
     if (device.variants.empty()) invalid("device " + device.id + " has no variants");
-    auto defaults = std::count_if(device.variants.begin(), device.variants.end(), [](const auto& v) { return v.isDefault; });
+    auto defaults =
+        std::count_if(device.variants.begin(), device.variants.end(), [](const auto& v) { return v.isDefault; });
     if (defaults != 1) invalid("device " + device.id + " needs exactly one default variant");
     for (const auto& variant : device.variants) {
       claim(variant.id);
@@ -196,10 +195,10 @@ const DeviceFrameCatalog& DeviceFrameCatalog::bundled() {
   };
   static const Loaded loaded = [] {
     Loaded result;
-    std::string_view text = resources::deviceFrameCatalogJson();
     try {
-      if (text.empty()) throw DeviceFrameCatalogError::missingCatalog();
-      result.catalog = decode(text);
+      auto folder = ResourceLocator::directory();
+      if (!folder) throw DeviceFrameCatalogError::missingCatalog();
+      result.catalog = load(*folder);
     } catch (const DeviceFrameCatalogError& error) {
       result.error = error;
     }
@@ -222,25 +221,6 @@ DeviceFrameCatalog DeviceFrameCatalog::load(const std::filesystem::path& resourc
   DeviceFrameCatalog catalog = decode(text);
   catalog.validate(resourceDirectory);
   return catalog;
-}
-
-std::optional<std::filesystem::path> DeviceFrameCatalog::locateResourceDirectory() {
-  std::vector<std::filesystem::path> candidates;
-  if (const char* configured = std::getenv("VUMO_RESOURCE_DIR"); configured != nullptr && *configured != '\0')
-    candidates.emplace_back(configured);
-  std::error_code ec;
-  auto executable = std::filesystem::read_symlink("/proc/self/exe", ec);
-  if (!ec) {
-    auto folder = executable.parent_path();
-    candidates.push_back(folder / "resources");
-    candidates.push_back(folder.parent_path() / "share" / "vumo" / "resources");
-  }
-#ifdef VUMO_SOURCE_RESOURCE_DIR
-  candidates.emplace_back(VUMO_SOURCE_RESOURCE_DIR);
-#endif
-  for (const auto& candidate : candidates)
-    if (std::filesystem::is_regular_file(candidate / catalogRelativePath, ec)) return candidate;
-  return std::nullopt;
 }
 
 void DeviceFrameCatalog::validate(const std::filesystem::path& resourceDirectory) const {

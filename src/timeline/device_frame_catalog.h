@@ -1,9 +1,8 @@
 #pragma once
 
 // The catalogue of device frames: bitmaps of phones and computers that the recording can be shown
-// inside. The catalogue's JSON is built into the program, so a timeline naming a frame validates
-// wherever the program runs; the images themselves live in the resources folder
-// (`device-frames/…`) and are loaded by the renderer.
+// inside. The catalogue and its images live in the program's resources folder (`device-frames/…`,
+// see shared/resources.h); the renderer loads the images.
 
 #include <cstdint>
 #include <filesystem>
@@ -46,9 +45,9 @@ void from_json(const Json& j, DeviceFrameVariant& variant);
 struct DeviceFrameDescriptor {
   std::string id;
   std::string name;
-  std::int64_t priority = 0;  // lower comes first in pickers
-  PixelSize outerPixelSize;   // size of every variant's bitmap
-  RectValue screenRect;       // the transparent screen area within the bitmap, in pixels
+  std::int64_t priority = 0;      // lower comes first in pickers
+  PixelSize outerPixelSize;       // size of every variant's bitmap
+  RectValue screenRect;           // the transparent screen area within the bitmap, in pixels
   double screenCornerRadius = 0;  // pixels of the bitmap
   std::vector<DeviceFrameVariant> variants;
   std::optional<std::vector<std::string>> legacyAssetIDs;  // older ids that still resolve here
@@ -95,17 +94,14 @@ struct DeviceFrameCatalog {
   std::int64_t schemaVersion = currentSchemaVersion;
   std::vector<DeviceFrameDescriptor> devices;
 
-  // The catalogue built into the program, parsed and checked once. Throws `invalidCatalog` (or
-  // `missingCatalog` if the build embedded nothing).
+  // The catalogue of the program's resources folder, loaded and checked once: `missingCatalog`
+  // when the program has no resources folder, else as `load`.
   static const DeviceFrameCatalog& bundled();
   // Parses and checks a catalogue document; anything wrong is `invalidCatalog`.
   static DeviceFrameCatalog decode(std::string_view jsonText);
   // Reads `device-frames/catalog.json` from a resources folder: `missingCatalog` if there is
   // none, `invalidCatalog` if it does not decode; then `validate`.
   static DeviceFrameCatalog load(const std::filesystem::path& resourceDirectory);
-  // The resources folder: $VUMO_RESOURCE_DIR, else `resources` beside the executable or in
-  // ../share/vumo, else the source tree's folder. None if no candidate holds the catalogue.
-  static std::optional<std::filesystem::path> locateResourceDirectory();
 
   // Every variant's image must exist in the resources folder, else `missingAsset(file)`.
   void validate(const std::filesystem::path& resourceDirectory) const;

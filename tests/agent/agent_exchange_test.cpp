@@ -18,17 +18,6 @@ using Case = EditPlanValidationError::Case;
 using vumo::testing::ScopedDataHome;
 using vumo::testing::TemporaryDirectory;
 
-template <class F>
-Case caseOf(F&& body) {
-  try {
-    body();
-  } catch (const EditPlanValidationError& error) {
-    return error.kind();
-  }
-  ADD_FAILURE() << "no EditPlanValidationError";
-  return Case::invalidDocument;
-}
-
 void writeBytes(const fs::path& path, std::size_t count, char fill = ' ') {
   std::ofstream out(path, std::ios::binary);
   out << std::string(count, fill);
@@ -48,7 +37,8 @@ TEST_F(AgentExchangeFolder, CreatesRootAndJobFolderOnceAndRefusesToReuseIt) {
   fs::path folder = createEditPlanDirectory(jobID);
   EXPECT_EQ(folder, exchangeRootDirectory() / jobID.string());
   EXPECT_TRUE(fs::is_directory(folder));
-  EXPECT_EQ(caseOf([&] { createEditPlanDirectory(jobID); }), Case::invalidDocument);
+  EXPECT_EQ(testing::thrownCase<EditPlanValidationError>([&] { createEditPlanDirectory(jobID); }),
+            Case::invalidDocument);
   // A second job goes beside the first.
   EXPECT_TRUE(fs::is_directory(createEditPlanDirectory(Uuid::random())));
 }
@@ -60,8 +50,10 @@ TEST_F(AgentExchangeFolder, SymbolicLinkAsRootIsRefusedForCreatingAndReading) {
   fs::rename(exchangeRootDirectory(), elsewhere.path() / "real");
   fs::create_directory_symlink(elsewhere.path() / "real", exchangeRootDirectory());
 
-  EXPECT_EQ(caseOf([&] { createEditPlanDirectory(Uuid::random()); }), Case::invalidDocument);
-  EXPECT_EQ(caseOf([&] { readEditPlanJobData(folder / "job.json"); }), Case::invalidDocument);
+  EXPECT_EQ(testing::thrownCase<EditPlanValidationError>([&] { createEditPlanDirectory(Uuid::random()); }),
+            Case::invalidDocument);
+  EXPECT_EQ(testing::thrownCase<EditPlanValidationError>([&] { readEditPlanJobData(folder / "job.json"); }),
+            Case::invalidDocument);
 }
 
 TEST_F(AgentExchangeFolder, SymbolicLinkAsJobFolderIsRefused) {
@@ -70,9 +62,11 @@ TEST_F(AgentExchangeFolder, SymbolicLinkAsJobFolderIsRefused) {
   createEditPlanDirectory(Uuid::random());  // makes the root
   fs::path folder = exchangeRootDirectory() / jobID.string();
   fs::create_directory_symlink(elsewhere.path(), folder);
-  EXPECT_EQ(caseOf([&] { readEditPlanData(folder / "edit-plan.json"); }), Case::invalidDocument);
+  EXPECT_EQ(testing::thrownCase<EditPlanValidationError>([&] { readEditPlanData(folder / "edit-plan.json"); }),
+            Case::invalidDocument);
   // Nor may a job be created through it.
-  EXPECT_EQ(caseOf([&] { createEditPlanDirectory(jobID); }), Case::invalidDocument);
+  EXPECT_EQ(testing::thrownCase<EditPlanValidationError>([&] { createEditPlanDirectory(jobID); }),
+            Case::invalidDocument);
 }
 
 TEST_F(AgentExchangeFolder, OnlyRegularFilesWithOneLinkAreRead) {
@@ -82,21 +76,25 @@ TEST_F(AgentExchangeFolder, OnlyRegularFilesWithOneLinkAreRead) {
   writeBytes(secret, 10, 'x');
 
   fs::create_symlink(secret, folder / "edit-plan.json");
-  EXPECT_EQ(caseOf([&] { readEditPlanData(folder / "edit-plan.json"); }), Case::invalidDocument);
+  EXPECT_EQ(testing::thrownCase<EditPlanValidationError>([&] { readEditPlanData(folder / "edit-plan.json"); }),
+            Case::invalidDocument);
 
   fs::path inside = folder / "inside.json";
   writeBytes(inside, 10);
   fs::create_hard_link(inside, folder / "twice.json");
-  EXPECT_EQ(caseOf([&] { readEditPlanData(inside); }), Case::invalidDocument);
+  EXPECT_EQ(testing::thrownCase<EditPlanValidationError>([&] { readEditPlanData(inside); }), Case::invalidDocument);
 
   fs::create_directory(folder / "folder.json");
-  EXPECT_EQ(caseOf([&] { readEditPlanData(folder / "folder.json"); }), Case::invalidDocument);
+  EXPECT_EQ(testing::thrownCase<EditPlanValidationError>([&] { readEditPlanData(folder / "folder.json"); }),
+            Case::invalidDocument);
 
   // A FIFO must neither be read nor make the reader wait for a writer.
   ASSERT_EQ(::mkfifo((folder / "pipe.json").c_str(), 0600), 0);
-  EXPECT_EQ(caseOf([&] { readEditPlanData(folder / "pipe.json"); }), Case::invalidDocument);
+  EXPECT_EQ(testing::thrownCase<EditPlanValidationError>([&] { readEditPlanData(folder / "pipe.json"); }),
+            Case::invalidDocument);
 
-  EXPECT_EQ(caseOf([&] { readEditPlanData(folder / "missing.json"); }), Case::invalidDocument);
+  EXPECT_EQ(testing::thrownCase<EditPlanValidationError>([&] { readEditPlanData(folder / "missing.json"); }),
+            Case::invalidDocument);
 }
 
 TEST_F(AgentExchangeFolder, FileMustLieInAFolderDirectlyUnderTheRoot) {
@@ -108,21 +106,32 @@ TEST_F(AgentExchangeFolder, FileMustLieInAFolderDirectlyUnderTheRoot) {
 
   fs::create_directory(folder / "nested");
   writeBytes(folder / "nested" / "edit-plan.json", 10);
-  EXPECT_EQ(caseOf([&] { readEditPlanData(folder / "nested" / "edit-plan.json"); }), Case::invalidDocument);
+  EXPECT_EQ(
+      testing::thrownCase<EditPlanValidationError>([&] { readEditPlanData(folder / "nested" / "edit-plan.json"); }),
+      Case::invalidDocument);
 
   writeBytes(exchangeRootDirectory() / "edit-plan.json", 10);
-  EXPECT_EQ(caseOf([&] { readEditPlanData(exchangeRootDirectory() / "edit-plan.json"); }), Case::invalidDocument);
+  EXPECT_EQ(testing::thrownCase<EditPlanValidationError>(
+                [&] { readEditPlanData(exchangeRootDirectory() / "edit-plan.json"); }),
+            Case::invalidDocument);
 
   TemporaryDirectory elsewhere;
   fs::create_directory(elsewhere.path() / "job");
   writeBytes(elsewhere.path() / "job" / "edit-plan.json", 10);
-  EXPECT_EQ(caseOf([&] { readEditPlanData(elsewhere.path() / "job" / "edit-plan.json"); }), Case::invalidDocument);
-  EXPECT_EQ(caseOf([&] { readEditPlanData(folder / ".." / ".." / "x" / "edit-plan.json"); }), Case::invalidDocument);
-  EXPECT_EQ(caseOf([&] { readEditPlanData(folder / "."); }), Case::invalidDocument);
+  EXPECT_EQ(testing::thrownCase<EditPlanValidationError>(
+                [&] { readEditPlanData(elsewhere.path() / "job" / "edit-plan.json"); }),
+            Case::invalidDocument);
+  EXPECT_EQ(testing::thrownCase<EditPlanValidationError>(
+                [&] { readEditPlanData(folder / ".." / ".." / "x" / "edit-plan.json"); }),
+            Case::invalidDocument);
+  EXPECT_EQ(testing::thrownCase<EditPlanValidationError>([&] { readEditPlanData(folder / "."); }),
+            Case::invalidDocument);
 }
 
 TEST_F(AgentExchangeFolder, NothingIsReadBeforeTheRootExists) {
-  EXPECT_EQ(caseOf([&] { readEditPlanData(exchangeRootDirectory() / jobID.string() / "edit-plan.json"); }), Case::invalidDocument);
+  EXPECT_EQ(testing::thrownCase<EditPlanValidationError>(
+                [&] { readEditPlanData(exchangeRootDirectory() / jobID.string() / "edit-plan.json"); }),
+            Case::invalidDocument);
 }
 
 TEST_F(AgentExchangeFolder, SizeLimitsAreInclusiveAndSayWhichDocumentIsTooLarge) {
@@ -130,13 +139,16 @@ TEST_F(AgentExchangeFolder, SizeLimitsAreInclusiveAndSayWhichDocumentIsTooLarge)
   writeBytes(folder / "edit-plan.json", 1'048'576);
   EXPECT_EQ(readEditPlanData(folder / "edit-plan.json").size(), 1'048'576u);
   writeBytes(folder / "edit-plan.json", 1'048'577);
-  EXPECT_EQ(caseOf([&] { readEditPlanData(folder / "edit-plan.json"); }), Case::documentTooLarge);
+  EXPECT_EQ(testing::thrownCase<EditPlanValidationError>([&] { readEditPlanData(folder / "edit-plan.json"); }),
+            Case::documentTooLarge);
 
   writeBytes(folder / "job.json", 65'536);
   EXPECT_EQ(readEditPlanJobData(folder / "job.json").size(), 65'536u);
   writeBytes(folder / "job.json", 65'537);
-  EXPECT_EQ(caseOf([&] { readEditPlanJobData(folder / "job.json"); }), Case::invalidDocument);
-  EXPECT_EQ(caseOf([&] { readExchangeData(folder / "job.json", exchangeJobMaximumBytes, Case::documentTooLarge); }),
+  EXPECT_EQ(testing::thrownCase<EditPlanValidationError>([&] { readEditPlanJobData(folder / "job.json"); }),
+            Case::invalidDocument);
+  EXPECT_EQ(testing::thrownCase<EditPlanValidationError>(
+                [&] { readExchangeData(folder / "job.json", exchangeJobMaximumBytes, Case::documentTooLarge); }),
             Case::documentTooLarge);
 }
 

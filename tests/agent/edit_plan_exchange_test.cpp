@@ -4,7 +4,8 @@
 
 #include <string>
 
-#include "plan_builders.h"
+#include "support/builders.h"
+#include "support/test_support.h"
 
 namespace vumo {
 namespace {
@@ -26,20 +27,11 @@ Json documentWith(std::int64_t schema, Json operations) {
               {"operations", std::move(operations)}};
 }
 
-Json rangeJson(std::int64_t start, std::int64_t end) { return Json{{"startMilliseconds", start}, {"endMilliseconds", end}}; }
+Json rangeJson(std::int64_t start, std::int64_t end) {
+  return Json{{"startMilliseconds", start}, {"endMilliseconds", end}};
+}
 
 EditPlanExchangeDocument decoded(const Json& document) { return decodeEditPlanDocument(encodeDocument(document)); }
-
-template <class F>
-Case caseOf(F&& body) {
-  try {
-    body();
-  } catch (const EditPlanValidationError& error) {
-    return error.kind();
-  }
-  ADD_FAILURE() << "no EditPlanValidationError";
-  return Case::invalidDocument;
-}
 
 // ---------------------------------------------------------------------------------------------
 // Decoding
@@ -70,10 +62,11 @@ TEST(EditPlanExchangeDocument, DecodesEveryFieldAndEncodesBackToTheSameJSON) {
 
 TEST(EditPlanExchangeDocument, EveryTopLevelKeyIsRequired) {
   Json complete = documentWith(3, Json::array({Json{{"type", "zoom-clear"}}}));
-  for (const char* key : {"protocolVersion", "jobID", "projectID", "timelineDigest", "captionsDigest", "timeDomain", "operations"}) {
+  for (const char* key :
+       {"protocolVersion", "jobID", "projectID", "timelineDigest", "captionsDigest", "timeDomain", "operations"}) {
     Json document = complete;
     document.erase(key);
-    EXPECT_EQ(caseOf([&] { decoded(document); }), Case::invalidDocument) << key;
+    EXPECT_EQ(testing::thrownCase<EditPlanValidationError>([&] { decoded(document); }), Case::invalidDocument) << key;
   }
 }
 
@@ -84,12 +77,16 @@ TEST(EditPlanExchangeDocument, MalformedDocumentsAreInvalidDocuments) {
       "[]",
       R"({"protocolVersion": "3"})",
       encodeDocument(documentWith(3, Json::array({Json{{"type", "trim"}}}))),
-      encodeDocument(documentWith(3, Json::array({Json{{"type", "cut"}, {"range", {{"startMilliseconds", 1.5}, {"endMilliseconds", 9}}}}}))),
+      encodeDocument(documentWith(
+          3, Json::array({Json{{"type", "cut"}, {"range", {{"startMilliseconds", 1.5}, {"endMilliseconds", 9}}}}}))),
       encodeDocument(documentWith(3, Json::array({Json{{"type", "settings"}, {"values", {{"cursor.scale", 2}}}}}))),
       encodeDocument(documentWith(3, Json::array({Json{{"type", "settings"}, {"values", Json::array({"a", "b"})}}}))),
       encodeDocument(documentWith(3, Json::object())),
   };
-  for (const std::string& text : texts) EXPECT_EQ(caseOf([&] { decodeEditPlanDocument(text); }), Case::invalidDocument) << text;
+  for (const std::string& text : texts)
+    EXPECT_EQ(testing::thrownCase<EditPlanValidationError>([&] { decodeEditPlanDocument(text); }),
+              Case::invalidDocument)
+        << text;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -106,7 +103,8 @@ TEST(EditPlanExchangeDocument, DomainPlanFillsListsInDocumentOrderInNanoseconds)
                                   }));
   TimelineEditPlan plan = decoded(document).domainPlan(kSource);
   EXPECT_EQ(plan.cuts, (std::vector<ProjectTimeRange>{rangeMs(9'000, 9'500), rangeMs(1'000, 1'017)}));
-  EXPECT_EQ(plan.speedChanges, (std::vector<TimelineSpeedChange>{{rangeMs(30'000, 40'000), TimelinePlaybackRate{2000}}}));
+  EXPECT_EQ(plan.speedChanges,
+            (std::vector<TimelineSpeedChange>{{rangeMs(30'000, 40'000), TimelinePlaybackRate{2000}}}));
   ASSERT_EQ(plan.zooms.size(), 1u);
   EXPECT_EQ(plan.zooms[0].scale, 9.0);  // the engine clamps, not the reader
   EXPECT_FALSE(plan.zooms[0].focus.has_value());
@@ -118,22 +116,22 @@ TEST(EditPlanExchangeDocument, DomainPlanFillsListsInDocumentOrderInNanoseconds)
 
 TEST(EditPlanExchangeDocument, UnknownSchemaOrTimeDomainIsAnInvalidDocument) {
   Json operations = Json::array({Json{{"type", "zoom-clear"}}});
-  for (std::int64_t schema : {0, 4, -1}) EXPECT_EQ(caseOf([&] { decoded(documentWith(schema, operations)).domainPlan(kSource); }), Case::invalidDocument);
+  for (std::int64_t schema : {0, 4, -1})
+    EXPECT_EQ(testing::thrownCase<EditPlanValidationError>(
+                  [&] { decoded(documentWith(schema, operations)).domainPlan(kSource); }),
+              Case::invalidDocument);
   Json document = documentWith(3, operations);
   document["timeDomain"] = "sequence milliseconds";
-  EXPECT_EQ(caseOf([&] { decoded(document).domainPlan(kSource); }), Case::invalidDocument);
+  EXPECT_EQ(testing::thrownCase<EditPlanValidationError>([&] { decoded(document).domainPlan(kSource); }),
+            Case::invalidDocument);
 }
 
 TEST(EditPlanExchangeDocument, OperationCountLimitsComeFromThePlanEngine) {
   EXPECT_THROW(decoded(documentWith(3, Json::array())).domainPlan(kSource), TimelinePlanError);
   Json many = Json::array();
   for (int i = 0; i < 501; ++i) many.push_back(Json{{"type", "cut"}, {"range", rangeJson(i * 100, i * 100 + 50)}});
-  try {
-    decoded(documentWith(3, many)).domainPlan(kSource);
-    FAIL();
-  } catch (const TimelinePlanError& error) {
-    EXPECT_EQ(error.kind(), TimelinePlanError::Case::tooManyOperations);
-  }
+  EXPECT_ERROR_CASE(decoded(documentWith(3, many)).domainPlan(kSource), TimelinePlanError,
+                    TimelinePlanError::Case::tooManyOperations);
 }
 
 struct OperationCase {
@@ -153,7 +151,8 @@ TEST_P(EditPlanOperationRules, AcceptOrRefuse) {
   if (c.accepted) {
     EXPECT_NO_THROW(document.domainPlan(kSource));
   } else {
-    EXPECT_EQ(caseOf([&] { document.domainPlan(kSource); }), Case::invalidOperation);
+    EXPECT_EQ(testing::thrownCase<EditPlanValidationError>([&] { document.domainPlan(kSource); }),
+              Case::invalidOperation);
   }
 }
 
@@ -202,38 +201,49 @@ INSTANTIATE_TEST_SUITE_P(
         // Zoom clearing and reconciling
         OperationCase{"ZoomReconcileInSchema2Refused", 2, op(Json{{"type", "zoom-reconcile"}}), false},
         OperationCase{"ZoomReconcileInSchema3Accepted", 3, op(Json{{"type", "zoom-reconcile"}}), true},
-        OperationCase{"ZoomClearTwiceRefused", 3, Json::array({Json{{"type", "zoom-clear"}}, Json{{"type", "zoom-clear"}}}), false},
+        OperationCase{"ZoomClearTwiceRefused", 3,
+                      Json::array({Json{{"type", "zoom-clear"}}, Json{{"type", "zoom-clear"}}}), false},
         OperationCase{"ZoomReconcileTwiceRefused", 3,
                       Json::array({Json{{"type", "zoom-reconcile"}}, Json{{"type", "zoom-reconcile"}}}), false},
         OperationCase{"ClearAfterReconcileRefused", 3,
                       Json::array({Json{{"type", "zoom-reconcile"}}, Json{{"type", "zoom-clear"}}}), false},
         OperationCase{"ReconcileAfterClearRefused", 3,
                       Json::array({Json{{"type", "zoom-clear"}}, Json{{"type", "zoom-reconcile"}}}), false},
-        OperationCase{"ZoomClearWithRangeRefused", 3, op(Json{{"type", "zoom-clear"}, {"range", rangeJson(0, 1'000)}}), false},
+        OperationCase{"ZoomClearWithRangeRefused", 3, op(Json{{"type", "zoom-clear"}, {"range", rangeJson(0, 1'000)}}),
+                      false},
         // Adding zooms
         OperationCase{"ZoomAddAccepted", 1, op(zoomAdd()), true},
-        OperationCase{"ZoomAddWithoutLevelRefused", 1, op(Json{{"type", "zoom-add"}, {"range", rangeJson(0, 1'000)}}), false},
+        OperationCase{"ZoomAddWithoutLevelRefused", 1, op(Json{{"type", "zoom-add"}, {"range", rangeJson(0, 1'000)}}),
+                      false},
         OperationCase{"FocusXWithoutFocusYRefused", 1, op(withField(zoomAdd(), "focusX", 0.5)), false},
         OperationCase{"FocusYWithoutFocusXRefused", 1, op(withField(zoomAdd(), "focusY", 0.5)), false},
-        OperationCase{"FocusAtTheEdgesAccepted", 1, op(withField(withField(zoomAdd(), "focusX", 0.0), "focusY", 1.0)), true},
-        OperationCase{"FocusOutsideTheFrameRefused", 1, op(withField(withField(zoomAdd(), "focusX", 1.1), "focusY", 0.5)), false},
+        OperationCase{"FocusAtTheEdgesAccepted", 1, op(withField(withField(zoomAdd(), "focusX", 0.0), "focusY", 1.0)),
+                      true},
+        OperationCase{"FocusOutsideTheFrameRefused", 1,
+                      op(withField(withField(zoomAdd(), "focusX", 1.1), "focusY", 0.5)), false},
         OperationCase{"ZoomAddWithRateRefused", 3, op(withField(zoomAdd(), "rate", 1.0)), false},
         // Settings
         OperationCase{"ThirtyTwoPairsAccepted", 1, op(settingsWith(32)), true},
         OperationCase{"ThirtyThreePairsRefused", 1, op(settingsWith(33)), false},
         OperationCase{"EmptySettingsRefused", 1, op(settingsWith(0)), false},
         OperationCase{"TwoSettingsOperationsRefused", 1, Json::array({settingsWith(1), settingsWith(1)}), false},
-        OperationCase{"SettingsWithRangeRefused", 1, op(withField(settingsWith(1), "range", rangeJson(0, 1'000))), false},
+        OperationCase{"SettingsWithRangeRefused", 1, op(withField(settingsWith(1), "range", rangeJson(0, 1'000))),
+                      false},
         // Reasons count user-perceived characters
-        OperationCase{"ReasonOf500CharactersAccepted", 1, op(withField(cut(0, 1'000), "reason", repeated("剪", 500))), true},
-        OperationCase{"ReasonOf501CharactersRefused", 1, op(withField(cut(0, 1'000), "reason", repeated("a", 501))), false},
-        OperationCase{"ReasonOf500FlagsAccepted", 1, op(withField(cut(0, 1'000), "reason", repeated("\U0001F1E8\U0001F1F3", 500))), true}),
+        OperationCase{"ReasonOf500CharactersAccepted", 1, op(withField(cut(0, 1'000), "reason", repeated("剪", 500))),
+                      true},
+        OperationCase{"ReasonOf501CharactersRefused", 1, op(withField(cut(0, 1'000), "reason", repeated("a", 501))),
+                      false},
+        OperationCase{"ReasonOf500FlagsAccepted", 1,
+                      op(withField(cut(0, 1'000), "reason", repeated("\U0001F1E8\U0001F1F3", 500))), true}),
     [](const ::testing::TestParamInfo<OperationCase>& info) { return std::string(info.param.name); });
 
 TEST(EditPlanExchangeDocument, EndLimitIsTheSourceInWholeMilliseconds) {
   ProjectTime source{10'000'900'000};  // 10,000.9 ms
   EXPECT_NO_THROW(decoded(documentWith(1, op(cut(9'000, 10'000)))).domainPlan(source));
-  EXPECT_EQ(caseOf([&] { decoded(documentWith(1, op(cut(9'000, 10'001)))).domainPlan(source); }), Case::invalidOperation);
+  EXPECT_EQ(testing::thrownCase<EditPlanValidationError>(
+                [&] { decoded(documentWith(1, op(cut(9'000, 10'001)))).domainPlan(source); }),
+            Case::invalidOperation);
 }
 
 TEST(EditPlanExchangeDocument, ReasonHasNoEffectOnThePlan) {
@@ -267,10 +277,13 @@ TEST(EditPlanJob, IsWrittenWithSchema3AndAnISO8601DateAndReadsBack) {
   for (const char* key : {"protocolVersion", "id", "projectID", "timelineDigest", "captionsDigest", "createdAt"}) {
     Json broken = encoded;
     broken.erase(key);
-    EXPECT_EQ(caseOf([&] { decodeEditPlanJob(encodeDocument(broken)); }), Case::invalidDocument) << key;
+    EXPECT_EQ(testing::thrownCase<EditPlanValidationError>([&] { decodeEditPlanJob(encodeDocument(broken)); }),
+              Case::invalidDocument)
+        << key;
   }
   encoded["createdAt"] = "yesterday";
-  EXPECT_EQ(caseOf([&] { decodeEditPlanJob(encodeDocument(encoded)); }), Case::invalidDocument);
+  EXPECT_EQ(testing::thrownCase<EditPlanValidationError>([&] { decodeEditPlanJob(encodeDocument(encoded)); }),
+            Case::invalidDocument);
 }
 
 TEST(EditPlanJob, StaleChecksNameWhatChanged) {
@@ -280,25 +293,41 @@ TEST(EditPlanJob, StaleChecksNameWhatChanged) {
   std::string timeline(64, 'a');
   std::string captions(64, 'b');
   EXPECT_NO_THROW(job.verifyCurrent(id, project, timeline, captions));
-  EXPECT_EQ(caseOf([&] { job.verifyCurrent(Uuid::random(), project, timeline, captions); }), Case::staleJob);
-  EXPECT_EQ(caseOf([&] { job.verifyCurrent(id, Uuid::random(), timeline, captions); }), Case::staleJob);
-  EXPECT_EQ(caseOf([&] { job.verifyCurrent(id, project, std::string(64, 'c'), captions); }), Case::staleJob);
-  EXPECT_EQ(caseOf([&] { job.verifyCurrent(id, project, timeline, std::string(64, 'c')); }), Case::staleCaptions);
+  EXPECT_EQ(testing::thrownCase<EditPlanValidationError>(
+                [&] { job.verifyCurrent(Uuid::random(), project, timeline, captions); }),
+            Case::staleJob);
+  EXPECT_EQ(
+      testing::thrownCase<EditPlanValidationError>([&] { job.verifyCurrent(id, Uuid::random(), timeline, captions); }),
+      Case::staleJob);
+  EXPECT_EQ(testing::thrownCase<EditPlanValidationError>(
+                [&] { job.verifyCurrent(id, project, std::string(64, 'c'), captions); }),
+            Case::staleJob);
+  EXPECT_EQ(testing::thrownCase<EditPlanValidationError>(
+                [&] { job.verifyCurrent(id, project, timeline, std::string(64, 'c')); }),
+            Case::staleCaptions);
   EditPlanJob future = job;
   future.protocolVersion = 4;
-  EXPECT_EQ(caseOf([&] { future.verifyCurrent(id, project, timeline, captions); }), Case::staleJob);
+  EXPECT_EQ(
+      testing::thrownCase<EditPlanValidationError>([&] { future.verifyCurrent(id, project, timeline, captions); }),
+      Case::staleJob);
 
   EditPlanExchangeDocument document = decoded(documentWith(3, op(cut(0, 1'000))));
   EXPECT_NO_THROW(document.verifyMatches(job));
   document.captionsDigest = "other";
-  EXPECT_EQ(caseOf([&] { document.verifyMatches(job); }), Case::staleCaptions);
+  EXPECT_EQ(testing::thrownCase<EditPlanValidationError>([&] { document.verifyMatches(job); }), Case::staleCaptions);
   document.jobID = Uuid::random();
-  EXPECT_EQ(caseOf([&] { document.verifyMatches(job); }), Case::staleJob);
+  EXPECT_EQ(testing::thrownCase<EditPlanValidationError>([&] { document.verifyMatches(job); }), Case::staleJob);
 
   EXPECT_NO_THROW(verifyEditPlanConfirmation("t", "c", "p", "t", "c", "p"));
-  EXPECT_EQ(caseOf([] { verifyEditPlanConfirmation("t", "c", "p", "t2", "c", "p"); }), Case::staleJob);
-  EXPECT_EQ(caseOf([] { verifyEditPlanConfirmation("t", "c", "p", "t", "c2", "p"); }), Case::staleCaptions);
-  EXPECT_EQ(caseOf([] { verifyEditPlanConfirmation("t", "c", "p", "t", "c", "p2"); }), Case::stalePlan);
+  EXPECT_EQ(
+      testing::thrownCase<EditPlanValidationError>([] { verifyEditPlanConfirmation("t", "c", "p", "t2", "c", "p"); }),
+      Case::staleJob);
+  EXPECT_EQ(
+      testing::thrownCase<EditPlanValidationError>([] { verifyEditPlanConfirmation("t", "c", "p", "t", "c2", "p"); }),
+      Case::staleCaptions);
+  EXPECT_EQ(
+      testing::thrownCase<EditPlanValidationError>([] { verifyEditPlanConfirmation("t", "c", "p", "t", "c", "p2"); }),
+      Case::stalePlan);
 }
 
 }  // namespace

@@ -3,20 +3,15 @@
 #include <gtest/gtest.h>
 
 #include "captions/caption_errors.h"
+#include "support/builders.h"
+#include "support/test_support.h"
 
 namespace vumo {
 namespace {
 
-ProjectTime ms(std::int64_t milliseconds) { return ProjectTime::fromMilliseconds(milliseconds); }
-const ProjectTime source = ms(10'000);
+using namespace vumo::testing;
 
-// Clips given as [start, end) in source milliseconds.
-EditTimeline timelineOf(std::vector<std::pair<std::int64_t, std::int64_t>> clips, std::int32_t permille = 1000) {
-  EditTimeline timeline = EditTimeline::empty();
-  for (auto [start, end] : clips)
-    timeline.segments.push_back({Uuid::random(), ProjectTimeRange::fromStartEnd(ms(start), ms(end)), {permille}});
-  return timeline;
-}
+const ProjectTime source = ms(10'000);
 
 CaptionCue cue(std::int64_t start, std::int64_t end, std::vector<std::pair<std::int64_t, std::int64_t>> words = {}) {
   CaptionCue c{Uuid::random(), ms(start), ms(end), "字幕", {}, {}};
@@ -31,10 +26,10 @@ CaptionDocument documentOf(std::vector<CaptionCue> cues) {
 }
 
 TEST(CaptionCoverageTest, EveryMillisecondOfACueMustBeRetained) {
-  EditTimeline adjoining = timelineOf({{0, 4000}, {4000, 10'000}});
+  EditTimeline adjoining = timelineWith({{0, 4000}, {4000, 10'000}});
   EXPECT_NO_THROW(validateCaptionCoverage(documentOf({cue(3000, 5000)}), adjoining, source));
 
-  EditTimeline gap = timelineOf({{0, 4000}, {4500, 10'000}});
+  EditTimeline gap = timelineWith({{0, 4000}, {4500, 10'000}});
   EXPECT_NO_THROW(validateCaptionCoverage(documentOf({cue(1000, 3999), cue(4500, 6000)}), gap, source));
   try {
     validateCaptionCoverage(documentOf({cue(1000, 2000), cue(3900, 4600)}), gap, source);
@@ -43,22 +38,20 @@ TEST(CaptionCoverageTest, EveryMillisecondOfACueMustBeRetained) {
     EXPECT_EQ(e.kind(), CaptionValidationError::Case::cueCrossesRemovedContent);
   }
   // The check is in whole milliseconds, so a sliver below one goes unnoticed.
-  EditTimeline sliver = timelineOf({{0, 4000}});
+  EditTimeline sliver = timelineWith({{0, 4000}});
   sliver.segments[0].sourceRange.duration = ProjectTime{4'000'000'000 - 400'000};
   EXPECT_NO_THROW(validateCaptionCoverage(documentOf({cue(3000, 3999)}), sliver, source));
 }
 
 TEST(CaptionImpactTest, CutsClassifyCuesAndSpeedAloneAffectsNone) {
-  EditTimeline original = timelineOf({{0, 10'000}});
+  EditTimeline original = timelineWith({{0, 10'000}});
   CaptionCue untouched = cue(0, 1000);
   CaptionCue removed = cue(2000, 3000);
   CaptionCue wordsHit = cue(4500, 6500, {{4500, 5200}, {5300, 6500}});
   CaptionCue edgeOnly = cue(7000, 8000, {{7000, 7400}});
   auto document = documentOf({untouched, removed, wordsHit, edgeOnly});
-  std::vector<ProjectTimeRange> cuts = {ProjectTimeRange::fromStartEnd(ms(1500), ms(3500)),
-                                        ProjectTimeRange::fromStartEnd(ms(5000), ms(5100)),
-                                        ProjectTimeRange::fromStartEnd(ms(7600), ms(8200))};
-  EditTimeline resulting = timelineOf({{0, 1500}, {3500, 5000}, {5100, 7600}, {8200, 10'000}});
+  std::vector<ProjectTimeRange> cuts = {rangeMs(1500, 3500), rangeMs(5000, 5100), rangeMs(7600, 8200)};
+  EditTimeline resulting = timelineWith({{0, 1500}, {3500, 5000}, {5100, 7600}, {8200, 10'000}});
 
   auto impact = captionImpact(document, original, resulting, cuts, source);
   EXPECT_EQ(impact.removed, (std::vector<Uuid>{removed.id}));
@@ -76,7 +69,7 @@ TEST(CaptionImpactTest, CutsClassifyCuesAndSpeedAloneAffectsNone) {
   EXPECT_EQ(nameOf(impact.impacts[1].kind), "word-timing-overlap");
   EXPECT_EQ(nameOf(impact.impacts[2].kind), "cue-timing-overlap");
 
-  EditTimeline faster = timelineOf({{0, 10'000}}, 2000);
+  EditTimeline faster = timelineOf({clip(ms(0), ms(10'000), 2000)});
   EXPECT_TRUE(captionImpact(document, original, faster, {}, source).impacts.empty());
   EXPECT_TRUE(captionImpact(std::nullopt, original, resulting, cuts, source).impacts.empty());
   // A timeline that cannot be mapped makes the impact unknown, which is no error.

@@ -1,3 +1,5 @@
+#include "captions/caption_document_engine.h"
+
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -5,7 +7,7 @@
 #include <string>
 
 #include "caption_fixtures.h"
-#include "captions/caption_document_engine.h"
+#include "support/test_support.h"
 
 namespace vumo {
 namespace {
@@ -105,12 +107,8 @@ TEST(CaptionEngineAddCueTest, RefusesEmptyTextOverlapsAndRepeatedIds) {
   EXPECT_EQ(idsInOrder(Engine::addCue(document, makeCue(9, 2000, 3000, "gap"), kSourceDuration)),
             (std::vector<int>{1, 9, 2, 3}));
   // An id already in use is caught by validation of the result.
-  try {
-    Engine::addCue(document, makeCue(3, 8000, 9000, "again"), kSourceDuration);
-    FAIL() << "expected a validation error";
-  } catch (const CaptionValidationError& error) {
-    EXPECT_EQ(error.kind(), CaptionValidationError::Case::invalidCue);
-  }
+  EXPECT_ERROR_CASE(Engine::addCue(document, makeCue(3, 8000, 9000, "again"), kSourceDuration), CaptionValidationError,
+                    CaptionValidationError::Case::invalidCue);
   EXPECT_EQ(document, baseDocument()) << "a failed edit leaves its input alone";
 }
 
@@ -179,16 +177,25 @@ TEST(CaptionEngineTrimTest, RefusesTrimsThatBreakTheRangeRules) {
   using Operation = std::function<void()>;
   const CaptionDocument document = baseDocument();
   const std::tuple<const char*, Operation, Editing> cases[] = {
-      {"start: unknown cue", [&] { Engine::trimStart(document, cueId(42), ms(0), kSourceDuration); }, Editing::cueNotFound},
-      {"start: before zero", [&] { Engine::trimStart(document, cueId(1), ms(-20), kSourceDuration); }, Editing::invalidRange},
-      {"start: at the end", [&] { Engine::trimStart(document, cueId(1), ms(2000), kSourceDuration); }, Editing::invalidRange},
-      {"start: under a frame left", [&] { Engine::trimStart(document, cueId(1), ms(1995), kSourceDuration); }, Editing::invalidRange},
-      {"start: into the previous cue", [&] { Engine::trimStart(document, cueId(2), ms(1950), kSourceDuration); }, Editing::overlapsNeighbor},
-      {"start: before the previous cue", [&] { Engine::trimStart(document, cueId(2), ms(500), kSourceDuration); }, Editing::overlapsNeighbor},
+      {"start: unknown cue", [&] { Engine::trimStart(document, cueId(42), ms(0), kSourceDuration); },
+       Editing::cueNotFound},
+      {"start: before zero", [&] { Engine::trimStart(document, cueId(1), ms(-20), kSourceDuration); },
+       Editing::invalidRange},
+      {"start: at the end", [&] { Engine::trimStart(document, cueId(1), ms(2000), kSourceDuration); },
+       Editing::invalidRange},
+      {"start: under a frame left", [&] { Engine::trimStart(document, cueId(1), ms(1995), kSourceDuration); },
+       Editing::invalidRange},
+      {"start: into the previous cue", [&] { Engine::trimStart(document, cueId(2), ms(1950), kSourceDuration); },
+       Editing::overlapsNeighbor},
+      {"start: before the previous cue", [&] { Engine::trimStart(document, cueId(2), ms(500), kSourceDuration); },
+       Editing::overlapsNeighbor},
       {"end: unknown cue", [&] { Engine::trimEnd(document, cueId(42), ms(0), kSourceDuration); }, Editing::cueNotFound},
-      {"end: at the start", [&] { Engine::trimEnd(document, cueId(1), ms(1000), kSourceDuration); }, Editing::invalidRange},
-      {"end: past the source", [&] { Engine::trimEnd(document, cueId(3), ms(60'050), kSourceDuration); }, Editing::invalidRange},
-      {"end: into the next cue", [&] { Engine::trimEnd(document, cueId(1), ms(3050), kSourceDuration); }, Editing::overlapsNeighbor},
+      {"end: at the start", [&] { Engine::trimEnd(document, cueId(1), ms(1000), kSourceDuration); },
+       Editing::invalidRange},
+      {"end: past the source", [&] { Engine::trimEnd(document, cueId(3), ms(60'050), kSourceDuration); },
+       Editing::invalidRange},
+      {"end: into the next cue", [&] { Engine::trimEnd(document, cueId(1), ms(3050), kSourceDuration); },
+       Editing::overlapsNeighbor},
   };
   for (const auto& [label, operation, expected] : cases) EXPECT_EQ(editingFailure(operation), expected) << label;
 }
@@ -231,20 +238,20 @@ TEST(CaptionEngineHighlightTest, AddHighlightOrdersAndSpeaksOfTheSelectionWhenIt
   CaptionDocument full = baseDocument();
   full.cues[2].text = "a b c d e f g h i";
   full.cues[2].highlights = {{"a", 1}, {"b", 1}, {"c", 1}, {"d", 1}, {"e", 1}, {"f", 1}, {"g", 1}, {"h", 1}};
-  EXPECT_EQ(editingFailure([&] { Engine::addHighlight(full, cueId(3), {"i", 1}, kSourceDuration); }),
+  EXPECT_EQ(editingFailure([&] {
+              Engine::addHighlight(full, cueId(3), {"i", 1}, kSourceDuration);
+            }),
             Editing::invalidHighlight);
 
-  EXPECT_EQ(editingFailure([] { Engine::addHighlight(baseDocument(), cueId(42), {"big", 1}, kSourceDuration); }),
+  EXPECT_EQ(editingFailure([] {
+              Engine::addHighlight(baseDocument(), cueId(42), {"big", 1}, kSourceDuration);
+            }),
             Editing::cueNotFound);
   // A problem elsewhere in the document is not the selection's fault and keeps its own error.
   CaptionDocument wrongTrack = baseDocument();
   wrongTrack.sourceTrack = MediaTrackKind::screen;
-  try {
-    Engine::addHighlight(wrongTrack, cueId(1), {"Hello", 1}, kSourceDuration);
-    FAIL() << "expected a validation error";
-  } catch (const CaptionValidationError& error) {
-    EXPECT_EQ(error.kind(), CaptionValidationError::Case::invalidTrack);
-  }
+  EXPECT_ERROR_CASE(Engine::addHighlight(wrongTrack, cueId(1), {"Hello", 1}, kSourceDuration), CaptionValidationError,
+                    CaptionValidationError::Case::invalidTrack);
 }
 
 TEST(CaptionEngineHighlightTest, ClearHighlightsAndRemoveCueTouchOnlyTheirCue) {
@@ -255,7 +262,8 @@ TEST(CaptionEngineHighlightTest, ClearHighlightsAndRemoveCueTouchOnlyTheirCue) {
 
   CaptionDocument removed = Engine::removeCue(baseDocument(), cueId(2), kSourceDuration);
   EXPECT_EQ(idsInOrder(removed), (std::vector<int>{1, 3}));
-  EXPECT_TRUE(Engine::removeCue(Engine::removeCue(removed, cueId(1), kSourceDuration), cueId(3), kSourceDuration).cues.empty());
+  EXPECT_TRUE(
+      Engine::removeCue(Engine::removeCue(removed, cueId(1), kSourceDuration), cueId(3), kSourceDuration).cues.empty());
 
   EXPECT_EQ(editingFailure([] { Engine::clearHighlights(baseDocument(), cueId(42), kSourceDuration); }),
             Editing::cueNotFound);

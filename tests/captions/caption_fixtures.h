@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "captions/caption_document.h"
+#include "support/builders.h"
 
 namespace vumo::testing {
 
@@ -18,8 +19,6 @@ inline Uuid cueId(int number) {
   id.bytes[8] = 0x80;
   return id;
 }
-
-inline ProjectTime ms(std::int64_t milliseconds) { return ProjectTime::fromMilliseconds(milliseconds); }
 
 inline CaptionCue makeCue(int number, std::int64_t startMs, std::int64_t endMs, std::string text,
                           std::vector<CaptionWord> words = {}, std::vector<CaptionHighlight> highlights = {}) {

@@ -7,6 +7,7 @@
 
 #include "caption_fixtures.h"
 #include "captions/caption_document.h"
+#include "support/test_support.h"
 
 namespace vumo {
 namespace {
@@ -35,12 +36,7 @@ std::string repeated(const std::string& unit, int times) {
 }
 
 std::optional<Case> failureOf(const CaptionDocument& document, ProjectTime sourceDuration = kSourceDuration) {
-  try {
-    (void)document.validated(sourceDuration);
-    return std::nullopt;
-  } catch (const CaptionValidationError& error) {
-    return error.kind();
-  }
+  return testing::thrownCase<CaptionValidationError>([&] { (void)document.validated(sourceDuration); });
 }
 
 struct FailureCase {
@@ -54,7 +50,8 @@ TEST(CaptionValidationTest, ReportsTheFirstProblemWithItsCase) {
       // Document level, checked in this order before any cue.
       {"schema 2", [](auto& d) { d.schemaVersion = 2; }, Case::unsupportedSchema},
       {"schema 0", [](auto& d) { d.schemaVersion = 0; }, Case::unsupportedSchema},
-      {"schema wins over track", [](auto& d) { d.schemaVersion = 2, d.sourceTrack = MediaTrackKind::screen; }, Case::unsupportedSchema},
+      {"schema wins over track", [](auto& d) { d.schemaVersion = 2, d.sourceTrack = MediaTrackKind::screen; },
+       Case::unsupportedSchema},
       {"screen track", [](auto& d) { d.sourceTrack = MediaTrackKind::screen; }, Case::invalidTrack},
       {"track wins over cue count",
        [](auto& d) {
@@ -68,12 +65,15 @@ TEST(CaptionValidationTest, ReportsTheFirstProblemWithItsCase) {
       {"text of 2,001 characters", [](auto& d) { d.cues[1].text = repeated("字", 2001); }, Case::invalidCue},
       {"2,001 accented letters", [](auto& d) { d.cues[1].text = repeated("e\u0301", 2001); }, Case::invalidCue},
       {"ill-formed UTF-8", [](auto& d) { d.cues[1].text = "cat \xC3("; }, Case::invalidCue},
-      {"repeated id far apart", [](auto& d) { d.cues.push_back(makeCue(1, 50'000, 51'000, "again")); }, Case::invalidCue},
+      {"repeated id far apart", [](auto& d) { d.cues.push_back(makeCue(1, 50'000, 51'000, "again")); },
+       Case::invalidCue},
       {"negative start", [](auto& d) { d.cues[0].start = ProjectTime{-1}; }, Case::invalidCue},
       {"zero length", [](auto& d) { d.cues[1].end = d.cues[1].start; }, Case::invalidCue},
       {"end before start", [](auto& d) { d.cues[1].end = ms(1500); }, Case::invalidCue},
-      {"end beyond the source", [](auto& d) { d.cues[1].end = ProjectTime{kSourceDuration.nanoseconds + 1}; }, Case::invalidCue},
-      {"overlapping the previous cue by 1 ns", [](auto& d) { d.cues[1].start = ProjectTime{ms(2000).nanoseconds - 1}; }, Case::invalidCue},
+      {"end beyond the source", [](auto& d) { d.cues[1].end = ProjectTime{kSourceDuration.nanoseconds + 1}; },
+       Case::invalidCue},
+      {"overlapping the previous cue by 1 ns", [](auto& d) { d.cues[1].start = ProjectTime{ms(2000).nanoseconds - 1}; },
+       Case::invalidCue},
       {"out of order", [](auto& d) { std::swap(d.cues[0], d.cues[1]); }, Case::invalidCue},
       // Words.
       {"blank word", [](auto& d) { d.cues[0].words[1].text = "\u3000"; }, Case::invalidWord},
@@ -90,21 +90,83 @@ TEST(CaptionValidationTest, ReportsTheFirstProblemWithItsCase) {
        },
        Case::invalidWord},
       // Highlights.
-      {"nine highlights", [](auto& d) { d.cues[0].highlights.assign(9, {"big", 1}); }, Case::invalidHighlight},
-      {"untrimmed highlight", [](auto& d) { d.cues[0].highlights = {{" big", 1}}; }, Case::invalidHighlight},
-      {"highlight with trailing ideographic space", [](auto& d) { d.cues[0].highlights = {{"big\u3000", 1}}; }, Case::invalidHighlight},
-      {"empty highlight", [](auto& d) { d.cues[0].highlights = {{"", 1}}; }, Case::invalidHighlight},
-      {"punctuation only", [](auto& d) { d.cues[1].text = "cat？"; d.cues[1].highlights = {{"？", 1}}; }, Case::invalidHighlight},
-      {"occurrence 0", [](auto& d) { d.cues[0].highlights = {{"big", 0}}; }, Case::invalidHighlight},
-      {"negative occurrence", [](auto& d) { d.cues[0].highlights = {{"big", -1}}; }, Case::invalidHighlight},
-      {"not in the text", [](auto& d) { d.cues[0].highlights = {{"small", 1}}; }, Case::invalidHighlight},
-      {"different case", [](auto& d) { d.cues[0].highlights = {{"Big", 1}}; }, Case::invalidHighlight},
-      {"third of two occurrences", [](auto& d) { d.cues[1].highlights = {{"cat", 3}}; }, Case::invalidHighlight},
-      {"huge occurrence", [](auto& d) { d.cues[1].highlights = {{"cat", std::numeric_limits<std::int64_t>::max()}}; }, Case::invalidHighlight},
-      {"the whole sentence", [](auto& d) { d.cues[1].highlights = {{"cat cat", 1}}; }, Case::invalidHighlight},
-      {"occurrences do not overlap", [](auto& d) { d.cues[1].text = "aaa"; d.cues[1].highlights = {{"aa", 2}}; }, Case::invalidHighlight},
-      {"overlapping highlights", [](auto& d) { d.cues[0].highlights = {{"big world", 1}, {"world", 1}}; }, Case::invalidHighlight},
-      {"the same highlight twice", [](auto& d) { d.cues[0].highlights = {{"big", 1}, {"big", 1}}; }, Case::invalidHighlight},
+      {"nine highlights",
+       [](auto& d) {
+         d.cues[0].highlights.assign(9, {"big", 1});
+       },
+       Case::invalidHighlight},
+      {"untrimmed highlight",
+       [](auto& d) {
+         d.cues[0].highlights = {{" big", 1}};
+       },
+       Case::invalidHighlight},
+      {"highlight with trailing ideographic space",
+       [](auto& d) {
+         d.cues[0].highlights = {{"big\u3000", 1}};
+       },
+       Case::invalidHighlight},
+      {"empty highlight",
+       [](auto& d) {
+         d.cues[0].highlights = {{"", 1}};
+       },
+       Case::invalidHighlight},
+      {"punctuation only",
+       [](auto& d) {
+         d.cues[1].text = "cat？";
+         d.cues[1].highlights = {{"？", 1}};
+       },
+       Case::invalidHighlight},
+      {"occurrence 0",
+       [](auto& d) {
+         d.cues[0].highlights = {{"big", 0}};
+       },
+       Case::invalidHighlight},
+      {"negative occurrence",
+       [](auto& d) {
+         d.cues[0].highlights = {{"big", -1}};
+       },
+       Case::invalidHighlight},
+      {"not in the text",
+       [](auto& d) {
+         d.cues[0].highlights = {{"small", 1}};
+       },
+       Case::invalidHighlight},
+      {"different case",
+       [](auto& d) {
+         d.cues[0].highlights = {{"Big", 1}};
+       },
+       Case::invalidHighlight},
+      {"third of two occurrences",
+       [](auto& d) {
+         d.cues[1].highlights = {{"cat", 3}};
+       },
+       Case::invalidHighlight},
+      {"huge occurrence",
+       [](auto& d) {
+         d.cues[1].highlights = {{"cat", std::numeric_limits<std::int64_t>::max()}};
+       },
+       Case::invalidHighlight},
+      {"the whole sentence",
+       [](auto& d) {
+         d.cues[1].highlights = {{"cat cat", 1}};
+       },
+       Case::invalidHighlight},
+      {"occurrences do not overlap",
+       [](auto& d) {
+         d.cues[1].text = "aaa";
+         d.cues[1].highlights = {{"aa", 2}};
+       },
+       Case::invalidHighlight},
+      {"overlapping highlights",
+       [](auto& d) {
+         d.cues[0].highlights = {{"big world", 1}, {"world", 1}};
+       },
+       Case::invalidHighlight},
+      {"the same highlight twice",
+       [](auto& d) {
+         d.cues[0].highlights = {{"big", 1}, {"big", 1}};
+       },
+       Case::invalidHighlight},
       {"an earlier cue's highlight before a later cue's timing",
        [](auto& d) {
          d.cues[0].highlights = {{"nope", 1}};
@@ -126,16 +188,44 @@ TEST(CaptionValidationTest, AcceptsWhatTheRulesAllow) {
       {"a cue ending exactly at the source end", [](auto& d) { d.cues[1].end = kSourceDuration; }},
       {"a cue starting at zero", [](auto& d) { d.cues[0].start = ProjectTime::zero(); }},
       {"a gap between cues", [](auto& d) { d.cues[1].start = ms(2500); }},
-      {"words with gaps and touching", [](auto& d) { d.cues[0].words = {makeWord(1100, 1200, "a"), makeWord(1200, 1300, "b"), makeWord(1900, 2000, "c")}; }},
+      {"words with gaps and touching",
+       [](auto& d) {
+         d.cues[0].words = {makeWord(1100, 1200, "a"), makeWord(1200, 1300, "b"), makeWord(1900, 2000, "c")};
+       }},
       {"2,000 characters of CJK", [](auto& d) { d.cues[1].text = repeated("字", 2000); }},
-      {"2,000 family emoji", [](auto& d) { d.cues[1].text = repeated("\U0001F468\u200D\U0001F469\u200D\U0001F467", 2000); }},
-      {"2,000 accented letters plus surrounding white space", [](auto& d) { d.cues[1].text = "\u3000" + repeated("e\u0301", 2000) + "\n"; }},
-      {"second occurrence", [](auto& d) { d.cues[1].highlights = {{"cat", 2}}; }},
-      {"single letters do not overlap each other", [](auto& d) { d.cues[1].text = "aaa"; d.cues[1].highlights = {{"a", 2}, {"a", 3}}; }},
-      {"eight highlights", [](auto& d) { d.cues[1].text = "a b c d e f g h i"; d.cues[1].highlights = {{"a", 1}, {"b", 1}, {"c", 1}, {"d", 1}, {"e", 1}, {"f", 1}, {"g", 1}, {"h", 1}}; }},
-      {"touching highlights", [](auto& d) { d.cues[1].text = "abc"; d.cues[1].highlights = {{"b", 1}, {"a", 1}}; }},
-      {"highlight with a number", [](auto& d) { d.cues[1].text = "价格 42 元"; d.cues[1].highlights = {{"42", 1}}; }},
-      {"punctuation inside a highlight with letters", [](auto& d) { d.cues[1].text = "真的？好"; d.cues[1].highlights = {{"真的？", 1}}; }},
+      {"2,000 family emoji",
+       [](auto& d) { d.cues[1].text = repeated("\U0001F468\u200D\U0001F469\u200D\U0001F467", 2000); }},
+      {"2,000 accented letters plus surrounding white space",
+       [](auto& d) { d.cues[1].text = "\u3000" + repeated("e\u0301", 2000) + "\n"; }},
+      {"second occurrence",
+       [](auto& d) {
+         d.cues[1].highlights = {{"cat", 2}};
+       }},
+      {"single letters do not overlap each other",
+       [](auto& d) {
+         d.cues[1].text = "aaa";
+         d.cues[1].highlights = {{"a", 2}, {"a", 3}};
+       }},
+      {"eight highlights",
+       [](auto& d) {
+         d.cues[1].text = "a b c d e f g h i";
+         d.cues[1].highlights = {{"a", 1}, {"b", 1}, {"c", 1}, {"d", 1}, {"e", 1}, {"f", 1}, {"g", 1}, {"h", 1}};
+       }},
+      {"touching highlights",
+       [](auto& d) {
+         d.cues[1].text = "abc";
+         d.cues[1].highlights = {{"b", 1}, {"a", 1}};
+       }},
+      {"highlight with a number",
+       [](auto& d) {
+         d.cues[1].text = "价格 42 元";
+         d.cues[1].highlights = {{"42", 1}};
+       }},
+      {"punctuation inside a highlight with letters",
+       [](auto& d) {
+         d.cues[1].text = "真的？好";
+         d.cues[1].highlights = {{"真的？", 1}};
+       }},
   };
   for (const auto& [label, change] : cases) {
     CaptionDocument document = baseDocument();
@@ -183,23 +273,25 @@ TEST(CaptionValidationTest, HighlightsComeBackInTextOrder) {
   EXPECT_EQ(validatedHighlights({{"字幕", 2}}, "字幕和字幕"), (std::vector<CaptionHighlight>{{"字幕", 2}}));
 }
 
-TEST(CaptionValidationTest, LongRepetitiveHighlightSearchStaysFast) {
-  // A pattern that defeats naive search: many near-matches before the real one.
-  std::string text = repeated("a", 200'000) + "b";
-  std::string needle = repeated("a", 100'000) + "b";
-  EXPECT_EQ(validatedHighlights({{needle, 1}}, "x" + text), (std::vector<CaptionHighlight>{{needle, 1}}));
-}
-
 TEST(CaptionStyleTest, NormalFormClampsAndRoundsToTwoDecimals) {
   struct Case {
     double input;
     double fontScale;
     double bottomPosition;
   } cases[] = {
-      {0.6, 0.6, 0.6}, {0.55, 0.6, 0.55}, {1.134, 1.13, 1.0}, {0.876, 0.88, 0.88}, {0.234, 0.6, 0.23},
+      {0.6, 0.6, 0.6},
+      {0.55, 0.6, 0.55},
+      {1.134, 1.13, 1.0},
+      {0.876, 0.88, 0.88},
+      {0.234, 0.6, 0.23},
       // Clamping bounds the value whatever its decimals: 1.234 lies above the largest scale.
-      {1.234, 1.2, 1.0}, {1.3, 1.2, 1.0}, {-0.1, 0.6, 0.0},
-      {0.125, 0.6, 0.13}, {1.0, 1.0, 1.0}, {0.0, 0.6, 0.0}, {std::numeric_limits<double>::infinity(), 1.2, 1.0},
+      {1.234, 1.2, 1.0},
+      {1.3, 1.2, 1.0},
+      {-0.1, 0.6, 0.0},
+      {0.125, 0.6, 0.13},
+      {1.0, 1.0, 1.0},
+      {0.0, 0.6, 0.0},
+      {std::numeric_limits<double>::infinity(), 1.2, 1.0},
   };
   for (const auto& c : cases) {
     CaptionStyle style;

@@ -27,19 +27,20 @@ TemporaryDirectory::~TemporaryDirectory() {
   std::filesystem::remove_all(path_, ignored);
 }
 
-ScopedDataHome::ScopedDataHome() {
-  if (const char* old = std::getenv("XDG_DATA_HOME")) {
-    previous_ = old;
-    hadPrevious_ = true;
-  }
-  ::setenv("XDG_DATA_HOME", folder_.path().c_str(), 1);
+ScopedEnvironmentVariable::ScopedEnvironmentVariable(std::string name, const std::optional<std::string>& value)
+    : name_(std::move(name)) {
+  if (const char* old = std::getenv(name_.c_str())) previous_ = old;
+  if (value)
+    ::setenv(name_.c_str(), value->c_str(), 1);
+  else
+    ::unsetenv(name_.c_str());
 }
 
-ScopedDataHome::~ScopedDataHome() {
-  if (hadPrevious_)
-    ::setenv("XDG_DATA_HOME", previous_.c_str(), 1);
+ScopedEnvironmentVariable::~ScopedEnvironmentVariable() {
+  if (previous_)
+    ::setenv(name_.c_str(), previous_->c_str(), 1);
   else
-    ::unsetenv("XDG_DATA_HOME");
+    ::unsetenv(name_.c_str());
 }
 
 std::filesystem::path vumoBinary() {
@@ -63,8 +64,15 @@ std::string drain(int fd) {
 }
 }  // namespace
 
-ProcessResult runVumo(const std::vector<std::string>& arguments, const std::map<std::string, std::string>& environment) {
-  std::string binary = vumoBinary().string();
+ProcessResult runVumo(const std::vector<std::string>& arguments,
+                      const std::map<std::string, std::string>& environment) {
+  return runProgram(vumoBinary(), arguments, {environment.begin(), environment.end()});
+}
+
+ProcessResult runProgram(const std::filesystem::path& program, const std::vector<std::string>& arguments,
+                         const std::map<std::string, std::optional<std::string>>& environment,
+                         const std::filesystem::path& workingDirectory) {
+  std::string binary = program.string();
   std::vector<std::string> words{binary};
   words.insert(words.end(), arguments.begin(), arguments.end());
   std::vector<char*> argv;
@@ -77,7 +85,12 @@ ProcessResult runVumo(const std::vector<std::string>& arguments, const std::map<
     auto eq = entry.find('=');
     if (eq != std::string::npos) merged[entry.substr(0, eq)] = entry.substr(eq + 1);
   }
-  for (auto& [k, v] : environment) merged[k] = v;
+  for (auto& [k, v] : environment) {
+    if (v)
+      merged[k] = *v;
+    else
+      merged.erase(k);
+  }
   std::vector<std::string> envStrings;
   for (auto& [k, v] : merged) envStrings.push_back(k + "=" + v);
   std::vector<char*> envp;
@@ -91,6 +104,7 @@ ProcessResult runVumo(const std::vector<std::string>& arguments, const std::map<
   posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
   posix_spawn_file_actions_adddup2(&actions, out[1], 1);
   posix_spawn_file_actions_adddup2(&actions, err[1], 2);
+  if (!workingDirectory.empty()) posix_spawn_file_actions_addchdir_np(&actions, workingDirectory.c_str());
   pid_t pid;
   int rc = ::posix_spawn(&pid, binary.c_str(), &actions, nullptr, argv.data(), envp.data());
   posix_spawn_file_actions_destroy(&actions);

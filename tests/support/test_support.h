@@ -1,8 +1,12 @@
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <filesystem>
 #include <map>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace vumo::testing {
@@ -20,18 +24,29 @@ class TemporaryDirectory {
   std::filesystem::path path_;
 };
 
+// Sets (or, given none, removes) one environment variable for the lifetime of the object.
+class ScopedEnvironmentVariable {
+ public:
+  ScopedEnvironmentVariable(std::string name, const std::optional<std::string>& value);
+  ~ScopedEnvironmentVariable();
+  ScopedEnvironmentVariable(const ScopedEnvironmentVariable&) = delete;
+  ScopedEnvironmentVariable& operator=(const ScopedEnvironmentVariable&) = delete;
+
+ private:
+  std::string name_;
+  std::optional<std::string> previous_;
+};
+
 // Points XDG_DATA_HOME at a temporary folder for the lifetime of the object, so nothing a test
 // does reaches the real home folder.
 class ScopedDataHome {
  public:
-  ScopedDataHome();
-  ~ScopedDataHome();
+  ScopedDataHome() : variable_("XDG_DATA_HOME", folder_.path().string()) {}
   const std::filesystem::path& path() const { return folder_.path(); }
 
  private:
   TemporaryDirectory folder_;
-  std::string previous_;
-  bool hadPrevious_ = false;
+  ScopedEnvironmentVariable variable_;
 };
 
 struct ProcessResult {
@@ -40,10 +55,34 @@ struct ProcessResult {
   std::string standardError;
 };
 
-// Runs the built `vumo` executable (path from $VUMO_BINARY) with the given arguments and extra
-// environment; standard input is empty.
-ProcessResult runVumo(const std::vector<std::string>& arguments, const std::map<std::string, std::string>& environment = {});
+// Runs a program with the given arguments and extra environment (a variable given none is removed)
+// in the given working folder (by default the test's own); standard input is empty.
+ProcessResult runProgram(const std::filesystem::path& program, const std::vector<std::string>& arguments,
+                         const std::map<std::string, std::optional<std::string>>& environment = {},
+                         const std::filesystem::path& workingDirectory = {});
+
+// Runs the built `vumo` executable (path from $VUMO_BINARY) as `runProgram` does.
+ProcessResult runVumo(const std::vector<std::string>& arguments,
+                      const std::map<std::string, std::string>& environment = {});
 
 std::filesystem::path vumoBinary();
 
+// The case of the `ErrorType` that `statement` throws, or none when it throws nothing. Any other
+// exception goes through, so the test fails naming it.
+template <class ErrorType, class Statement>
+auto thrownCase(Statement&& statement) -> std::optional<decltype(std::declval<const ErrorType&>().kind())> {
+  try {
+    std::forward<Statement>(statement)();
+  } catch (const ErrorType& error) {
+    return error.kind();
+  }
+  return std::nullopt;
+}
+
 }  // namespace vumo::testing
+
+// Expects `statement` to throw an `ErrorType` of case `expectedCase`:
+//   EXPECT_ERROR_CASE(engine.split(t, at), TimelineEditError, TimelineEditError::Case::outsideClip);
+#define EXPECT_ERROR_CASE(statement, ErrorType, expectedCase)                                                \
+  EXPECT_EQ(::vumo::testing::thrownCase<ErrorType>([&] { (void)(statement); }), std::optional(expectedCase)) \
+      << "from: " #statement

@@ -1,9 +1,10 @@
+#include "timeline/auto_zoom_engine.h"
+
 #include <gtest/gtest.h>
 
 #include <cstdint>
 
-#include "engine_test_support.h"
-#include "timeline/auto_zoom_engine.h"
+#include "support/builders.h"
 #include "timeline/initial_timeline.h"
 #include "timeline/timeline_effect_engine.h"
 #include "timeline/timeline_validator.h"
@@ -11,7 +12,7 @@
 namespace vumo {
 namespace {
 
-using namespace engine_testing;
+using namespace vumo::testing;
 
 MouseEvent press(ProjectTime time, double x, double y, MouseButton button = MouseButton::left,
                  MousePhase phase = MousePhase::down, std::optional<bool> inside = std::nullopt) {

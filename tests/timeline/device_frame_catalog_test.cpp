@@ -1,15 +1,17 @@
-#include <cstdint>
+#include "timeline/device_frame_catalog.h"
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdint>
 #include <cstdlib>
-#include <set>
 #include <fstream>
+#include <set>
 
 #include "shared/files.h"
+#include "shared/resources.h"
 #include "support/test_support.h"
-#include "timeline/device_frame_catalog.h"
 
 namespace vumo {
 namespace {
@@ -106,12 +108,13 @@ std::string catalogText(const std::string& devices) { return R"({"schemaVersion"
 
 std::string device(const std::string& id, const std::string& variants, const std::string& extra = "") {
   return R"({"id":")" + id + R"(","name":"Phone","priority":1,"outerPixelSize":{"width":100,"height":200},)" +
-         R"("screenRect":{"x":10,"y":10,"width":80,"height":180},"screenCornerRadius":8,"variants":[)" + variants + "]" +
-         extra + "}";
+         R"("screenRect":{"x":10,"y":10,"width":80,"height":180},"screenCornerRadius":8,"variants":[)" + variants +
+         "]" + extra + "}";
 }
 
 std::string variant(const std::string& id, bool isDefault, const std::string& file = "device-frames/x.png") {
-  return R"({"id":")" + id + R"(","name":"Black","file":")" + file + R"(","isDefault":)" + (isDefault ? "true" : "false") + "}";
+  return R"({"id":")" + id + R"(","name":"Black","file":")" + file + R"(","isDefault":)" +
+         (isDefault ? "true" : "false") + "}";
 }
 
 TEST(DeviceFrameCatalog, DecodingRejectsCataloguesARendererCouldNotTrust) {
@@ -128,12 +131,14 @@ TEST(DeviceFrameCatalog, DecodingRejectsCataloguesARendererCouldNotTrust) {
       {"two default variants", catalogText(device("a", variant("a-1", true) + "," + variant("a-2", true)))},
       {"duplicate variant ids", catalogText(device("a", variant("x", true)) + "," + device("b", variant("x", true)))},
       {"legacy id naming another variant",
-       catalogText(device("a", variant("a-1", true)) + "," + device("b", variant("b-1", true), R"(,"legacyAssetIDs":["a-1"])"))},
+       catalogText(device("a", variant("a-1", true)) + "," +
+                   device("b", variant("b-1", true), R"(,"legacyAssetIDs":["a-1"])"))},
       {"absolute image path", catalogText(device("a", variant("a-1", true, "/etc/passwd")))},
       {"image path leaving the resources", catalogText(device("a", variant("a-1", true, "../secret.png")))},
       {"screen outside the frame",
-       catalogText(R"({"id":"a","name":"A","priority":1,"outerPixelSize":{"width":100,"height":200},"screenRect":{"x":50,"y":10,"width":80,"height":180},"screenCornerRadius":0,"variants":[)" +
-                   variant("a-1", true) + "]}")},
+       catalogText(
+           R"({"id":"a","name":"A","priority":1,"outerPixelSize":{"width":100,"height":200},"screenRect":{"x":50,"y":10,"width":80,"height":180},"screenCornerRadius":0,"variants":[)" +
+           variant("a-1", true) + "]}")},
       {"unknown family", catalogText(device("a", variant("a-1", true), R"(,"family":"tablet")"))},
   };
   for (const auto& c : cases) {
@@ -149,12 +154,8 @@ TEST(DeviceFrameCatalog, DecodingRejectsCataloguesARendererCouldNotTrust) {
 
 TEST(DeviceFrameCatalog, LoadingReportsAMissingCatalogueAndMissingImages) {
   testing::TemporaryDirectory folder;
-  try {
-    DeviceFrameCatalog::load(folder.path());
-    FAIL();
-  } catch (const DeviceFrameCatalogError& error) {
-    EXPECT_EQ(error.kind(), DeviceFrameCatalogError::Case::missingCatalog);
-  }
+  EXPECT_ERROR_CASE(DeviceFrameCatalog::load(folder.path()), DeviceFrameCatalogError,
+                    DeviceFrameCatalogError::Case::missingCatalog);
   createDirectories(folder.path() / "device-frames");
   writeFileAtomically(folder.path() / "device-frames/catalog.json",
                       catalogText(device("a", variant("a-1", true, "device-frames/a.png"))));
@@ -170,7 +171,7 @@ TEST(DeviceFrameCatalog, LoadingReportsAMissingCatalogueAndMissingImages) {
 }
 
 TEST(DeviceFrameCatalog, TheResourceFolderIsFound) {
-  auto found = DeviceFrameCatalog::locateResourceDirectory();
+  auto found = ResourceLocator::directory();
   ASSERT_TRUE(found);
   EXPECT_NO_THROW(DeviceFrameCatalog::load(*found));
 }

@@ -2,10 +2,10 @@
 
 #include <random>
 
+#include "support/builders.h"
 #include "timeline/device_frame_catalog.h"
 #include "timeline/timeline_effect_engine.h"
 #include "timeline/timeline_validator.h"
-#include "timeline_builders.h"
 
 namespace vumo {
 namespace {
@@ -72,7 +72,8 @@ class RandomTimelines {
     for (std::int64_t n = integer(1, 12); n > 0; --n) {
       std::int64_t length = integer(70'000'000, 8'000'000'000);
       if (cursor + length > sourceNs) break;
-      t.segments.push_back(clip(ns(cursor), ns(length), static_cast<std::int32_t>(500 + 10 * integer(0, 350))));
+      t.segments.push_back(
+          clip(ns(cursor), ns(cursor + length), static_cast<std::int32_t>(500 + 10 * integer(0, 350))));
       cursor += length + (chance() ? 0 : integer(1, 3'000'000'000));
     }
     if (t.segments.empty()) t.segments.push_back(clip(ns(0), ns(sourceNs)));
@@ -129,7 +130,10 @@ class RandomTimelines {
       switch (integer(0, 4)) {
         case 0: a = arrow(ns(start), ns(end), z); break;
         case 1: a = vumo::testing::text(ns(start), ns(end), z, words()); break;
-        default: a = rectangle(ns(start), ns(end), z); a.kind = static_cast<AnnotationKind>(integer(0, 1) * 3); break;
+        default:
+          a = rectangle(ns(start), ns(end), z);
+          a.kind = static_cast<AnnotationKind>(integer(0, 1) * 3);
+          break;
       }
       if (a.kind == AnnotationKind::text) {
         a.textStyle->fontSize = real(12, 240);
@@ -139,7 +143,8 @@ class RandomTimelines {
       if (a.bounds) {
         double x = real(0, 0.9), y = real(0, 0.9);
         a.bounds = RectValue{x, y, real(0.02, 1 - x), real(0.02, 1 - y)};
-        if (a.bounds->x + a.bounds->width > 1 || a.bounds->y + a.bounds->height > 1) a.bounds = RectValue{0, 0, 0.5, 0.5};
+        if (a.bounds->x + a.bounds->width > 1 || a.bounds->y + a.bounds->height > 1)
+          a.bounds = RectValue{0, 0, 0.5, 0.5};
       } else {
         a.startPoint = PointValue{real(0, 0.4), unit()};
         a.endPoint = PointValue{real(0.6, 1), unit()};
@@ -180,7 +185,8 @@ TEST(EditTimelineRoundTrip, NormalizingAValidCurrentTimelineOnlySortsAndReflows)
     ASSERT_EQ(normal.segments, timeline.segments) << "case " << i;
     ASSERT_EQ(normal.zooms, timeline.zooms) << "case " << i;
     ASSERT_EQ(normal.annotations.size(), timeline.annotations.size()) << "case " << i;
-    ASSERT_EQ(normal.normalized(ns(RandomTimelines::sourceNs), timeline.webcamOverlay.has_value()), normal) << "case " << i;
+    ASSERT_EQ(normal.normalized(ns(RandomTimelines::sourceNs), timeline.webcamOverlay.has_value()), normal)
+        << "case " << i;
   }
 }
 

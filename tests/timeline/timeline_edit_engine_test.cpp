@@ -1,26 +1,23 @@
+#include "timeline/timeline_edit_engine.h"
+
 #include <gtest/gtest.h>
 
 #include <functional>
 
-#include "engine_test_support.h"
-#include "timeline/timeline_edit_engine.h"
+#include "support/builders.h"
+#include "support/test_support.h"
 #include "timeline/timeline_validation_error.h"
 
 namespace vumo {
 namespace {
 
-using namespace engine_testing;
+using namespace vumo::testing;
 using EditCase = TimelineEditError::Case;
 
 const ProjectTime source = ms(10'000);
 
 void expectEditError(const std::function<void()>& edit, EditCase expected) {
-  try {
-    edit();
-    ADD_FAILURE() << "expected an edit error";
-  } catch (const TimelineEditError& error) {
-    EXPECT_EQ(error.kind(), expected) << error.what();
-  }
+  EXPECT_EQ(testing::thrownCase<TimelineEditError>(edit), expected);
 }
 
 TEST(TimelineEditEngineSplitTest, SplitsAtTheNearestFrameAndKeepsTheIdOnTheLeft) {
@@ -57,7 +54,7 @@ TEST(TimelineEditEngineSplitTest, RefusesPlayheadsThatLeaveLessThanAFrameOrNoCli
   };
   const Case cases[] = {
       {ms(0), EditCase::splitAtBoundary},
-      {ms(2'000), EditCase::splitAtBoundary},        // start of the second clip
+      {ms(2'000), EditCase::splitAtBoundary},              // start of the second clip
       {ms(6'000) - ns(1), EditCase::noSegmentAtPlayhead},  // snaps to the sequence end
       {ms(7'000), EditCase::noSegmentAtPlayhead},
       {ms(-20), EditCase::noSegmentAtPlayhead},
@@ -82,13 +79,16 @@ TEST(TimelineEditEngineTrimTest, StartMovesWithinItsHandlesOnTheGrid) {
   const Uuid id = timeline.segments[1].id;
 
   // Back to the end of the left neighbour is allowed and leaves touching clips.
-  EXPECT_EQ(TimelineEditEngine::trimStart(timeline, id, ms(2'000), source).segments[1].sourceRange, span(ms(2'000), ms(8'000)));
+  EXPECT_EQ(TimelineEditEngine::trimStart(timeline, id, ms(2'000), source).segments[1].sourceRange,
+            span(ms(2'000), ms(8'000)));
   EXPECT_EQ(TimelineEditEngine::trimStart(timeline, id, ms(3'004), source).segments[1].sourceRange,
             span(ms(3'000), ms(8'000)));
   EXPECT_EQ(TimelineEditEngine::trimStart(timeline, id, ms(8'000) - frame(1), source).segments[1].sourceRange,
             span(frame(479), ms(8'000)));
-  expectEditError([&] { TimelineEditEngine::trimStart(timeline, id, ms(1'980), source); }, EditCase::trimOutsideHandles);
-  expectEditError([&] { TimelineEditEngine::trimStart(timeline, id, ms(7'995), source); }, EditCase::trimOutsideHandles);
+  expectEditError([&] { TimelineEditEngine::trimStart(timeline, id, ms(1'980), source); },
+                  EditCase::trimOutsideHandles);
+  expectEditError([&] { TimelineEditEngine::trimStart(timeline, id, ms(7'995), source); },
+                  EditCase::trimOutsideHandles);
   expectEditError([&] { TimelineEditEngine::trimStart(timeline, timeline.segments[0].id, ms(-20), source); },
                   EditCase::trimOutsideHandles);
   expectEditError([&] { TimelineEditEngine::trimStart(timeline, Uuid::random(), ms(3'000), source); },
@@ -107,7 +107,8 @@ TEST(TimelineEditEngineTrimTest, EndCanReextendIntoCutContentUpToTheNextClipOrTh
                   EditCase::trimOutsideHandles);
   expectEditError([&] { TimelineEditEngine::trimEnd(timeline, timeline.segments[1].id, ms(5'005), source); },
                   EditCase::trimOutsideHandles);
-  expectEditError([&] { TimelineEditEngine::trimEnd(timeline, Uuid::random(), ms(3'000), source); }, EditCase::segmentNotFound);
+  expectEditError([&] { TimelineEditEngine::trimEnd(timeline, Uuid::random(), ms(3'000), source); },
+                  EditCase::segmentNotFound);
 }
 
 TEST(TimelineEditEngineTrimTest, TrimmingAwayAnAnnotationsWholeSpanRemovesIt) {
@@ -123,7 +124,8 @@ TEST(TimelineEditEngineTrimTest, TrimmingAwayAnAnnotationsWholeSpanRemovesIt) {
 
 TEST(TimelineEditEngineRippleDeleteTest, LastClipCannotGoEvenUnderAnUnknownId) {
   EditTimeline single = timelineOf({clip(ms(0), ms(10'000))});
-  expectEditError([&] { TimelineEditEngine::rippleDelete(single, Uuid::random(), source); }, EditCase::cannotDeleteLastSegment);
+  expectEditError([&] { TimelineEditEngine::rippleDelete(single, Uuid::random(), source); },
+                  EditCase::cannotDeleteLastSegment);
   EditTimeline two = timelineOf({clip(ms(0), ms(2'000)), clip(ms(3'000), ms(4'000))});
   expectEditError([&] { TimelineEditEngine::rippleDelete(two, Uuid::random(), source); }, EditCase::segmentNotFound);
 }
@@ -159,8 +161,8 @@ TEST(TimelineEditEngineCutTest, CutOfTheLeftPartKeepsTheIdOnTheRightPiece) {
 
 TEST(TimelineEditEngineCutTest, SeveralRangesApplyInTurnAgainstTheResultSoFar) {
   EditTimeline timeline = timelineOf({clip(ms(0), ms(10'000))});
-  EditTimeline result =
-      TimelineEditEngine::removeSourceRanges(timeline, {span(ms(1'000), ms(2'000)), span(ms(5'000), ms(6'000))}, source);
+  EditTimeline result = TimelineEditEngine::removeSourceRanges(
+      timeline, {span(ms(1'000), ms(2'000)), span(ms(5'000), ms(6'000))}, source);
   ASSERT_EQ(result.segments.size(), 3u);
   EXPECT_EQ(sourceRanges(result),
             (std::vector{span(ms(0), ms(1'000)), span(ms(2'000), ms(5'000)), span(ms(6'000), ms(10'000))}));
@@ -196,7 +198,9 @@ TEST(TimelineEditEngineCutTest, RefusesCutsThatAreEmptyOutsideOrChangeNothing) {
       {"only an already removed gap", {span(ms(4'000), ms(6'000))}, EditCase::invalidRange},
       {"end overflows", {{ms(1'000), ns(INT64_MAX)}}, EditCase::invalidRange},
       {"everything retained", {span(ms(0), ms(10'000))}, EditCase::cannotDeleteLastSegment},
-      {"everything in two cuts", {span(ms(0), ms(4'000)), span(ms(6'000), ms(10'000))}, EditCase::cannotDeleteLastSegment},
+      {"everything in two cuts",
+       {span(ms(0), ms(4'000)), span(ms(6'000), ms(10'000))},
+       EditCase::cannotDeleteLastSegment},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -231,13 +235,20 @@ TEST(TimelineEditEngineTest, ExtremeTimesAreRefusedNotOverflowed) {
   for (ProjectTime extreme : {ns(INT64_MAX), ns(INT64_MIN), ns(INT64_MAX / 2)}) {
     SCOPED_TRACE(extreme.nanoseconds);
     expectEditError([&] { TimelineEditEngine::split(timeline, extreme, source); }, EditCase::noSegmentAtPlayhead);
-    expectEditError([&] { TimelineEditEngine::trimStart(timeline, id, extreme, source); }, EditCase::trimOutsideHandles);
+    expectEditError([&] { TimelineEditEngine::trimStart(timeline, id, extreme, source); },
+                    EditCase::trimOutsideHandles);
     expectEditError([&] { TimelineEditEngine::trimEnd(timeline, id, extreme, source); }, EditCase::trimOutsideHandles);
-    expectEditError([&] { TimelineEditEngine::removeSourceRanges(timeline, {{extreme, ms(1)}}, source); },
-                    EditCase::invalidRange);
+    expectEditError(
+        [&] {
+          TimelineEditEngine::removeSourceRanges(timeline, {{extreme, ms(1)}}, source);
+        },
+        EditCase::invalidRange);
   }
-  expectEditError([&] { TimelineEditEngine::removeSourceRanges(timeline, {{ms(0), ns(INT64_MAX / 2)}}, source); },
-                  EditCase::invalidRange);
+  expectEditError(
+      [&] {
+        TimelineEditEngine::removeSourceRanges(timeline, {{ms(0), ns(INT64_MAX / 2)}}, source);
+      },
+      EditCase::invalidRange);
 }
 
 TEST(TimelineEditEngineTest, ValidationErrorsOfTheResultPassThrough) {

@@ -1,15 +1,16 @@
+#include "timeline/timeline_settings_engine.h"
+
 #include <gtest/gtest.h>
 
 #include <functional>
 #include <map>
 
-#include "engine_test_support.h"
-#include "timeline/timeline_settings_engine.h"
+#include "support/builders.h"
 
 namespace vumo {
 namespace {
 
-using namespace engine_testing;
+using namespace vumo::testing;
 using SettingsCase = TimelineSettingsError::Case;
 using Values = std::map<std::string, std::string>;
 
@@ -40,8 +41,8 @@ TEST(TimelineSettingsEngineTest, BooleansAcceptThreeSpellingsInAnyCase) {
     const char* value;
     std::optional<bool> expected;
   };
-  const Case cases[] = {{"true", true}, {"TRUE", true}, {"On", true},   {"1", true},  {"false", false}, {"OFF", false},
-                        {"0", false},   {"YES", {}},    {"no", {}},     {"", {}},     {" true", {}},    {"2", {}}};
+  const Case cases[] = {{"true", true}, {"TRUE", true}, {"On", true}, {"1", true}, {"false", false}, {"OFF", false},
+                        {"0", false},   {"YES", {}},    {"no", {}},   {"", {}},    {" true", {}},    {"2", {}}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.value);
     EditTimeline timeline = cameraTimeline();
@@ -59,9 +60,9 @@ TEST(TimelineSettingsEngineTest, NumbersMustBeWholeFiniteStringsAndAreClamped) {
     const char* value;
     std::optional<double> padding;
   };
-  const Case cases[] = {{"0.1", 0.1},  {"5", 0.18},    {"-1", 0.0},   {"1e-2", 0.01}, {"+0.05", 0.05},
-                        {"abc", {}},   {" 0.1", {}},   {"0.1 ", {}},  {"", {}},       {"nan", {}},
-                        {"inf", {}},   {"0.1x", {}},   {"1,5", {}}};
+  const Case cases[] = {{"0.1", 0.1}, {"5", 0.18},  {"-1", 0.0},  {"1e-2", 0.01}, {"+0.05", 0.05},
+                        {"abc", {}},  {" 0.1", {}}, {"0.1 ", {}}, {"", {}},       {"nan", {}},
+                        {"inf", {}},  {"0.1x", {}}, {"1,5", {}}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.value);
     if (c.padding) {
@@ -84,13 +85,27 @@ TEST(TimelineSettingsEngineTest, InvalidValueQuotesTheKeyNotTheValue) {
 
 TEST(TimelineSettingsEngineTest, EveryKeyReachesItsField) {
   Values values = {
-      {"audio.microphone.gain-db", "-100"}, {"audio.microphone.muted", "on"}, {"audio.system.gain-db", "20"},
-      {"audio.system.muted", "true"},       {"canvas.aspect", "1:1"},          {"canvas.background", "gradient"},
-      {"canvas.padding", "0.05"},           {"canvas.radius", "0.0234"},       {"cursor.click-ripple", "off"},
-      {"cursor.click-style", "soft-glow"},  {"cursor.scale", "9"},             {"cursor.show", "0"},
-      {"webcam.aspect-ratio", "source"},    {"webcam.border", "false"},        {"webcam.border-width", "1"},
-      {"webcam.corner-radius", "1.5"},      {"webcam.diameter", "0.05"},       {"webcam.mirror", "false"},
-      {"webcam.shadow", "no-such"},         {"webcam.show", "false"},          {"webcam.x", "0.5"},
+      {"audio.microphone.gain-db", "-100"},
+      {"audio.microphone.muted", "on"},
+      {"audio.system.gain-db", "20"},
+      {"audio.system.muted", "true"},
+      {"canvas.aspect", "1:1"},
+      {"canvas.background", "gradient"},
+      {"canvas.padding", "0.05"},
+      {"canvas.radius", "0.0234"},
+      {"cursor.click-ripple", "off"},
+      {"cursor.click-style", "soft-glow"},
+      {"cursor.scale", "9"},
+      {"cursor.show", "0"},
+      {"webcam.aspect-ratio", "source"},
+      {"webcam.border", "false"},
+      {"webcam.border-width", "1"},
+      {"webcam.corner-radius", "1.5"},
+      {"webcam.diameter", "0.05"},
+      {"webcam.mirror", "false"},
+      {"webcam.shadow", "no-such"},
+      {"webcam.show", "false"},
+      {"webcam.x", "0.5"},
       {"webcam.y", "0.4"},
   };
   // One bad value spoils the batch; with it fixed, every field is set.
@@ -161,7 +176,8 @@ TEST(TimelineSettingsEngineTest, CameraKeysNeedACamera) {
   EditTimeline noCamera = timelineOf({clip(ms(0), ms(10'000))});
   EXPECT_EQ(apply({{"cursor.scale", "2"}}, noCamera, false).cursor.scale, 2.0);
   // A camera project whose overlay was never filled in starts from the default.
-  EXPECT_EQ(apply({{"webcam.mirror", "false"}}, noCamera, true).webcamOverlay->diameter, WebcamOverlay::defaultValue().diameter);
+  EXPECT_EQ(apply({{"webcam.mirror", "false"}}, noCamera, true).webcamOverlay->diameter,
+            WebcamOverlay::defaultValue().diameter);
   EXPECT_STREQ(TimelineSettingsError::webcamUnavailable().what(), "This project has no camera track.");
 }
 

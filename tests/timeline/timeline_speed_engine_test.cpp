@@ -1,34 +1,32 @@
+#include "timeline/timeline_speed_engine.h"
+
 #include <gtest/gtest.h>
 
 #include <functional>
 
-#include "engine_test_support.h"
-#include "timeline/timeline_speed_engine.h"
+#include "support/builders.h"
+#include "support/test_support.h"
 #include "timeline/timeline_validation_error.h"
 
 namespace vumo {
 namespace {
 
-using namespace engine_testing;
+using namespace vumo::testing;
 using SpeedCase = TimelineSpeedError::Case;
 
 const ProjectTime source = ms(10'000);
 
 void expectSpeedError(const std::function<void()>& edit, SpeedCase expected) {
-  try {
-    edit();
-    ADD_FAILURE() << "expected a speed error";
-  } catch (const TimelineSpeedError& error) {
-    EXPECT_EQ(error.kind(), expected) << error.what();
-  }
+  EXPECT_EQ(testing::thrownCase<TimelineSpeedError>(edit), expected);
 }
 
-TimelineSpeedChange change(ProjectTime start, ProjectTime end, std::int32_t permille) { return {span(start, end), {permille}}; }
+TimelineSpeedChange change(ProjectTime start, ProjectTime end, std::int32_t permille) {
+  return {span(start, end), {permille}};
+}
 
 TEST(TimelineSpeedEngineNormalizeTest, SnapsSortsAndMergesSameRateChanges) {
   auto merged = TimelineSpeedEngine::normalized({
-      change(ms(5'000), ms(6'000), 1500),
-      change(ms(1'004), ms(2'000), 2000),
+      change(ms(5'000), ms(6'000), 1500), change(ms(1'004), ms(2'000), 2000),
       change(ms(1'500), ms(3'000), 2000),  // overlaps the one before: one range
       change(ms(3'000), ms(4'000), 2000),  // touches it with the same rate: still one range
       change(ms(4'000), ms(5'000), 1500),  // touches with another rate: stays apart
@@ -54,9 +52,11 @@ TEST(TimelineSpeedEngineNormalizeTest, RefusesBadRatesShortRangesAndConflicts) {
       {"under a frame after snapping", {change(ms(1'001), ms(1'006), 2000)}, SpeedCase::invalidRange},
       {"far beyond any recording", {change(ns(INT64_MAX - 100), ns(INT64_MAX), 2000)}, SpeedCase::invalidRange},
       {"backwards", {TimelineSpeedChange{ProjectTimeRange{ms(2'000), ms(-1'000)}, {2000}}}, SpeedCase::invalidRange},
-      {"overlap with another rate", {change(ms(0), ms(2'000), 2000), change(ms(1'000), ms(3'000), 1500)},
+      {"overlap with another rate",
+       {change(ms(0), ms(2'000), 2000), change(ms(1'000), ms(3'000), 1500)},
        SpeedCase::conflictingRanges},
-      {"overlap found after sorting", {change(ms(1'000), ms(3'000), 1500), change(ms(0), ms(1'020), 2000)},
+      {"overlap found after sorting",
+       {change(ms(1'000), ms(3'000), 1500), change(ms(0), ms(1'020), 2000)},
        SpeedCase::conflictingRanges},
   };
   for (const Case& c : cases) {
@@ -69,7 +69,8 @@ TEST(TimelineSpeedEngineSetRateTest, RangeInsideOneClipGivesThreeClipsAndTheLeft
   EditTimeline timeline = timelineOf({clip(ms(0), ms(10'000))});
   EditTimeline result = TimelineSpeedEngine::settingRate({2000}, span(ms(2'000), ms(4'000)), timeline, source);
   ASSERT_EQ(result.segments.size(), 3u);
-  EXPECT_EQ(sourceRanges(result), (std::vector{span(ms(0), ms(2'000)), span(ms(2'000), ms(4'000)), span(ms(4'000), ms(10'000))}));
+  EXPECT_EQ(sourceRanges(result),
+            (std::vector{span(ms(0), ms(2'000)), span(ms(2'000), ms(4'000)), span(ms(4'000), ms(10'000))}));
   EXPECT_EQ(result.segments[0].id, timeline.segments[0].id);
   EXPECT_NE(result.segments[1].id, result.segments[0].id);
   EXPECT_NE(result.segments[2].id, result.segments[1].id);
@@ -146,12 +147,8 @@ TEST(TimelineSpeedEngineSetRateTest, RefusesRangesOutsideTheSourceOrAcrossACut) 
 
 TEST(TimelineSpeedEngineSetRateTest, AClipTooShortForTheRateFailsInTheValidator) {
   EditTimeline timeline = timelineOf({clip(ms(0), ms(1'000))});
-  try {
-    TimelineSpeedEngine::settingRate({2000}, span(ms(0), frame(1)), timeline, source);
-    ADD_FAILURE() << "expected a validation error";
-  } catch (const TimelineValidationError& error) {
-    EXPECT_EQ(error.kind(), TimelineValidationError::Case::sequenceSegmentTooShort);
-  }
+  EXPECT_ERROR_CASE(TimelineSpeedEngine::settingRate({2000}, span(ms(0), frame(1)), timeline, source),
+                    TimelineValidationError, TimelineValidationError::Case::sequenceSegmentTooShort);
 }
 
 TEST(TimelineSpeedEngineApplyTest, NothingToApplyLeavesTheTimelineAsItIs) {
@@ -164,8 +161,8 @@ TEST(TimelineSpeedEngineApplyTest, NothingToApplyLeavesTheTimelineAsItIs) {
 TEST(TimelineSpeedEngineApplyTest, AppliesTheMergedChangesInOrderAndReportsThem) {
   EditTimeline timeline = timelineOf({clip(ms(0), ms(10'000))});
   TimelineSpeedApplication application = TimelineSpeedEngine::applying(
-      {change(ms(6'000), ms(8'000), 500), change(ms(1'000), ms(2'000), 2000), change(ms(1'500), ms(3'000), 2000)}, timeline,
-      source);
+      {change(ms(6'000), ms(8'000), 500), change(ms(1'000), ms(2'000), 2000), change(ms(1'500), ms(3'000), 2000)},
+      timeline, source);
   EXPECT_EQ(application.normalizedChanges,
             (std::vector{change(ms(1'000), ms(3'000), 2000), change(ms(6'000), ms(8'000), 500)}));
   EXPECT_EQ(sourceRanges(application.timeline),

@@ -9,12 +9,12 @@
 // Usage: generate_device_frames <output folder>   (writes catalog.json and the PNG files)
 
 #include <cairo.h>
-#include <nlohmann/json.hpp>
 
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
@@ -42,8 +42,8 @@ struct Device {
   int priority;
   std::string family;
   Style style;
-  int width, height;                             // bitmap
-  double screenX, screenY, screenW, screenH;     // transparent hole
+  int width, height;                          // bitmap
+  double screenX, screenY, screenW, screenH;  // transparent hole
   double screenRadius;
   std::vector<std::string> legacyIDs;
   std::vector<Variant> variants;
@@ -156,17 +156,61 @@ void drawDisplay(cairo_t* cr, const Device& d, const Variant& v) {
 
 std::vector<Device> devices() {
   return {
-      {"vumo-phone-slim", "Slim phone", 10, "phone", Style::slimPhone, 652, 1326, 32, 24, 588, 1278, 72,
+      {"vumo-phone-slim",
+       "Slim phone",
+       10,
+       "phone",
+       Style::slimPhone,
+       652,
+       1326,
+       32,
+       24,
+       588,
+       1278,
+       72,
        {"phone-slim"},
        {{"vumo-phone-slim-graphite", "Graphite", rgb(30, 31, 35), rgb(72, 74, 80), true},
         {"vumo-phone-slim-silver", "Silver", rgb(214, 216, 220), rgb(160, 163, 170), false}}},
-      {"vumo-phone-classic", "Classic phone", 20, "phone", Style::classicPhone, 600, 1200, 30, 120, 540, 960, 0,
+      {"vumo-phone-classic",
+       "Classic phone",
+       20,
+       "phone",
+       Style::classicPhone,
+       600,
+       1200,
+       30,
+       120,
+       540,
+       960,
+       0,
        {},
        {{"vumo-phone-classic-black", "Black", rgb(18, 18, 20), rgb(60, 60, 66), true}}},
-      {"vumo-laptop", "Laptop", 30, "desktop", Style::laptop, 1560, 946, 140, 36, 1280, 800, 10,
+      {"vumo-laptop",
+       "Laptop",
+       30,
+       "desktop",
+       Style::laptop,
+       1560,
+       946,
+       140,
+       36,
+       1280,
+       800,
+       10,
        {},
        {{"vumo-laptop-space-gray", "Space gray", rgb(22, 23, 26), rgb(120, 124, 132), true}}},
-      {"vumo-display", "Desktop display", 40, "desktop", Style::display, 1328, 960, 24, 24, 1280, 720, 6,
+      {"vumo-display",
+       "Desktop display",
+       40,
+       "desktop",
+       Style::display,
+       1328,
+       960,
+       24,
+       24,
+       1280,
+       720,
+       6,
        {},
        {{"vumo-display-black", "Black", rgb(16, 16, 18), rgb(90, 92, 98), true}}},
   };
@@ -201,16 +245,18 @@ int main(int argc, char** argv) {
         return 1;
       }
       cairo_surface_destroy(surface);
-      variants.push_back({{"id", v.id}, {"name", v.name}, {"file", "device-frames/" + file}, {"isDefault", v.isDefault}});
+      variants.push_back(
+          {{"id", v.id}, {"name", v.name}, {"file", "device-frames/" + file}, {"isDefault", v.isDefault}});
     }
-    nlohmann::json device = {{"id", d.id},
-                             {"name", d.name},
-                             {"priority", d.priority},
-                             {"family", d.family},
-                             {"outerPixelSize", {{"width", d.width}, {"height", d.height}}},
-                             {"screenRect", {{"x", d.screenX}, {"y", d.screenY}, {"width", d.screenW}, {"height", d.screenH}}},
-                             {"screenCornerRadius", d.screenRadius},
-                             {"variants", variants}};
+    nlohmann::json device = {
+        {"id", d.id},
+        {"name", d.name},
+        {"priority", d.priority},
+        {"family", d.family},
+        {"outerPixelSize", {{"width", d.width}, {"height", d.height}}},
+        {"screenRect", {{"x", d.screenX}, {"y", d.screenY}, {"width", d.screenW}, {"height", d.screenH}}},
+        {"screenCornerRadius", d.screenRadius},
+        {"variants", variants}};
     if (!d.legacyIDs.empty()) device["legacyAssetIDs"] = d.legacyIDs;
     catalog["devices"].push_back(device);
   }

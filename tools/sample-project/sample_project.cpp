@@ -1,10 +1,9 @@
 #include "sample_project.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <spawn.h>
 #include <sys/wait.h>
-
-#include <fmt/format.h>
 
 #include <cmath>
 
@@ -63,12 +62,12 @@ ProjectPackage makeSampleProject(ProjectStore& store, const SampleProjectOptions
   CreatedProject created = store.createProject(source, recording, options.size, std::nullopt, std::nullopt);
 
   const double seconds = static_cast<double>(options.duration.nanoseconds) / 1e9;
-  std::vector<std::string> arguments = {
-      "-f", "lavfi", "-i",
-      fmt::format("testsrc2=size={}x{}:rate={}:duration={:.3f}", options.size.width, options.size.height,
-                  options.framesPerSecond, seconds)};
+  std::vector<std::string> arguments = {"-f", "lavfi", "-i",
+                                        fmt::format("testsrc2=size={}x{}:rate={}:duration={:.3f}", options.size.width,
+                                                    options.size.height, options.framesPerSecond, seconds)};
   if (options.withSystemAudio) {
-    arguments.insert(arguments.end(), {"-f", "lavfi", "-i", fmt::format("sine=frequency=440:duration={:.3f}", seconds)});
+    arguments.insert(arguments.end(),
+                     {"-f", "lavfi", "-i", fmt::format("sine=frequency=440:duration={:.3f}", seconds)});
     arguments.insert(arguments.end(), {"-c:a", "aac", "-b:a", "64k"});
   }
   arguments.insert(arguments.end(), {"-c:v", "mpeg4", "-q:v", "8", "-pix_fmt", "yuv420p", "-shortest",
@@ -94,7 +93,8 @@ ProjectPackage makeSampleProject(ProjectStore& store, const SampleProjectOptions
       }
       events.push_back(pointerEvent(ms, pointAt(ms), MousePhase::moved, options.size));
     }
-    std::stable_sort(events.begin(), events.end(), [](const MouseEvent& a, const MouseEvent& b) { return a.time < b.time; });
+    std::stable_sort(events.begin(), events.end(),
+                     [](const MouseEvent& a, const MouseEvent& b) { return a.time < b.time; });
     for (const auto& event : events) chunks.append(event);
     chunks.flush();
   }
