@@ -2,9 +2,10 @@
 
 #include <cmath>
 
+#include "shared/json.h"
 #include "shared/name_table.h"
 #include "timeline/edit_timeline.h"
-#include "timeline/timeline_validator.h"
+#include "timeline/grapheme_clusters.h"
 
 namespace vumo {
 
@@ -19,18 +20,12 @@ struct CaseText {
 
 CaseText describe(Case kind) {
   switch (kind) {
-    case Case::invalidDocument:
-      return {"editPlan.error.invalidDocument", "Edit Plan Schema 1/2/3文档无效。"};
-    case Case::invalidOperation:
-      return {"editPlan.error.invalidOperation", "Edit Plan包含无效或互相冲突的操作。"};
-    case Case::staleJob:
-      return {"editPlan.error.staleJob", "Edit Plan任务与当前项目或Timeline不一致，请重新准备。"};
-    case Case::staleCaptions:
-      return {"editPlan.error.staleCaptions", "字幕内容已变化，请重新生成剪辑计划。"};
-    case Case::stalePlan:
-      return {"editPlan.error.stalePlan", "Edit Plan文件已变化，请重新预演。"};
-    case Case::documentTooLarge:
-      return {"editPlan.error.documentTooLarge", "Edit Plan文件超过1MB安全上限。"};
+    case Case::invalidDocument: return {"editPlan.error.invalidDocument", "Edit Plan Schema 1/2/3文档无效。"};
+    case Case::invalidOperation: return {"editPlan.error.invalidOperation", "Edit Plan包含无效或互相冲突的操作。"};
+    case Case::staleJob: return {"editPlan.error.staleJob", "Edit Plan任务与当前项目或Timeline不一致，请重新准备。"};
+    case Case::staleCaptions: return {"editPlan.error.staleCaptions", "字幕内容已变化，请重新生成剪辑计划。"};
+    case Case::stalePlan: return {"editPlan.error.stalePlan", "Edit Plan文件已变化，请重新预演。"};
+    case Case::documentTooLarge: return {"editPlan.error.documentTooLarge", "Edit Plan文件超过1MB安全上限。"};
   }
   return {"editPlan.error.invalidDocument", "Edit Plan Schema 1/2/3文档无效。"};
 }
@@ -44,7 +39,8 @@ constexpr std::int64_t minimumRangeMilliseconds = 17;
 std::map<std::string, std::string> decodeStringDictionary(const Json& value) {
   json::requireObject(value, "values");
   std::map<std::string, std::string> values;
-  for (auto item = value.begin(); item != value.end(); ++item) values[item.key()] = json::asString(item.value(), item.key());
+  for (auto item = value.begin(); item != value.end(); ++item)
+    values[item.key()] = json::asString(item.value(), item.key());
   return values;
 }
 
@@ -55,7 +51,8 @@ class OperationReader {
       : schema_(schema), sourceMilliseconds_(sourceDuration.nanoseconds / nanosecondsPerMillisecond) {}
 
   void read(const EditPlanOperation& operation, TimelineEditPlan& plan) {
-    if (operation.reason && graphemeCount(*operation.reason) > EditPlanExchangeDocument::maximumReasonCharacters)
+    if (operation.reason &&
+        GraphemeClusterCounter().exceeds(*operation.reason, EditPlanExchangeDocument::maximumReasonCharacters))
       fail(Case::invalidOperation);
     switch (operation.type) {
       case EditPlanOperationType::cut:
@@ -87,7 +84,8 @@ class OperationReader {
         if (!operation.level || !std::isfinite(*operation.level)) fail(Case::invalidOperation);
         if (operation.focusX.has_value() != operation.focusY.has_value()) fail(Case::invalidOperation);
         PlannedZoom zoom{sourceRange(operation), *operation.level, std::nullopt};
-        if (operation.focusX) zoom.focus = PointValue{unitCoordinate(*operation.focusX), unitCoordinate(*operation.focusY)};
+        if (operation.focusX)
+          zoom.focus = PointValue{unitCoordinate(*operation.focusX), unitCoordinate(*operation.focusY)};
         plan.zooms.push_back(zoom);
         return;
       }
@@ -111,7 +109,8 @@ class OperationReader {
   }
 
   static void requireNoFields(const EditPlanOperation& operation) {
-    requireAbsent(operation.range, operation.level, operation.rate, operation.focusX, operation.focusY, operation.values);
+    requireAbsent(operation.range, operation.level, operation.rate, operation.focusX, operation.focusY,
+                  operation.values);
   }
 
   void requireSchema(std::int64_t minimum) const {
@@ -164,12 +163,10 @@ ErrorClassification EditPlanValidationError::classification() const {
   switch (kind_) {
     case Case::staleJob:
     case Case::staleCaptions:
-    case Case::stalePlan:
-      return {"edit_plan_conflict", ErrorKind::conflict};
+    case Case::stalePlan: return {"edit_plan_conflict", ErrorKind::conflict};
     case Case::invalidDocument:
     case Case::invalidOperation:
-    case Case::documentTooLarge:
-      return {"validation", ErrorKind::validation};
+    case Case::documentTooLarge: return {"validation", ErrorKind::validation};
   }
   return {"validation", ErrorKind::validation};
 }
@@ -320,8 +317,8 @@ void EditPlanExchangeDocument::verifyMatches(const EditPlanJob& job) const {
   if (captionsDigest != job.captionsDigest) fail(Case::staleCaptions);
 }
 
-void EditPlanJob::verifyCurrent(const Uuid& requestedJobID, const Uuid& currentProjectID, std::string_view currentTimelineDigest,
-                                std::string_view currentCaptionsDigest) const {
+void EditPlanJob::verifyCurrent(const Uuid& requestedJobID, const Uuid& currentProjectID,
+                                std::string_view currentTimelineDigest, std::string_view currentCaptionsDigest) const {
   if (protocolVersion < EditPlanExchangeDocument::minimumProtocolVersion ||
       protocolVersion > EditPlanExchangeDocument::currentProtocolVersion || id != requestedJobID ||
       projectID != currentProjectID || timelineDigest != currentTimelineDigest)

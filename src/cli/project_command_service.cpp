@@ -8,6 +8,7 @@
 #include "captions/caption_errors.h"
 #include "cli/project_inspector.h"
 #include "shared/digest.h"
+#include "shared/json.h"
 #include "timeline/auto_zoom_engine.h"
 #include "timeline/timeline_edit_engine.h"
 #include "timeline/timeline_effect_engine.h"
@@ -34,7 +35,8 @@ std::vector<CLIRange> millisecondRanges(const std::vector<ProjectTimeRange>& ran
   return out;
 }
 
-std::vector<CLIZoomReconciliationDescription> describeReconciliations(const std::vector<ZoomReconciliation>& reconciliations) {
+std::vector<CLIZoomReconciliationDescription> describeReconciliations(
+    const std::vector<ZoomReconciliation>& reconciliations) {
   std::vector<CLIZoomReconciliationDescription> out;
   for (const auto& r : reconciliations)
     out.push_back({r.zoomID.string(), CLIRange::from(r.originalRange), std::string(jsonString(r.action)),
@@ -76,8 +78,10 @@ std::string segmentNamespace(const EditTimeline& timeline) {
 const std::vector<std::string>& editPlanInstructions() {
   static const std::vector<std::string> instructions = {
       "把完整Edit Plan Schema 3写入planPath；所有时间为Source milliseconds，范围按describe返回的Source Time填写。",
-      "最多500项，只能包含cut、speed、zoom-clear、zoom-reconcile、zoom-add和一组settings；speed倍率为0.50至4.00，步进0.01。",
-      "写入后执行edit-plan-preview预演，向用户报告整批影响并等待明确确认；提交时只执行预演返回的confirmationArguments。",
+      "最多500项，只能包含cut、speed、zoom-clear、zoom-reconcile、zoom-add和一组settings；speed倍率为0.50至4.00，步进0."
+      "01。",
+      "写入后执行edit-plan-"
+      "preview预演，向用户报告整批影响并等待明确确认；提交时只执行预演返回的confirmationArguments。",
   };
   return instructions;
 }
@@ -135,7 +139,8 @@ CLICaptionReadResponse ProjectCommandService::readCaptions(const std::string& pr
   }
   response.language = snapshot.captions->language;
   response.sourceTrack = std::string(rawValue(snapshot.captions->sourceTrack));
-  for (const auto& cue : snapshot.captions->cues) response.cues.push_back(ProjectInspector::cueDescription(cue, mapper));
+  for (const auto& cue : snapshot.captions->cues)
+    response.cues.push_back(ProjectInspector::cueDescription(cue, mapper));
   return response;
 }
 
@@ -183,7 +188,9 @@ ProjectCommandService::MutationResult ProjectCommandService::compute(const CLIMu
           auto zooms = ProjectInspector::zoomsByStart(timeline);
           if (*m.index >= static_cast<std::int64_t>(zooms.size()))
             throw TimelineEffectError(TimelineEffectError::Case::zoomIndexInvalid);
-          return {TimelineEffectEngine::removeZoom(timeline, zooms[static_cast<std::size_t>(*m.index)].id, duration), {}, {}};
+          return {TimelineEffectEngine::removeZoom(timeline, zooms[static_cast<std::size_t>(*m.index)].id, duration),
+                  {},
+                  {}};
         } else if constexpr (std::is_same_v<T, CLIMutation::RestoreHistory>) {
           return {store_.historyTimeline(m.index, project.package, duration, hasWebcam), {}, {}};
         } else {
@@ -217,7 +224,8 @@ CLIMutationResponse ProjectCommandService::mutate(const CLIMutationRequest& requ
     response.confirmationArguments = confirmationArguments(request.mutation, request.projectID, project.digest);
     return response;
   }
-  response.warnings = store_.commitTimeline(result.timeline, request.expectedDigest.value_or(""), std::nullopt, project.package);
+  response.warnings =
+      store_.commitTimeline(result.timeline, request.expectedDigest.value_or(""), std::nullopt, project.package);
   response.applied = true;
   response.resultingDigest = currentTimelineDigest(project.package);
   return response;
@@ -234,12 +242,13 @@ std::vector<std::string> ProjectCommandService::confirmationArguments(const CLIM
           if (m.domain == CLITimeDomain::source) w.push_back("--source");
           return w;
         } else if constexpr (std::is_same_v<T, CLIMutation::Speed>) {
-          std::vector<std::string> w{"speed-set", projectID, "--range", rangeText(m.range), "--rate",
-                                     shortestDecimal(m.rate.permille / 1000.0)};
+          std::vector<std::string> w{"speed-set",        projectID, "--range",
+                                     rangeText(m.range), "--rate",  shortestDecimal(m.rate.permille / 1000.0)};
           if (m.domain == CLITimeDomain::source) w.push_back("--source");
           return w;
         } else if constexpr (std::is_same_v<T, CLIMutation::ZoomAdd>) {
-          std::vector<std::string> w{"zoom-add", projectID, "--range", rangeText(m.range), "--level", shortestDecimal(m.level)};
+          std::vector<std::string> w{"zoom-add",         projectID, "--range",
+                                     rangeText(m.range), "--level", shortestDecimal(m.level)};
           if (m.domain == CLITimeDomain::source) w.push_back("--source");
           if (m.focus) {
             w.push_back("--at");
@@ -330,8 +339,9 @@ CLIEditPlanResponse ProjectCommandService::executeEditPlan(const CLIEditPlanRequ
                                request.expectedPlanDigest.value_or(""), project.digest, captionsDigest, planDigest);
 
   TimelineEditPlan plan = document.domainPlan(duration);
-  TimelinePlanResult result = TimelinePlanEngine::apply(plan, snapshot.timeline, duration, snapshot.manifest.webcam.has_value(),
-                                                        snapshot.manifest.encodedPixelSize, snapshot.mouseEvents);
+  TimelinePlanResult result =
+      TimelinePlanEngine::apply(plan, snapshot.timeline, duration, snapshot.manifest.webcam.has_value(),
+                                snapshot.manifest.encodedPixelSize, snapshot.mouseEvents);
 
   CLIEditPlanResponse response;
   response.projectID = snapshot.manifest.id.string();
@@ -348,14 +358,15 @@ CLIEditPlanResponse ProjectCommandService::executeEditPlan(const CLIEditPlanRequ
     response.normalizedSpeedChanges.push_back(
         {change.range.start.cliMilliseconds(), change.range.end().cliMilliseconds(), change.rate.multiplier()});
   response.zoomReconciliations = describeReconciliations(result.zoomReconciliations);
-  auto impact = captionImpact(snapshot.captions, snapshot.timeline, result.timeline, result.normalizedCutRanges, duration);
+  auto impact =
+      captionImpact(snapshot.captions, snapshot.timeline, result.timeline, result.normalizedCutRanges, duration);
   response.captionImpacts = std::move(impact.impacts);
   response.fullyRemovedCaptionIDs = std::move(impact.removed);
   response.splitCaptionIDs = std::move(impact.split);
 
   if (!request.appliesChanges) {
     response.confirmationArguments =
-        std::vector<std::string>{"edit-plan-preview", request.projectID, "--job",  request.jobID.string(),
+        std::vector<std::string>{"edit-plan-preview", request.projectID,   "--job",        request.jobID.string(),
                                  "--apply",           "--expect-timeline", project.digest, "--expect-captions",
                                  captionsDigest,      "--expect-plan",     planDigest};
     return response;
@@ -422,7 +433,8 @@ ProjectCommandService::CaptionImpact ProjectCommandService::captionImpact(
       impact.split.push_back(row.cueID);
       bool wordHit = std::any_of(cue.words.begin(), cue.words.end(), [&](const CaptionWord& word) {
         auto wordRange = ProjectTimeRange::fromStartEnd(word.start, word.end);
-        return std::any_of(affected.begin(), affected.end(), [&](const auto& cut) { return cut.intersection(wordRange).has_value(); });
+        return std::any_of(affected.begin(), affected.end(),
+                           [&](const auto& cut) { return cut.intersection(wordRange).has_value(); });
       });
       row.kind = wordHit ? "word-timing-overlap" : "cue-timing-overlap";
     }

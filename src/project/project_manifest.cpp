@@ -1,6 +1,7 @@
 #include "project/project_manifest.h"
 
 #include "project/json_fields.h"
+#include "shared/json.h"
 
 namespace vumo {
 
@@ -32,9 +33,7 @@ std::string CaptureSourceDescriptor::identifier() const {
 }
 
 void to_json(Json& j, const ProjectState& v) { j = std::string(projectStateName(v)); }
-void from_json(const Json& j, ProjectState& v) {
-  v = project_json::enumFromString(j, "ProjectState", stateNames);
-}
+void from_json(const Json& j, ProjectState& v) { v = project_json::enumFromString(j, "ProjectState", stateNames); }
 void to_json(Json& j, const CaptureSourceKind& v) { j = std::string(captureSourceKindName(v)); }
 void from_json(const Json& j, CaptureSourceKind& v) {
   v = project_json::enumFromString(j, "CaptureSourceKind", sourceKindNames);
@@ -176,16 +175,11 @@ void from_json(const Json& j, RecordingMetrics& v) {
 }
 
 void to_json(Json& j, const ProjectManifest& v) {
-  j = Json{{"version", v.version},
-           {"id", v.id},
-           {"createdAt", v.createdAt},
-           {"updatedAt", v.updatedAt},
-           {"state", v.state},
-           {"source", v.source},
-           {"options", v.options},
-           {"encodedPixelSize", v.encodedPixelSize},
-           {"duration", v.duration},
-           {"media", v.media},
+  j = Json{{"version", v.version},     {"id", v.id},
+           {"createdAt", v.createdAt}, {"updatedAt", v.updatedAt},
+           {"state", v.state},         {"source", v.source},
+           {"options", v.options},     {"encodedPixelSize", v.encodedPixelSize},
+           {"duration", v.duration},   {"media", v.media},
            {"metrics", v.metrics}};
   json::setOptional(j, "microphone", v.microphone);
   json::setOptional(j, "webcam", v.webcam);

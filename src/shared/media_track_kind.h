@@ -3,7 +3,7 @@
 #include <optional>
 #include <string_view>
 
-#include "shared/json.h"
+#include "shared/json_fwd.h"
 
 namespace vumo {
 

@@ -11,6 +11,7 @@
 
 #include "shared/document_limits.h"
 #include "shared/files.h"
+#include "shared/json.h"
 #include "timeline/device_frame_catalog_data.h"
 
 namespace vumo {
@@ -57,7 +58,8 @@ void check(const DeviceFrameCatalog& catalog) {
         device.screenCornerRadius * 2 > std::min(screen.width, screen.height))
       invalid("device " + device.id + " has an impossible corner radius");
     if (device.variants.empty()) invalid("device " + device.id + " has no variants");
-    auto defaults = std::count_if(device.variants.begin(), device.variants.end(), [](const auto& v) { return v.isDefault; });
+    auto defaults =
+        std::count_if(device.variants.begin(), device.variants.end(), [](const auto& v) { return v.isDefault; });
     if (defaults != 1) invalid("device " + device.id + " needs exactly one default variant");
     for (const auto& variant : device.variants) {
       claim(variant.id);
@@ -110,9 +112,12 @@ void to_json(Json& j, DeviceFrameFamily value) { j = std::string(jsonString(valu
 
 void from_json(const Json& j, DeviceFrameFamily& value) {
   std::string text = json::asString(j, "family");
-  if (text == "phone") value = DeviceFrameFamily::phone;
-  else if (text == "desktop") value = DeviceFrameFamily::desktop;
-  else throw DecodingError("Unsupported device family: " + text);
+  if (text == "phone")
+    value = DeviceFrameFamily::phone;
+  else if (text == "desktop")
+    value = DeviceFrameFamily::desktop;
+  else
+    throw DecodingError("Unsupported device family: " + text);
 }
 
 void to_json(Json& j, const DeviceFrameVariant& variant) {

@@ -14,7 +14,7 @@
 
 #include "shared/error.h"
 #include "shared/geometry.h"
-#include "shared/json.h"
+#include "shared/json_fwd.h"
 #include "timeline/scene_layout.h"
 
 namespace vumo {
@@ -40,9 +40,9 @@ void from_json(const Json& j, DeviceFrameVariant& variant);
 struct DeviceFrameDescriptor {
   std::string id;
   std::string name;
-  std::int64_t priority = 0;  // lower comes first in pickers
-  PixelSize outerPixelSize;   // size of every variant's bitmap
-  RectValue screenRect;       // the transparent screen area within the bitmap, in pixels
+  std::int64_t priority = 0;      // lower comes first in pickers
+  PixelSize outerPixelSize;       // size of every variant's bitmap
+  RectValue screenRect;           // the transparent screen area within the bitmap, in pixels
   double screenCornerRadius = 0;  // pixels of the bitmap
   std::vector<DeviceFrameVariant> variants;
   std::optional<std::vector<std::string>> legacyAssetIDs;  // older ids that still resolve here

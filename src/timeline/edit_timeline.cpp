@@ -6,8 +6,10 @@
 #include <cmath>
 #include <utility>
 
+#include "shared/json.h"
 #include "shared/name_table.h"
 #include "timeline/annotation_track_assignment.h"
+#include "timeline/timeline_validator.h"
 
 namespace vumo {
 
@@ -207,9 +209,13 @@ void from_json(const Json& j, CanvasColorValue& color) {
 }
 
 std::string_view jsonString(CanvasAspectRatio value) { return nameOf(aspectRatioNames, value); }
-std::optional<CanvasAspectRatio> parseCanvasAspectRatio(std::string_view text) { return parseName(aspectRatioNames, text); }
+std::optional<CanvasAspectRatio> parseCanvasAspectRatio(std::string_view text) {
+  return parseName(aspectRatioNames, text);
+}
 void to_json(Json& j, CanvasAspectRatio value) { j = std::string(jsonString(value)); }
-void from_json(const Json& j, CanvasAspectRatio& value) { value = decodeName(aspectRatioNames, j, "canvas aspect ratio"); }
+void from_json(const Json& j, CanvasAspectRatio& value) {
+  value = decodeName(aspectRatioNames, j, "canvas aspect ratio");
+}
 
 double outputAspectRatio(CanvasAspectRatio value, double sourceAspectRatio) {
   switch (value) {
@@ -224,7 +230,9 @@ double outputAspectRatio(CanvasAspectRatio value, double sourceAspectRatio) {
 }
 
 std::string_view jsonString(CanvasBackground value) { return nameOf(backgroundNames, value); }
-std::optional<CanvasBackground> parseCanvasBackground(std::string_view text) { return parseName(backgroundNames, text); }
+std::optional<CanvasBackground> parseCanvasBackground(std::string_view text) {
+  return parseName(backgroundNames, text);
+}
 void to_json(Json& j, CanvasBackground value) { j = std::string(jsonString(value)); }
 void from_json(const Json& j, CanvasBackground& value) { value = decodeName(backgroundNames, j, "canvas background"); }
 
@@ -256,7 +264,8 @@ CanvasBackground presetBackground(CanvasBackgroundPreset value) {
 }
 
 CanvasBackgroundPreset defaultPreset(CanvasBackground background) {
-  return background == CanvasBackground::gradient ? CanvasBackgroundPreset::midnightViolet : CanvasBackgroundPreset::midnight;
+  return background == CanvasBackground::gradient ? CanvasBackgroundPreset::midnightViolet
+                                                  : CanvasBackgroundPreset::midnight;
 }
 
 void to_json(Json& j, CanvasBackgroundPreset value) { j = std::string(jsonString(value)); }
@@ -369,9 +378,13 @@ void from_json(const Json& j, CursorEdit& cursor) {
 // Camera overlay
 
 std::string_view jsonString(WebcamAspectRatio value) { return nameOf(webcamAspectNames, value); }
-std::optional<WebcamAspectRatio> parseWebcamAspectRatio(std::string_view text) { return parseName(webcamAspectNames, text); }
+std::optional<WebcamAspectRatio> parseWebcamAspectRatio(std::string_view text) {
+  return parseName(webcamAspectNames, text);
+}
 void to_json(Json& j, WebcamAspectRatio value) { j = std::string(jsonString(value)); }
-void from_json(const Json& j, WebcamAspectRatio& value) { value = decodeName(webcamAspectNames, j, "camera aspect ratio"); }
+void from_json(const Json& j, WebcamAspectRatio& value) {
+  value = decodeName(webcamAspectNames, j, "camera aspect ratio");
+}
 
 void to_json(Json& j, const WebcamOverlay& overlay) {
   j = Json::object();
@@ -455,7 +468,9 @@ void from_json(const Json& j, AudioTrackEdit& track) {
   track.gainDecibels = json::required<double>(j, "gainDecibels");
 }
 
-void to_json(Json& j, const AudioMixEdit& mix) { j = Json{{"systemAudio", mix.systemAudio}, {"microphone", mix.microphone}}; }
+void to_json(Json& j, const AudioMixEdit& mix) {
+  j = Json{{"systemAudio", mix.systemAudio}, {"microphone", mix.microphone}};
+}
 
 void from_json(const Json& j, AudioMixEdit& mix) {
   requireObject(j, "the audio mix");
@@ -515,7 +530,9 @@ void from_json(const Json& j, ZoomSegment& zoom) {
 // Annotations
 
 std::string_view jsonString(AnnotationKind value) { return nameOf(annotationKindNames, value); }
-std::optional<AnnotationKind> parseAnnotationKind(std::string_view text) { return parseName(annotationKindNames, text); }
+std::optional<AnnotationKind> parseAnnotationKind(std::string_view text) {
+  return parseName(annotationKindNames, text);
+}
 void to_json(Json& j, AnnotationKind value) { j = std::string(jsonString(value)); }
 void from_json(const Json& j, AnnotationKind& value) { value = decodeName(annotationKindNames, j, "annotation kind"); }
 
@@ -675,8 +692,9 @@ void from_json(const Json& j, EditTimeline& timeline) {
 }
 
 EditTimeline decodeEditTimeline(std::string_view jsonText) {
-  Json document = parseJson(jsonText);
-  return json::as<EditTimeline>(document, "timeline");
+  EditTimeline timeline = json::as<EditTimeline>(parseJson(jsonText), "timeline");
+  TimelineValidator::requireUniqueIDs(timeline);
+  return timeline;
 }
 
 std::string encodeEditTimeline(const EditTimeline& timeline) { return encodeDocument(Json(timeline)); }

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "shared/geometry.h"
-#include "shared/json.h"
+#include "shared/json_fwd.h"
 #include "shared/project_time.h"
 #include "shared/uuid.h"
 #include "timeline/timeline_frame_grid.h"
@@ -176,7 +176,7 @@ struct CanvasEdit {
   CanvasBackground background = CanvasBackground::gradient;
   CanvasBackgroundPreset preset = CanvasBackgroundPreset::midnightViolet;
   std::optional<CanvasBackgroundImage> image;
-  double padding = 0.08;       // share of the output on every side
+  double padding = 0.08;        // share of the output on every side
   double cornerRadius = 0.015;  // share, see the canvas layout
 
   static constexpr double legacyCornerRadius = 0.035;
@@ -434,7 +434,9 @@ struct EditTimeline {
 void to_json(Json& j, const EditTimeline& timeline);
 void from_json(const Json& j, EditTimeline& timeline);
 
-// Reads a timeline document; malformed text or a bad value is a DecodingError.
+// Reads a timeline document; malformed text or a bad value is a DecodingError, and items of one
+// kind sharing an id are TimelineValidationError `duplicateID` (see
+// TimelineValidator::requireUniqueIDs).
 EditTimeline decodeEditTimeline(std::string_view jsonText);
 // The document text: pretty printed, sorted keys, absent optionals left out.
 std::string encodeEditTimeline(const EditTimeline& timeline);

@@ -43,6 +43,8 @@ CaseText caseText(TimelineValidationError::Case kind) {
       return {"timeline.error.simultaneousLimit", "No more than 16 static annotations can be shown at once."};
     case Case::annotationsRequireSchema7:
       return {"timeline.error.annotationSchema", "Static annotations require Timeline Schema 7."};
+    case Case::duplicateID:
+      return {"timeline.error.duplicateID", "Two items of one kind in the timeline share an identifier."};
   }
   return {"timeline.error.invalid", "The timeline is invalid."};
 }
@@ -69,7 +71,9 @@ TimelineValidationError TimelineValidationError::withID(Case kind, const Uuid& i
   return TimelineValidationError(kind, id, 0);
 }
 
-TimelineValidationError TimelineValidationError::of(Case kind) { return TimelineValidationError(kind, std::nullopt, 0); }
+TimelineValidationError TimelineValidationError::of(Case kind) {
+  return TimelineValidationError(kind, std::nullopt, 0);
+}
 
 const char* TimelineValidationError::localizationKeyOf(Case kind) { return caseText(kind).key; }
 

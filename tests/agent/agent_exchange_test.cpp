@@ -8,6 +8,7 @@
 #include <string>
 
 #include "shared/files.h"
+#include "shared/json.h"
 #include "support/test_support.h"
 
 namespace vumo {
@@ -122,7 +123,8 @@ TEST_F(AgentExchangeFolder, FileMustLieInAFolderDirectlyUnderTheRoot) {
 }
 
 TEST_F(AgentExchangeFolder, NothingIsReadBeforeTheRootExists) {
-  EXPECT_EQ(caseOf([&] { readEditPlanData(exchangeRootDirectory() / jobID.string() / "edit-plan.json"); }), Case::invalidDocument);
+  EXPECT_EQ(caseOf([&] { readEditPlanData(exchangeRootDirectory() / jobID.string() / "edit-plan.json"); }),
+            Case::invalidDocument);
 }
 
 TEST_F(AgentExchangeFolder, SizeLimitsAreInclusiveAndSayWhichDocumentIsTooLarge) {

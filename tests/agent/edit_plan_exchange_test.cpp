@@ -5,6 +5,7 @@
 #include <string>
 
 #include "plan_builders.h"
+#include "shared/json.h"
 
 namespace vumo {
 namespace {
@@ -26,7 +27,9 @@ Json documentWith(std::int64_t schema, Json operations) {
               {"operations", std::move(operations)}};
 }
 
-Json rangeJson(std::int64_t start, std::int64_t end) { return Json{{"startMilliseconds", start}, {"endMilliseconds", end}}; }
+Json rangeJson(std::int64_t start, std::int64_t end) {
+  return Json{{"startMilliseconds", start}, {"endMilliseconds", end}};
+}
 
 EditPlanExchangeDocument decoded(const Json& document) { return decodeEditPlanDocument(encodeDocument(document)); }
 
@@ -70,7 +73,8 @@ TEST(EditPlanExchangeDocument, DecodesEveryFieldAndEncodesBackToTheSameJSON) {
 
 TEST(EditPlanExchangeDocument, EveryTopLevelKeyIsRequired) {
   Json complete = documentWith(3, Json::array({Json{{"type", "zoom-clear"}}}));
-  for (const char* key : {"protocolVersion", "jobID", "projectID", "timelineDigest", "captionsDigest", "timeDomain", "operations"}) {
+  for (const char* key :
+       {"protocolVersion", "jobID", "projectID", "timelineDigest", "captionsDigest", "timeDomain", "operations"}) {
     Json document = complete;
     document.erase(key);
     EXPECT_EQ(caseOf([&] { decoded(document); }), Case::invalidDocument) << key;
@@ -84,12 +88,14 @@ TEST(EditPlanExchangeDocument, MalformedDocumentsAreInvalidDocuments) {
       "[]",
       R"({"protocolVersion": "3"})",
       encodeDocument(documentWith(3, Json::array({Json{{"type", "trim"}}}))),
-      encodeDocument(documentWith(3, Json::array({Json{{"type", "cut"}, {"range", {{"startMilliseconds", 1.5}, {"endMilliseconds", 9}}}}}))),
+      encodeDocument(documentWith(
+          3, Json::array({Json{{"type", "cut"}, {"range", {{"startMilliseconds", 1.5}, {"endMilliseconds", 9}}}}}))),
       encodeDocument(documentWith(3, Json::array({Json{{"type", "settings"}, {"values", {{"cursor.scale", 2}}}}}))),
       encodeDocument(documentWith(3, Json::array({Json{{"type", "settings"}, {"values", Json::array({"a", "b"})}}}))),
       encodeDocument(documentWith(3, Json::object())),
   };
-  for (const std::string& text : texts) EXPECT_EQ(caseOf([&] { decodeEditPlanDocument(text); }), Case::invalidDocument) << text;
+  for (const std::string& text : texts)
+    EXPECT_EQ(caseOf([&] { decodeEditPlanDocument(text); }), Case::invalidDocument) << text;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -106,7 +112,8 @@ TEST(EditPlanExchangeDocument, DomainPlanFillsListsInDocumentOrderInNanoseconds)
                                   }));
   TimelineEditPlan plan = decoded(document).domainPlan(kSource);
   EXPECT_EQ(plan.cuts, (std::vector<ProjectTimeRange>{rangeMs(9'000, 9'500), rangeMs(1'000, 1'017)}));
-  EXPECT_EQ(plan.speedChanges, (std::vector<TimelineSpeedChange>{{rangeMs(30'000, 40'000), TimelinePlaybackRate{2000}}}));
+  EXPECT_EQ(plan.speedChanges,
+            (std::vector<TimelineSpeedChange>{{rangeMs(30'000, 40'000), TimelinePlaybackRate{2000}}}));
   ASSERT_EQ(plan.zooms.size(), 1u);
   EXPECT_EQ(plan.zooms[0].scale, 9.0);  // the engine clamps, not the reader
   EXPECT_FALSE(plan.zooms[0].focus.has_value());
@@ -118,7 +125,8 @@ TEST(EditPlanExchangeDocument, DomainPlanFillsListsInDocumentOrderInNanoseconds)
 
 TEST(EditPlanExchangeDocument, UnknownSchemaOrTimeDomainIsAnInvalidDocument) {
   Json operations = Json::array({Json{{"type", "zoom-clear"}}});
-  for (std::int64_t schema : {0, 4, -1}) EXPECT_EQ(caseOf([&] { decoded(documentWith(schema, operations)).domainPlan(kSource); }), Case::invalidDocument);
+  for (std::int64_t schema : {0, 4, -1})
+    EXPECT_EQ(caseOf([&] { decoded(documentWith(schema, operations)).domainPlan(kSource); }), Case::invalidDocument);
   Json document = documentWith(3, operations);
   document["timeDomain"] = "sequence milliseconds";
   EXPECT_EQ(caseOf([&] { decoded(document).domainPlan(kSource); }), Case::invalidDocument);
@@ -202,38 +210,48 @@ INSTANTIATE_TEST_SUITE_P(
         // Zoom clearing and reconciling
         OperationCase{"ZoomReconcileInSchema2Refused", 2, op(Json{{"type", "zoom-reconcile"}}), false},
         OperationCase{"ZoomReconcileInSchema3Accepted", 3, op(Json{{"type", "zoom-reconcile"}}), true},
-        OperationCase{"ZoomClearTwiceRefused", 3, Json::array({Json{{"type", "zoom-clear"}}, Json{{"type", "zoom-clear"}}}), false},
+        OperationCase{"ZoomClearTwiceRefused", 3,
+                      Json::array({Json{{"type", "zoom-clear"}}, Json{{"type", "zoom-clear"}}}), false},
         OperationCase{"ZoomReconcileTwiceRefused", 3,
                       Json::array({Json{{"type", "zoom-reconcile"}}, Json{{"type", "zoom-reconcile"}}}), false},
         OperationCase{"ClearAfterReconcileRefused", 3,
                       Json::array({Json{{"type", "zoom-reconcile"}}, Json{{"type", "zoom-clear"}}}), false},
         OperationCase{"ReconcileAfterClearRefused", 3,
                       Json::array({Json{{"type", "zoom-clear"}}, Json{{"type", "zoom-reconcile"}}}), false},
-        OperationCase{"ZoomClearWithRangeRefused", 3, op(Json{{"type", "zoom-clear"}, {"range", rangeJson(0, 1'000)}}), false},
+        OperationCase{"ZoomClearWithRangeRefused", 3, op(Json{{"type", "zoom-clear"}, {"range", rangeJson(0, 1'000)}}),
+                      false},
         // Adding zooms
         OperationCase{"ZoomAddAccepted", 1, op(zoomAdd()), true},
-        OperationCase{"ZoomAddWithoutLevelRefused", 1, op(Json{{"type", "zoom-add"}, {"range", rangeJson(0, 1'000)}}), false},
+        OperationCase{"ZoomAddWithoutLevelRefused", 1, op(Json{{"type", "zoom-add"}, {"range", rangeJson(0, 1'000)}}),
+                      false},
         OperationCase{"FocusXWithoutFocusYRefused", 1, op(withField(zoomAdd(), "focusX", 0.5)), false},
         OperationCase{"FocusYWithoutFocusXRefused", 1, op(withField(zoomAdd(), "focusY", 0.5)), false},
-        OperationCase{"FocusAtTheEdgesAccepted", 1, op(withField(withField(zoomAdd(), "focusX", 0.0), "focusY", 1.0)), true},
-        OperationCase{"FocusOutsideTheFrameRefused", 1, op(withField(withField(zoomAdd(), "focusX", 1.1), "focusY", 0.5)), false},
+        OperationCase{"FocusAtTheEdgesAccepted", 1, op(withField(withField(zoomAdd(), "focusX", 0.0), "focusY", 1.0)),
+                      true},
+        OperationCase{"FocusOutsideTheFrameRefused", 1,
+                      op(withField(withField(zoomAdd(), "focusX", 1.1), "focusY", 0.5)), false},
         OperationCase{"ZoomAddWithRateRefused", 3, op(withField(zoomAdd(), "rate", 1.0)), false},
         // Settings
         OperationCase{"ThirtyTwoPairsAccepted", 1, op(settingsWith(32)), true},
         OperationCase{"ThirtyThreePairsRefused", 1, op(settingsWith(33)), false},
         OperationCase{"EmptySettingsRefused", 1, op(settingsWith(0)), false},
         OperationCase{"TwoSettingsOperationsRefused", 1, Json::array({settingsWith(1), settingsWith(1)}), false},
-        OperationCase{"SettingsWithRangeRefused", 1, op(withField(settingsWith(1), "range", rangeJson(0, 1'000))), false},
+        OperationCase{"SettingsWithRangeRefused", 1, op(withField(settingsWith(1), "range", rangeJson(0, 1'000))),
+                      false},
         // Reasons count user-perceived characters
-        OperationCase{"ReasonOf500CharactersAccepted", 1, op(withField(cut(0, 1'000), "reason", repeated("剪", 500))), true},
-        OperationCase{"ReasonOf501CharactersRefused", 1, op(withField(cut(0, 1'000), "reason", repeated("a", 501))), false},
-        OperationCase{"ReasonOf500FlagsAccepted", 1, op(withField(cut(0, 1'000), "reason", repeated("\U0001F1E8\U0001F1F3", 500))), true}),
+        OperationCase{"ReasonOf500CharactersAccepted", 1, op(withField(cut(0, 1'000), "reason", repeated("剪", 500))),
+                      true},
+        OperationCase{"ReasonOf501CharactersRefused", 1, op(withField(cut(0, 1'000), "reason", repeated("a", 501))),
+                      false},
+        OperationCase{"ReasonOf500FlagsAccepted", 1,
+                      op(withField(cut(0, 1'000), "reason", repeated("\U0001F1E8\U0001F1F3", 500))), true}),
     [](const ::testing::TestParamInfo<OperationCase>& info) { return std::string(info.param.name); });
 
 TEST(EditPlanExchangeDocument, EndLimitIsTheSourceInWholeMilliseconds) {
   ProjectTime source{10'000'900'000};  // 10,000.9 ms
   EXPECT_NO_THROW(decoded(documentWith(1, op(cut(9'000, 10'000)))).domainPlan(source));
-  EXPECT_EQ(caseOf([&] { decoded(documentWith(1, op(cut(9'000, 10'001)))).domainPlan(source); }), Case::invalidOperation);
+  EXPECT_EQ(caseOf([&] { decoded(documentWith(1, op(cut(9'000, 10'001)))).domainPlan(source); }),
+            Case::invalidOperation);
 }
 
 TEST(EditPlanExchangeDocument, ReasonHasNoEffectOnThePlan) {
@@ -311,7 +329,8 @@ TEST(EditPlanValidationError, TextsAndCommandLineClassification) {
   const Row rows[] = {
       {Case::invalidDocument, "Edit Plan Schema 1/2/3文档无效。", "validation", ErrorKind::validation},
       {Case::invalidOperation, "Edit Plan包含无效或互相冲突的操作。", "validation", ErrorKind::validation},
-      {Case::staleJob, "Edit Plan任务与当前项目或Timeline不一致，请重新准备。", "edit_plan_conflict", ErrorKind::conflict},
+      {Case::staleJob, "Edit Plan任务与当前项目或Timeline不一致，请重新准备。", "edit_plan_conflict",
+       ErrorKind::conflict},
       {Case::staleCaptions, "字幕内容已变化，请重新生成剪辑计划。", "edit_plan_conflict", ErrorKind::conflict},
       {Case::stalePlan, "Edit Plan文件已变化，请重新预演。", "edit_plan_conflict", ErrorKind::conflict},
       {Case::documentTooLarge, "Edit Plan文件超过1MB安全上限。", "validation", ErrorKind::validation},

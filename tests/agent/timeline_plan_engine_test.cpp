@@ -17,7 +17,8 @@ using namespace vumo::testing;
 const ProjectTime kSource = ms(60'000);
 const PixelSize kSourceSize{1920, 1080};
 
-TimelinePlanResult applyPlan(const TimelineEditPlan& plan, const EditTimeline& timeline, const std::vector<MouseEvent>& clicks = {}) {
+TimelinePlanResult applyPlan(const TimelineEditPlan& plan, const EditTimeline& timeline,
+                             const std::vector<MouseEvent>& clicks = {}) {
   return TimelinePlanEngine::apply(plan, timeline, kSource, false, kSourceSize, clicks);
 }
 
@@ -54,7 +55,8 @@ TEST(TimelinePlanEngine, AcceptsFiveHundredOperationsAndRefusesOneMore) {
   TimelineEditPlan plan;
   // 499 one-frame cuts three frames apart, plus a settings batch: 500 operations.
   for (int k = 0; k < 499; ++k)
-    plan.cuts.push_back(ProjectTimeRange::fromStartEnd(TimelineFrameGrid::boundary(3 * k + 1), TimelineFrameGrid::boundary(3 * k + 2)));
+    plan.cuts.push_back(
+        ProjectTimeRange::fromStartEnd(TimelineFrameGrid::boundary(3 * k + 1), TimelineFrameGrid::boundary(3 * k + 2)));
   plan.settings = {{"canvas.padding", "0.1"}};
   auto result = applyPlan(plan, timeline);
   EXPECT_EQ(result.normalizedCutRanges.size(), 499u);
@@ -73,9 +75,9 @@ TEST(TimelinePlanEngine, MergedRangesSnapsSortsAndJoinsTouchingRanges) {
   auto merged = TimelinePlanEngine::mergedRanges({
       rangeMs(5'000, 6'000),
       rangeMs(1'000, 2'000),
-      rangeMs(2'000, 3'000),     // touches the one before: joined
-      rangeMs(5'500, 7'000),     // overlaps: joined
-      rangeNs(0, 5'000'000),     // 5 ms between two grid lines: snaps to nothing
+      rangeMs(2'000, 3'000),  // touches the one before: joined
+      rangeMs(5'500, 7'000),  // overlaps: joined
+      rangeNs(0, 5'000'000),  // 5 ms between two grid lines: snaps to nothing
       rangeNs(9'000'000'001, 9'499'999'999),
   });
   ASSERT_EQ(merged.size(), 3u);
@@ -85,7 +87,9 @@ TEST(TimelinePlanEngine, MergedRangesSnapsSortsAndJoinsTouchingRanges) {
 }
 
 TEST(TimelinePlanEngine, CutThatSnapsToNothingIsAnInvalidRange) {
-  auto error = captured<TimelineEditError>([] { applyPlan(cutPlan({rangeNs(1'000'000, 6'000'000)}), timelineWith({{0, 60'000}})); });
+  auto error = captured<TimelineEditError>([] {
+    applyPlan(cutPlan({rangeNs(1'000'000, 6'000'000)}), timelineWith({{0, 60'000}}));
+  });
   EXPECT_EQ(error.kind(), TimelineEditError::Case::invalidRange);
 }
 
@@ -109,7 +113,8 @@ TEST(TimelinePlanEngine, CutsAreAddressedInSourceTimeSoTheirOrderDoesNotMatter) 
   EXPECT_EQ(encodeEditTimeline(forward.timeline), encodeEditTimeline(backward.timeline));
   ASSERT_EQ(forward.timeline.segments.size(), 3u);
   EXPECT_EQ(forward.timeline.segments[1].sourceRange, rangeMs(12'000, 20'000));
-  EXPECT_EQ(forward.normalizedCutRanges, (std::vector<ProjectTimeRange>{rangeMs(10'000, 12'000), rangeMs(20'000, 25'000)}));
+  EXPECT_EQ(forward.normalizedCutRanges,
+            (std::vector<ProjectTimeRange>{rangeMs(10'000, 12'000), rangeMs(20'000, 25'000)}));
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -163,17 +168,31 @@ INSTANTIATE_TEST_SUITE_P(
     Pieces, CutThroughZoom,
     ::testing::Values(
         // 5 s zoom, cut leaves 2 s and 1 s: the short fragment goes.
-        ReconcileCase{"Trimmed", zoomMs(10'000, 15'000, 2.0, {0.3, 0.6}), rangeMs(12'000, 14'000), ZoomReconciliationAction::trimmed,
+        ReconcileCase{"Trimmed",
+                      zoomMs(10'000, 15'000, 2.0, {0.3, 0.6}),
+                      rangeMs(12'000, 14'000),
+                      ZoomReconciliationAction::trimmed,
                       {rangeMs(10'000, 12'000)}},
-        ReconcileCase{"Split", zoomMs(10'000, 13'400, 1.8, {0.7, 0.4}), rangeMs(11'200, 12'200), ZoomReconciliationAction::split,
+        ReconcileCase{"Split",
+                      zoomMs(10'000, 13'400, 1.8, {0.7, 0.4}),
+                      rangeMs(11'200, 12'200),
+                      ZoomReconciliationAction::split,
                       {rangeMs(10'000, 11'200), rangeMs(12'200, 13'400)}},
-        ReconcileCase{"Removed", zoomMs(10'000, 12'000), rangeMs(11'000, 11'500), ZoomReconciliationAction::removed, {}},
-        ReconcileCase{"CoveredEntirely", zoomMs(10'000, 12'000), rangeMs(9'000, 13'000), ZoomReconciliationAction::removed, {}},
+        ReconcileCase{
+            "Removed", zoomMs(10'000, 12'000), rangeMs(11'000, 11'500), ZoomReconciliationAction::removed, {}},
+        ReconcileCase{
+            "CoveredEntirely", zoomMs(10'000, 12'000), rangeMs(9'000, 13'000), ZoomReconciliationAction::removed, {}},
         // The threshold is inclusive: exactly 1.15 s stays, one nanosecond less goes.
-        ReconcileCase{"PieceOfExactlyThreshold", makeZoom(ms(9'900), ms(11'150)), rangeMs(9'000, 10'000),
-                      ZoomReconciliationAction::trimmed, {rangeMs(10'000, 11'150)}},
-        ReconcileCase{"PieceJustBelowThreshold", makeZoom(ms(9'900), ProjectTime{11'149'999'999}), rangeMs(9'000, 10'000),
-                      ZoomReconciliationAction::removed, {}}),
+        ReconcileCase{"PieceOfExactlyThreshold",
+                      makeZoom(ms(9'900), ms(11'150)),
+                      rangeMs(9'000, 10'000),
+                      ZoomReconciliationAction::trimmed,
+                      {rangeMs(10'000, 11'150)}},
+        ReconcileCase{"PieceJustBelowThreshold",
+                      makeZoom(ms(9'900), ProjectTime{11'149'999'999}),
+                      rangeMs(9'000, 10'000),
+                      ZoomReconciliationAction::removed,
+                      {}}),
     [](const ::testing::TestParamInfo<ReconcileCase>& info) { return std::string(info.param.name); });
 
 TEST(TimelinePlanEngine, ClearingZoomsWithACutReportsNoReconciliations) {
@@ -229,7 +248,8 @@ TEST(TimelinePlanEngine, SpeedChangeInsideAZoomDoesNotSplitIt) {
   ASSERT_EQ(result.zoomReconciliations.size(), 1u);
   EXPECT_EQ(result.zoomReconciliations[0].action, ZoomReconciliationAction::preserved);
   EXPECT_EQ(result.timeline.zooms, std::vector<ZoomSegment>{zoom});
-  EXPECT_EQ(result.normalizedSpeedChanges, (std::vector<TimelineSpeedChange>{{rangeMs(12'000, 14'000), TimelinePlaybackRate{2000}}}));
+  EXPECT_EQ(result.normalizedSpeedChanges,
+            (std::vector<TimelineSpeedChange>{{rangeMs(12'000, 14'000), TimelinePlaybackRate{2000}}}));
 }
 
 TEST(TimelinePlanEngine, RetainedPiecesJoinClipsThatTouch) {
@@ -245,12 +265,12 @@ TEST(TimelinePlanEngine, RetainedPiecesJoinClipsThatTouch) {
 TEST(TimelinePlanEngine, AddedZoomFocusesOnTheLastLeftClickInsideItsRange) {
   EditTimeline timeline = timelineWith({{0, 60'000}});
   std::vector<MouseEvent> clicks = {
-      press(4'000, {0.9, 0.9}),                                                // before the range
-      press(5'500, {0.3, 0.4}),                                                // the one
-      press(6'000, {0.7, 0.6}, MouseButton::left, false),                     // outside the captured frame
+      press(4'000, {0.9, 0.9}),                                                   // before the range
+      press(5'500, {0.3, 0.4}),                                                   // the one
+      press(6'000, {0.7, 0.6}, MouseButton::left, false),                         // outside the captured frame
       press(6'200, {0.8, 0.8}, MouseButton::left, std::nullopt, MousePhase::up),  // a release
-      press(6'500, {0.1, 0.1}, MouseButton::right),                           // another button
-      press(7'000, {0.6, 0.6}),                                                // at the excluded end
+      press(6'500, {0.1, 0.1}, MouseButton::right),                               // another button
+      press(7'000, {0.6, 0.6}),                                                   // at the excluded end
   };
   TimelineEditPlan plan;
   plan.zooms = {{rangeMs(5'000, 7'000), 2.0, std::nullopt}};
@@ -294,23 +314,19 @@ TEST(TimelinePlanEngine, AddedZoomsMayNotOverlapEachOtherOrExistingZooms) {
   EditTimeline timeline = timelineWith({{0, 60'000}}, {zoomMs(10'000, 12'000)});
   TimelineEditPlan plan;
   plan.zooms = {{rangeMs(11'000, 13'000), 2.0, std::nullopt}};
-  EXPECT_EQ(captured<TimelineEffectError>([&] { applyPlan(plan, timeline); }).kind(), TimelineEffectError::Case::zoomOverlap);
+  EXPECT_EQ(captured<TimelineEffectError>([&] { applyPlan(plan, timeline); }).kind(),
+            TimelineEffectError::Case::zoomOverlap);
 
   plan.clearsZooms = true;  // clearing first makes room
   EXPECT_EQ(applyPlan(plan, timeline).timeline.zooms.size(), 1u);
 
   plan.zooms.push_back({rangeMs(12'500, 14'000), 2.0, std::nullopt});
-  EXPECT_EQ(captured<TimelineEffectError>([&] { applyPlan(plan, timeline); }).kind(), TimelineEffectError::Case::zoomOverlap);
+  EXPECT_EQ(captured<TimelineEffectError>([&] { applyPlan(plan, timeline); }).kind(),
+            TimelineEffectError::Case::zoomOverlap);
 }
 
 // ---------------------------------------------------------------------------------------------
 // Determinism and ids
-
-TEST(TimelinePlanEngine, StableUUIDIsSHA256WithVersionAndVariantBits) {
-  // SHA-256("abc") begins ba7816bf 8f01cfea 414140de 5dae2223.
-  EXPECT_EQ(TimelinePlanEngine::stableUUID("abc").string(), "BA7816BF-8F01-5FEA-8141-40DE5DAE2223");
-  EXPECT_NE(TimelinePlanEngine::stableUUID("abd"), TimelinePlanEngine::stableUUID("abc"));
-}
 
 TEST(TimelinePlanEngine, ApplyingOnePlanTwiceGivesTheSameDocument) {
   ZoomSegment zoom = zoomMs(10'000, 15'000);

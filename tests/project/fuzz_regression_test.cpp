@@ -1,16 +1,17 @@
 // Inputs that once broke a fuzz target (fuzz/corpus/<target>/) replayed as ordinary tests.
 
+#include <gtest/gtest.h>
+
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <optional>
 
-#include <gtest/gtest.h>
-
 #include "project/chunk_reader.h"
 #include "project/project_manifest.h"
 #include "shared/error.h"
 #include "shared/files.h"
+#include "shared/json.h"
 
 namespace vumo {
 namespace {

@@ -1,12 +1,14 @@
-#include <cstdint>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <string>
 
 #include "shared/files.h"
+#include "shared/json.h"
 #include "timeline/timeline_validator.h"
 #include "timeline_builders.h"
 
@@ -29,6 +31,56 @@ std::string decodingMessage(const std::string& text) {
     return error.what();
   }
   return "(decoded)";
+}
+
+// Two items of every kind that commands address by id.
+EditTimeline documentWithEveryAddressableKind() {
+  EditTimeline timeline = timelineWith({clip(ms(0), ms(1'000)), clip(ms(2'000), ms(1'000))});
+  timeline.zooms = {{Uuid::random(), ms(0), ms(100), ms(200), ms(300)},
+                    {Uuid::random(), ms(400), ms(500), ms(600), ms(700)}};
+  timeline.annotations = {rectangle(ms(0), ms(100), 0), rectangle(ms(200), ms(300), 1)};
+  timeline.webcamOverlay = WebcamOverlay::defaultValue();
+  timeline.webcamFullscreenSegments = {{Uuid::random(), ms(0), ms(100)}, {Uuid::random(), ms(200), ms(300)}};
+  timeline.webcamKeyframes = {{Uuid::random(), ms(0), {0.5, 0.5}, 0.2}, {Uuid::random(), ms(100), {0.5, 0.5}, 0.2}};
+  return timeline;
+}
+
+TEST(EditTimelineDecoding, ItemsOfOneKindSharingAnIdAreRefusedNamingTheId) {
+  struct Row {
+    const char* kind;
+    std::function<Uuid(EditTimeline&)> share;  // gives the second item the first one's id
+  };
+  const Row rows[] = {
+      {"clips", [](EditTimeline& t) { return t.segments[1].id = t.segments[0].id; }},
+      {"zooms", [](EditTimeline& t) { return t.zooms[1].id = t.zooms[0].id; }},
+      {"annotations", [](EditTimeline& t) { return t.annotations[1].id = t.annotations[0].id; }},
+      {"full-screen camera segments",
+       [](EditTimeline& t) { return t.webcamFullscreenSegments[1].id = t.webcamFullscreenSegments[0].id; }},
+      {"camera keyframes", [](EditTimeline& t) { return t.webcamKeyframes[1].id = t.webcamKeyframes[0].id; }},
+  };
+  ASSERT_NO_THROW(decodeEditTimeline(encodeEditTimeline(documentWithEveryAddressableKind())));
+  for (const Row& row : rows) {
+    EditTimeline timeline = documentWithEveryAddressableKind();
+    const Uuid shared = row.share(timeline);
+    const std::string text = encodeEditTimeline(timeline);
+    try {
+      decodeEditTimeline(text);
+      ADD_FAILURE() << row.kind << " sharing an id decoded";
+    } catch (const TimelineValidationError& error) {
+      EXPECT_EQ(error.kind(), TimelineValidationError::Case::duplicateID) << row.kind;
+      EXPECT_EQ(error.id(), shared) << row.kind;
+    }
+  }
+}
+
+TEST(EditTimelineDecoding, IdsNeedOnlyBeUniqueWithinTheirKind) {
+  EditTimeline timeline = documentWithEveryAddressableKind();
+  const Uuid id = timeline.segments[0].id;
+  timeline.zooms[0].id = id;
+  timeline.annotations[0].id = id;
+  timeline.webcamFullscreenSegments[0].id = id;
+  timeline.webcamKeyframes[0].id = id;
+  EXPECT_EQ(decodeEditTimeline(encodeEditTimeline(timeline)), timeline);
 }
 
 TEST(EditTimelineDecoding, AnEmptyObjectIsASchema1DocumentWithAllDefaults) {
@@ -58,7 +110,8 @@ TEST(EditTimelineDecoding, AMissingPresetFollowsTheBackground) {
             CanvasBackgroundPreset::midnightViolet);
   EXPECT_EQ(decodeEditTimeline(R"({"canvas":{"preset":"warm-gray","aspectRatio":"4:3"}})").canvas.preset,
             CanvasBackgroundPreset::warmGray);
-  EXPECT_EQ(decodeEditTimeline(R"({"canvas":{"aspectRatio":"4:3"}})").canvas.aspectRatio, CanvasAspectRatio::portrait4x3);
+  EXPECT_EQ(decodeEditTimeline(R"({"canvas":{"aspectRatio":"4:3"}})").canvas.aspectRatio,
+            CanvasAspectRatio::portrait4x3);
 }
 
 TEST(EditTimelineDecoding, PlaybackRatesMustBeExactHundredths) {
@@ -67,11 +120,22 @@ TEST(EditTimelineDecoding, PlaybackRatesMustBeExactHundredths) {
     std::optional<std::int32_t> permille;
   };
   const Case cases[] = {
-      {"1.01", 1010},       {"0.5", 500},         {"4", 4000},        {"4.0", 4000},        {"1", 1000},
-      {"2.37", 2370},       {"1.0000000001", 1000},  // within 1e-6 of a whole permille
-      {"1.005", std::nullopt},                      // a whole permille, but not a multiple of ten
-      {"0.499", std::nullopt}, {"0.49", std::nullopt}, {"4.01", std::nullopt}, {"1.0001", std::nullopt},
-      {"-1", std::nullopt},    {"0", std::nullopt},    {"1e308", std::nullopt}, {"\"1.5\"", std::nullopt},
+      {"1.01", 1010},
+      {"0.5", 500},
+      {"4", 4000},
+      {"4.0", 4000},
+      {"1", 1000},
+      {"2.37", 2370},
+      {"1.0000000001", 1000},   // within 1e-6 of a whole permille
+      {"1.005", std::nullopt},  // a whole permille, but not a multiple of ten
+      {"0.499", std::nullopt},
+      {"0.49", std::nullopt},
+      {"4.01", std::nullopt},
+      {"1.0001", std::nullopt},
+      {"-1", std::nullopt},
+      {"0", std::nullopt},
+      {"1e308", std::nullopt},
+      {"\"1.5\"", std::nullopt},
       {"true", std::nullopt},
   };
   for (const auto& c : cases) {
@@ -89,7 +153,8 @@ TEST(EditTimelineDecoding, PlaybackRatesMustBeExactHundredths) {
 
 TEST(EditTimelineDecoding, ClickEffectStylesIncludingTheLegacySoftGlow) {
   auto style = [](const char* name) {
-    return decodeEditTimeline(std::string(R"({"cursor":{"clickEffectStyle":")") + name + "\"}}").cursor.clickEffectStyle;
+    return decodeEditTimeline(std::string(R"({"cursor":{"clickEffectStyle":")") + name + "\"}}")
+        .cursor.clickEffectStyle;
   };
   EXPECT_EQ(style("soft-glow"), ClickEffectStyle::solidPulse);
   EXPECT_EQ(style("solid-pulse"), ClickEffectStyle::solidPulse);
@@ -120,7 +185,8 @@ TEST(EditTimelineDecoding, CameraOverlayShapesOfOlderDocuments) {
       {"no shape at all is a circle", "", WebcamAspectRatio::square, 1.0},
       {"legacy circle", R"(,"shape":"circle")", WebcamAspectRatio::square, 1.0},
       {"legacy rounded rectangle", R"(,"shape":"roundedRectangle")", WebcamAspectRatio::square, 0.6},
-      {"legacy shape ignores a corner radius", R"(,"shape":"circle","cornerRadius":0.2)", WebcamAspectRatio::square, 1.0},
+      {"legacy shape ignores a corner radius", R"(,"shape":"circle","cornerRadius":0.2)", WebcamAspectRatio::square,
+       1.0},
       {"aspect without radius", R"(,"aspectRatio":"source")", WebcamAspectRatio::source, 0.6},
       {"aspect wins over shape", R"(,"aspectRatio":"square","shape":"circle","cornerRadius":0.25)",
        WebcamAspectRatio::square, 0.25},
@@ -138,10 +204,12 @@ TEST(EditTimelineDecoding, CameraOverlayShapesOfOlderDocuments) {
   EXPECT_EQ(overlay(R"(,"borderWidthAt1080p":30)").borderWidthAt1080p, 20);
   EXPECT_EQ(overlay(R"(,"borderWidthAt1080p":0.5)").borderWidthAt1080p, 2);
   EXPECT_FALSE(overlay(R"(,"showsBorder":false,"showsShadow":false)").showsBorder);
-  EXPECT_THAT(decodingMessage(R"({"webcamOverlay":{)" + base + R"(,"shape":"hexagon"}})"), ::testing::HasSubstr("hexagon"));
+  EXPECT_THAT(decodingMessage(R"({"webcamOverlay":{)" + base + R"(,"shape":"hexagon"}})"),
+              ::testing::HasSubstr("hexagon"));
   EXPECT_THAT(decodingMessage(R"({"webcamOverlay":{"isVisible":true}})"), ::testing::HasSubstr("center"));
 
-  std::string written = encodeEditTimeline(decodeEditTimeline(R"({"webcamOverlay":{)" + base + R"(,"shape":"circle"}})"));
+  std::string written =
+      encodeEditTimeline(decodeEditTimeline(R"({"webcamOverlay":{)" + base + R"(,"shape":"circle"}})"));
   EXPECT_THAT(written, ::testing::Not(::testing::HasSubstr("\"shape\"")));
   EXPECT_THAT(written, ::testing::HasSubstr("\"aspectRatio\": \"square\""));
 }
@@ -199,17 +267,27 @@ TEST(EditTimelineDecoding, OddDocumentsFailWithAClearMessage) {
       {"a string", "\"timeline\"", "object"},
       {"segments not an array", R"({"segments":{}})", "array"},
       {"a clip that is a number", R"({"segments":[5]})", "object"},
-      {"a clip without id", R"({"segments":[{"sourceRange":{"start":{"nanoseconds":0},"duration":{"nanoseconds":1}}}]})", "id"},
-      {"a malformed UUID", R"({"segments":[{"id":"nope","sourceRange":{"start":{"nanoseconds":0},"duration":{"nanoseconds":1}}}]})", "UUID"},
-      {"time as a bare number", R"({"segments":[{"id":"11111111-1111-1111-1111-111111111111","sourceRange":{"start":0,"duration":1}}]})", "object"},
-      {"fractional nanoseconds", R"({"segments":[{"id":"11111111-1111-1111-1111-111111111111","sourceRange":{"start":{"nanoseconds":0.5},"duration":{"nanoseconds":1}}}]})", "integer"},
-      {"nanoseconds beyond 64 bits", R"({"segments":[{"id":"11111111-1111-1111-1111-111111111111","sourceRange":{"start":{"nanoseconds":9223372036854775808},"duration":{"nanoseconds":1}}}]})", "range"},
+      {"a clip without id",
+       R"({"segments":[{"sourceRange":{"start":{"nanoseconds":0},"duration":{"nanoseconds":1}}}]})", "id"},
+      {"a malformed UUID",
+       R"({"segments":[{"id":"nope","sourceRange":{"start":{"nanoseconds":0},"duration":{"nanoseconds":1}}}]})",
+       "UUID"},
+      {"time as a bare number",
+       R"({"segments":[{"id":"11111111-1111-1111-1111-111111111111","sourceRange":{"start":0,"duration":1}}]})",
+       "object"},
+      {"fractional nanoseconds",
+       R"({"segments":[{"id":"11111111-1111-1111-1111-111111111111","sourceRange":{"start":{"nanoseconds":0.5},"duration":{"nanoseconds":1}}}]})",
+       "integer"},
+      {"nanoseconds beyond 64 bits",
+       R"({"segments":[{"id":"11111111-1111-1111-1111-111111111111","sourceRange":{"start":{"nanoseconds":9223372036854775808},"duration":{"nanoseconds":1}}}]})",
+       "range"},
       {"fractional schema", R"({"schemaVersion":2.5})", "integer"},
       {"schema as text", R"({"schemaVersion":"8"})", "integer"},
       {"audio mix with one track", R"({"audioMix":{"systemAudio":{"isMuted":false,"gainDecibels":0}}})", "microphone"},
       {"unknown aspect", R"({"canvas":{"aspectRatio":"21:9"}})", "21:9"},
       {"unknown preset", R"({"canvas":{"preset":"neon"}})", "neon"},
-      {"unknown annotation kind", R"({"annotations":[{"startTime":{"nanoseconds":0},"endTime":{"nanoseconds":9},"kind":"star"}]})", "star"},
+      {"unknown annotation kind",
+       R"({"annotations":[{"startTime":{"nanoseconds":0},"endTime":{"nanoseconds":9},"kind":"star"}]})", "star"},
       {"device frame without asset", R"({"deviceFrame":{"isEnabled":true}})", "assetID"},
       {"boolean as number", R"({"cursor":{"isVisible":1}})", "boolean"},
   };
@@ -246,9 +324,9 @@ TEST(EditTimelineEncoding, WritesEveryRequiredKeyAndLeavesAbsentOptionalsOut) {
   EXPECT_FALSE(written["annotations"][0].contains("textStyle"));
   EXPECT_TRUE(written["annotations"][0].contains("startPoint"));
 
-  t.canvas.image = CanvasBackgroundImage{"wall", "backgrounds/wall.png", {1920, 1080},
-                                         CanvasBackgroundImageSource::uploaded, std::nullopt,
-                                         CanvasBackgroundMediaKind::image, std::nullopt};
+  t.canvas.image = CanvasBackgroundImage{
+      "wall",       "backgrounds/wall.png",           {1920, 1080}, CanvasBackgroundImageSource::uploaded,
+      std::nullopt, CanvasBackgroundMediaKind::image, std::nullopt};
   written = parseJson(encodeEditTimeline(t));
   EXPECT_EQ(written["canvas"]["image"]["mediaKind"], "image");
   EXPECT_FALSE(written["canvas"]["image"].contains("selectionID"));
@@ -432,7 +510,8 @@ TEST(EditTimelineNormalized, RepairsPresetsAndClampsSettings) {
 }
 
 TEST(EditTimelineNormalized, IsIdempotentOnAnAlreadyNormalTimeline) {
-  EditTimeline t = decodeEditTimeline(R"({"schemaVersion": 2, "canvas": {"padding": 0.3}})").normalized(ms(5'000), true);
+  EditTimeline t =
+      decodeEditTimeline(R"({"schemaVersion": 2, "canvas": {"padding": 0.3}})").normalized(ms(5'000), true);
   EXPECT_EQ(t.normalized(ms(5'000), true), t);
 }
 
@@ -450,10 +529,22 @@ std::filesystem::path fuzzCorpus() {
   return std::filesystem::path(root != nullptr ? root : VUMO_TEST_SOURCE_DIR) / "fuzz/corpus/timeline_decoder";
 }
 
-TEST(EditTimelineFuzzRegression, DuplicateAnnotationIDsNormaliseAndAreRefused) {
-  // Two annotations share an id: normalising (which notes lanes by id) must still finish, and
-  // the validator refuses the document whatever the lanes came out as.
-  EditTimeline timeline = decodeEditTimeline(readFile(fuzzCorpus() / "duplicate-annotation-ids.json", SIZE_MAX));
+TEST(EditTimelineFuzzRegression, DuplicateAnnotationIDsAreRefusedOnReading) {
+  try {
+    decodeEditTimeline(readFile(fuzzCorpus() / "duplicate-annotation-ids.json", SIZE_MAX));
+    FAIL() << "duplicate annotation ids decoded";
+  } catch (const TimelineValidationError& error) {
+    EXPECT_EQ(error.kind(), TimelineValidationError::Case::duplicateID);
+    EXPECT_EQ(error.id(), Uuid::parse("81363A4A-5BCD-4DA8-B59A-BC1524259EBB"));
+  }
+}
+
+TEST(EditTimelineFuzzRegression, DuplicateAnnotationIDsInMemoryNormaliseAndAreRefused) {
+  // The same document built in memory, where no reading stands guard: normalising (which notes
+  // lanes by id) must still finish, and the validator refuses the document whatever the lanes
+  // came out as.
+  EditTimeline timeline =
+      json::as<EditTimeline>(parseJson(readFile(fuzzCorpus() / "duplicate-annotation-ids.json", SIZE_MAX)), "timeline");
   for (int pass = 0; pass < 3; ++pass) {
     timeline = timeline.normalized(ms(60'000), true);
     try {
@@ -476,6 +567,8 @@ TEST(EditTimelineFuzzRegression, EveryKeptInputDecodesOrFailsCleanly) {
       } catch (const Error&) {
       }
     } catch (const DecodingError&) {
+    } catch (const TimelineValidationError& error) {
+      EXPECT_EQ(error.kind(), TimelineValidationError::Case::duplicateID) << entry.path();
     }
   }
 }

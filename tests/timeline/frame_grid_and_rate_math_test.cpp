@@ -3,7 +3,7 @@
 #include <limits>
 
 #include "timeline/timeline_frame_grid.h"
-#include "timeline/timeline_mapper.h"
+#include "timeline/timeline_rate_math.h"
 
 namespace vumo {
 namespace {
@@ -28,8 +28,7 @@ TEST(TimelineFrameGrid, NearestBoundaryRoundsHalfAwayFromZeroOnTheFrameNumber) {
       {-8'333'333, 0},
       {-8'333'334, -frame},  // frame -1, truncated toward zero
   };
-  for (const auto& c : cases)
-    EXPECT_EQ(TimelineFrameGrid::nearestBoundary(ns(c.input)), ns(c.expected)) << c.input;
+  for (const auto& c : cases) EXPECT_EQ(TimelineFrameGrid::nearestBoundary(ns(c.input)), ns(c.expected)) << c.input;
 }
 
 TEST(TimelineFrameGrid, CeilingBoundaryIsTheFirstGridValueAtOrAfter) {
@@ -47,8 +46,7 @@ TEST(TimelineFrameGrid, CeilingBoundaryIsTheFirstGridValueAtOrAfter) {
       {33'333'334, 50'000'000},
       {999'999'999, 1'000'000'000},
   };
-  for (const auto& c : cases)
-    EXPECT_EQ(TimelineFrameGrid::ceilingBoundary(ns(c.input)), ns(c.expected)) << c.input;
+  for (const auto& c : cases) EXPECT_EQ(TimelineFrameGrid::ceilingBoundary(ns(c.input)), ns(c.expected)) << c.input;
 }
 
 TEST(TimelineFrameGrid, FloorBoundaryRoundsTheFrameCountDown) {
@@ -95,15 +93,12 @@ TEST(TimelineRateMath, SequenceToSourceUsesTheStatedBiases) {
   };
   const Case cases[] = {
       // 1 ns at 1.5x is 1.5 ns of source.
-      {1, 1500, R::down, 1},
-      {1, 1500, R::up, 2},
+      {1, 1500, R::down, 1},         {1, 1500, R::up, 2},
       {1, 1500, R::nearest, 2},  // half rounds up
       {3, 1010, R::down, 3},     // 3.03
-      {3, 1010, R::up, 4},
-      {3, 1010, R::nearest, 3},
-      {1'000, 1500, R::down, 1'500},  // exact: all roundings agree
-      {1'000, 1500, R::up, 1'500},
-      {1'999, 500, R::nearest, 1'000},  // 999.5
+      {3, 1010, R::up, 4},           {3, 1010, R::nearest, 3},
+      {1'000, 1500, R::down, 1'500},                                   // exact: all roundings agree
+      {1'000, 1500, R::up, 1'500},   {1'999, 500, R::nearest, 1'000},  // 999.5
       {1'999, 500, R::down, 999},
   };
   for (const auto& c : cases)
@@ -119,16 +114,16 @@ TEST(TimelineRateMath, SourceToSequenceUsesTheStatedBiases) {
     std::int64_t expected;
   };
   const Case cases[] = {
-      {3, 500, R::nearest, 6},  // half speed doubles the length
+      {3, 500, R::nearest, 6},   // half speed doubles the length
       {2, 4000, R::nearest, 1},  // 0.5 rounds up: (2000 + 2000) / 4000
       {2, 4000, R::down, 0},
       {2, 4000, R::up, 1},
       {1, 3000, R::nearest, 0},  // 0.333
       {1, 3000, R::up, 1},
-      {10, 1500, R::down, 6},     // 6.67
+      {10, 1500, R::down, 6},  // 6.67
       {10, 1500, R::nearest, 7},
       {10, 1500, R::up, 7},
-      {15, 1500, R::up, 10},      // exact
+      {15, 1500, R::up, 10},  // exact
       {16'666'666, 2000, R::nearest, 8'333'333},
   };
   for (const auto& c : cases)
@@ -156,12 +151,14 @@ TEST(TimelineRateMath, ManyHoursAtOddRatesMatchWideArithmetic) {
     for (std::int32_t r : rates) {
       __int128 wide = static_cast<__int128>(d) * 1000;
       EXPECT_EQ(TimelineRateMath::sequenceNanoseconds(d, rate(r), R::down), static_cast<std::int64_t>(wide / r));
-      EXPECT_EQ(TimelineRateMath::sequenceNanoseconds(d, rate(r), R::up), static_cast<std::int64_t>((wide + r - 1) / r));
+      EXPECT_EQ(TimelineRateMath::sequenceNanoseconds(d, rate(r), R::up),
+                static_cast<std::int64_t>((wide + r - 1) / r));
       EXPECT_EQ(TimelineRateMath::sequenceNanoseconds(d, rate(r), R::nearest),
                 static_cast<std::int64_t>((wide + r / 2) / r));
       __int128 source = static_cast<__int128>(d) * r;
       EXPECT_EQ(TimelineRateMath::sourceNanoseconds(d, rate(r), R::down), static_cast<std::int64_t>(source / 1000));
-      EXPECT_EQ(TimelineRateMath::sourceNanoseconds(d, rate(r), R::up), static_cast<std::int64_t>((source + 999) / 1000));
+      EXPECT_EQ(TimelineRateMath::sourceNanoseconds(d, rate(r), R::up),
+                static_cast<std::int64_t>((source + 999) / 1000));
       EXPECT_EQ(TimelineRateMath::sourceNanoseconds(d, rate(r), R::nearest),
                 static_cast<std::int64_t>((source + 500) / 1000));
     }

@@ -1,10 +1,12 @@
+#include "timeline/timeline_effect_engine.h"
+
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <functional>
 
 #include "engine_test_support.h"
-#include "timeline/timeline_effect_engine.h"
+#include "timeline/timeline_validator.h"
 
 namespace vumo {
 namespace {
@@ -44,7 +46,8 @@ TEST(TimelineEffectValidationTest, EachZoomRuleRejectsItsOwnFault) {
   const std::vector<Case> cases = {
       {"negative start", [](ZoomSegment& z) { z.startTime = ms(-1); }},
       {"end beyond the source", [](ZoomSegment& z) { z.endTime = source + ns(1); }},
-      {"shorter than a frame", [](ZoomSegment& z) {
+      {"shorter than a frame",
+       [](ZoomSegment& z) {
          z.endTime = z.startTime + frame(1) - ns(1);
          z.holdEndTime = z.focusTime = z.startTime;
        }},
@@ -54,8 +57,12 @@ TEST(TimelineEffectValidationTest, EachZoomRuleRejectsItsOwnFault) {
       {"scale below 1", [](ZoomSegment& z) { z.scale = 0.99; }},
       {"scale above 3", [](ZoomSegment& z) { z.scale = 3.01; }},
       {"scale not finite", [](ZoomSegment& z) { z.scale = NAN; }},
-      {"focus one bit outside its clamp", [edge](ZoomSegment& z) { z.focusPoint = {std::nextafter(edge, 0.0), 0.5}; }},
-      {"scale 1 away from the centre", [](ZoomSegment& z) {
+      {"focus one bit outside its clamp",
+       [edge](ZoomSegment& z) {
+         z.focusPoint = {std::nextafter(edge, 0.0), 0.5};
+       }},
+      {"scale 1 away from the centre",
+       [](ZoomSegment& z) {
          z.scale = 1;
          z.focusPoint = {0.4, 0.5};
        }},
@@ -64,10 +71,10 @@ TEST(TimelineEffectValidationTest, EachZoomRuleRejectsItsOwnFault) {
     SCOPED_TRACE(c.name);
     EditTimeline timeline = timelineOf({clip(ms(0), ms(10'000))});
     ZoomSegment good = zoom(ms(1'000), ms(1'500), ms(3'000), ms(4'000), 2.0, {edge, 0.5});
-    EXPECT_NO_THROW(TimelineEffectEngine::validate(timelineOf({clip(ms(0), ms(10'000))}), source));
+    EXPECT_NO_THROW(TimelineValidator::validateEffectTracks(timelineOf({clip(ms(0), ms(10'000))}), source));
     c.spoil(good);
     timeline.zooms = {good};
-    expectEffectError([&] { TimelineEffectEngine::validate(timeline, source); }, EffectCase::zoomRangeInvalid);
+    expectEffectError([&] { TimelineValidator::validateEffectTracks(timeline, source); }, EffectCase::zoomRangeInvalid);
   }
 }
 
@@ -76,38 +83,42 @@ TEST(TimelineEffectValidationTest, ZoomsMayTouchButNotOverlapOrShareIds) {
   ZoomSegment first = zoom(ms(1'000), ms(1'500), ms(2'000), ms(3'000));
   ZoomSegment second = zoom(ms(3'000), ms(3'500), ms(4'000), ms(5'000));
   timeline.zooms = {second, first};  // stored order does not matter
-  EXPECT_NO_THROW(TimelineEffectEngine::validate(timeline, source));
+  EXPECT_NO_THROW(TimelineValidator::validateEffectTracks(timeline, source));
 
   second.startTime = ms(3'000) - ns(1);
   timeline.zooms = {first, second};
-  expectEffectError([&] { TimelineEffectEngine::validate(timeline, source); }, EffectCase::zoomOverlap);
+  expectEffectError([&] { TimelineValidator::validateEffectTracks(timeline, source); }, EffectCase::zoomOverlap);
 
   ZoomSegment twin = zoom(ms(6'000), ms(6'500), ms(7'000), ms(8'000));
   twin.id = first.id;
   timeline.zooms = {first, twin};
-  expectEffectError([&] { TimelineEffectEngine::validate(timeline, source); }, EffectCase::zoomRangeInvalid);
+  expectEffectError([&] { TimelineValidator::validateEffectTracks(timeline, source); }, EffectCase::zoomRangeInvalid);
 }
 
 TEST(TimelineEffectValidationTest, FullscreenSegmentsNeedACameraTwoFramesAndNoOverlap) {
   EditTimeline timeline = withCamera();
   timeline.webcamFullscreenSegments = {{Uuid::random(), ms(1'000), ms(1'000) + frame(2)}};
-  EXPECT_NO_THROW(TimelineEffectEngine::validate(timeline, source));
+  EXPECT_NO_THROW(TimelineValidator::validateEffectTracks(timeline, source));
 
   EditTimeline noCamera = timeline;
   noCamera.webcamOverlay.reset();
-  expectEffectError([&] { TimelineEffectEngine::validate(noCamera, source); }, EffectCase::webcamFullscreenRangeInvalid);
+  expectEffectError([&] { TimelineValidator::validateEffectTracks(noCamera, source); },
+                    EffectCase::webcamFullscreenRangeInvalid);
 
   EditTimeline tooShort = timeline;
   tooShort.webcamFullscreenSegments[0].endTime = ms(1'000) + frame(2) - ns(1);
-  expectEffectError([&] { TimelineEffectEngine::validate(tooShort, source); }, EffectCase::webcamFullscreenRangeInvalid);
+  expectEffectError([&] { TimelineValidator::validateEffectTracks(tooShort, source); },
+                    EffectCase::webcamFullscreenRangeInvalid);
 
   EditTimeline beyond = timeline;
   beyond.webcamFullscreenSegments = {{Uuid::random(), ms(9'000), source + ns(1)}};
-  expectEffectError([&] { TimelineEffectEngine::validate(beyond, source); }, EffectCase::webcamFullscreenRangeInvalid);
+  expectEffectError([&] { TimelineValidator::validateEffectTracks(beyond, source); },
+                    EffectCase::webcamFullscreenRangeInvalid);
 
   EditTimeline overlapping = timeline;
   overlapping.webcamFullscreenSegments.push_back({Uuid::random(), ms(1'020), ms(2'000)});
-  expectEffectError([&] { TimelineEffectEngine::validate(overlapping, source); }, EffectCase::webcamFullscreenOverlap);
+  expectEffectError([&] { TimelineValidator::validateEffectTracks(overlapping, source); },
+                    EffectCase::webcamFullscreenOverlap);
 }
 
 TEST(TimelineEffectValidationTest, KeyframesMustBeInsideUniqueAndWellFormed) {
@@ -134,9 +145,9 @@ TEST(TimelineEffectValidationTest, KeyframesMustBeInsideUniqueAndWellFormed) {
     EditTimeline timeline = withCamera();
     timeline.webcamKeyframes = c.keyframes;
     if (c.expected)
-      expectEffectError([&] { TimelineEffectEngine::validate(timeline, source); }, *c.expected);
+      expectEffectError([&] { TimelineValidator::validateEffectTracks(timeline, source); }, *c.expected);
     else
-      EXPECT_NO_THROW(TimelineEffectEngine::validate(timeline, source));
+      EXPECT_NO_THROW(TimelineValidator::validateEffectTracks(timeline, source));
   }
 }
 
@@ -207,12 +218,19 @@ TEST(TimelineEffectZoomEditTest, ExtremeRequestsAreClampedToTheNeighbours) {
   EXPECT_EQ(TimelineEffectEngine::updateZoomEnd(timeline, id, ns(INT64_MAX), source).zooms[0].endTime, source);
 
   EditTimeline camera = withCamera();
-  expectEffectError([&] { TimelineEffectEngine::addWebcamFullscreen(camera, {ms(1'000), ns(INT64_MAX)}, source); },
-                    EffectCase::webcamFullscreenRangeInvalid);
-  expectEffectError([&] { TimelineEffectEngine::addWebcamFullscreen(camera, {ns(INT64_MIN), ms(1'000)}, source); },
-                    EffectCase::webcamFullscreenRangeInvalid);
+  expectEffectError(
+      [&] {
+        TimelineEffectEngine::addWebcamFullscreen(camera, {ms(1'000), ns(INT64_MAX)}, source);
+      },
+      EffectCase::webcamFullscreenRangeInvalid);
+  expectEffectError(
+      [&] {
+        TimelineEffectEngine::addWebcamFullscreen(camera, {ns(INT64_MIN), ms(1'000)}, source);
+      },
+      EffectCase::webcamFullscreenRangeInvalid);
   camera = TimelineEffectEngine::addWebcamFullscreen(camera, span(ms(1'000), ms(2'000)), source);
-  EXPECT_EQ(TimelineEffectEngine::updateWebcamFullscreenEnd(camera, camera.webcamFullscreenSegments[0].id, ns(INT64_MAX), source)
+  EXPECT_EQ(TimelineEffectEngine::updateWebcamFullscreenEnd(camera, camera.webcamFullscreenSegments[0].id,
+                                                            ns(INT64_MAX), source)
                 .webcamFullscreenSegments[0]
                 .endTime,
             source);
@@ -249,14 +267,19 @@ TEST(TimelineEffectZoomEditTest, RemovingAndReplacingZooms) {
 
   EXPECT_EQ(TimelineEffectEngine::removeZoom(replaced, std::int64_t{1}, source).zooms, (std::vector{a}));
   EXPECT_EQ(TimelineEffectEngine::removeZoom(replaced, a.id, source).zooms, (std::vector{b}));
-  expectEffectError([&] { TimelineEffectEngine::removeZoom(replaced, std::int64_t{2}, source); }, EffectCase::zoomIndexInvalid);
+  expectEffectError([&] { TimelineEffectEngine::removeZoom(replaced, std::int64_t{2}, source); },
+                    EffectCase::zoomIndexInvalid);
   expectEffectError([&] { TimelineEffectEngine::removeZoom(replaced, std::int64_t{-1}, source); },
                     EffectCase::zoomIndexInvalid);
-  expectEffectError([&] { TimelineEffectEngine::removeZoom(replaced, Uuid::random(), source); }, EffectCase::zoomNotFound);
+  expectEffectError([&] { TimelineEffectEngine::removeZoom(replaced, Uuid::random(), source); },
+                    EffectCase::zoomNotFound);
 
   ZoomSegment overlapping = zoom(ms(2'500), ms(2'600), ms(2'700), ms(5'500));
-  expectEffectError([&] { TimelineEffectEngine::replaceZooms(timeline, {a, b, overlapping}, source); },
-                    EffectCase::zoomOverlap);
+  expectEffectError(
+      [&] {
+        TimelineEffectEngine::replaceZooms(timeline, {a, b, overlapping}, source);
+      },
+      EffectCase::zoomOverlap);
 }
 
 TEST(TimelineEffectZoomEditTest, SameConfigurationIgnoresIdsOnly) {
@@ -301,12 +324,18 @@ TEST(TimelineEffectFullscreenTest, EdgeUpdatesStopAtNeighboursAndTwoFrames) {
   const Uuid first = timeline.webcamFullscreenSegments[0].id;
   const Uuid second = timeline.webcamFullscreenSegments[1].id;
 
-  EXPECT_EQ(TimelineEffectEngine::updateWebcamFullscreenStart(timeline, second, ms(0), source).webcamFullscreenSegments[1].startTime,
+  EXPECT_EQ(TimelineEffectEngine::updateWebcamFullscreenStart(timeline, second, ms(0), source)
+                .webcamFullscreenSegments[1]
+                .startTime,
             ms(2'000));
-  EXPECT_EQ(TimelineEffectEngine::updateWebcamFullscreenEnd(timeline, first, ms(9'000), source).webcamFullscreenSegments[0].endTime,
+  EXPECT_EQ(TimelineEffectEngine::updateWebcamFullscreenEnd(timeline, first, ms(9'000), source)
+                .webcamFullscreenSegments[0]
+                .endTime,
             ms(4'000));
-  auto shortest = TimelineEffectEngine::updateWebcamFullscreenStart(timeline, first, ms(3'000), source).webcamFullscreenSegments[0];
-  EXPECT_EQ(shortest.startTime, TimelineFrameGrid::floorBoundary(ms(2'000) - TimelineEffectEngine::minimumWebcamFullscreenDuration));
+  auto shortest =
+      TimelineEffectEngine::updateWebcamFullscreenStart(timeline, first, ms(3'000), source).webcamFullscreenSegments[0];
+  EXPECT_EQ(shortest.startTime,
+            TimelineFrameGrid::floorBoundary(ms(2'000) - TimelineEffectEngine::minimumWebcamFullscreenDuration));
   EXPECT_GE(shortest.endTime - shortest.startTime, TimelineEffectEngine::minimumWebcamFullscreenDuration);
 
   EXPECT_TRUE(TimelineEffectEngine::removeWebcamFullscreen(
@@ -314,14 +343,16 @@ TEST(TimelineEffectFullscreenTest, EdgeUpdatesStopAtNeighboursAndTwoFrames) {
                   .webcamFullscreenSegments.empty());
   expectEffectError([&] { TimelineEffectEngine::removeWebcamFullscreen(timeline, Uuid::random(), source); },
                     EffectCase::webcamFullscreenNotFound);
-  expectEffectError([&] { TimelineEffectEngine::updateWebcamFullscreenEnd(timeline, Uuid::random(), ms(1'000), source); },
-                    EffectCase::webcamFullscreenNotFound);
+  expectEffectError(
+      [&] { TimelineEffectEngine::updateWebcamFullscreenEnd(timeline, Uuid::random(), ms(1'000), source); },
+      EffectCase::webcamFullscreenNotFound);
 }
 
 // --- Camera overlay --------------------------------------------------------------------------------
 
 TEST(TimelineEffectOverlayTest, WithoutABaseThereIsNoOverlay) {
-  EXPECT_FALSE(TimelineEffectEngine::webcamOverlay(std::nullopt, {keyframe(ms(0), {0.5, 0.5}, 0.2)}, ms(0), 16.0 / 9.0));
+  EXPECT_FALSE(
+      TimelineEffectEngine::webcamOverlay(std::nullopt, {keyframe(ms(0), {0.5, 0.5}, 0.2)}, ms(0), 16.0 / 9.0));
 }
 
 TEST(TimelineEffectOverlayTest, KeyframesAreEasedWithSmoothstepAndHeldOutsideTheirSpan) {
@@ -386,7 +417,8 @@ TEST(TimelineEffectOverlayTest, GlobalMoveShiftsEveryKeyframeByTheSameOffset) {
   EXPECT_DOUBLE_EQ(moved.webcamKeyframes[1].center.x, 0.6);
   EXPECT_DOUBLE_EQ(moved.webcamKeyframes[1].center.y, 0.6);
   EXPECT_DOUBLE_EQ(moved.webcamOverlay->center.x, 0.6);
-  WebcamOverlay shown = *TimelineEffectEngine::webcamOverlay(moved.webcamOverlay, moved.webcamKeyframes, ms(1'000), 1.0);
+  WebcamOverlay shown =
+      *TimelineEffectEngine::webcamOverlay(moved.webcamOverlay, moved.webcamKeyframes, ms(1'000), 1.0);
   EXPECT_DOUBLE_EQ(shown.center.x, 0.5);
   EXPECT_DOUBLE_EQ(shown.center.y, 0.6);
 
@@ -439,7 +471,8 @@ TEST(TimelineEffectEngineTest, ErrorsCarryTheirKeysAndTexts) {
        "A full-screen camera segment must last at least two frames and stay within the source media."},
       {EffectCase::webcamFullscreenOverlap, "timeline.error.cameraOverlap",
        "Full-screen camera segments cannot overlap neighboring segments."},
-      {EffectCase::keyframeOutsideSource, "timeline.error.keyframeRange", "A camera keyframe falls outside the source media."},
+      {EffectCase::keyframeOutsideSource, "timeline.error.keyframeRange",
+       "A camera keyframe falls outside the source media."},
       {EffectCase::keyframeInvalid, "timeline.error.keyframeInvalid",
        "Camera keyframes must be unique and have valid positions and sizes."},
       {EffectCase::zoomIndexInvalid, "timeline.error.zoomIndex", "The Auto Zoom index is invalid."},

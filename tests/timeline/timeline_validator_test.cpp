@@ -1,3 +1,5 @@
+#include "timeline/timeline_validator.h"
+
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -6,7 +8,6 @@
 #include <string>
 
 #include "timeline/timeline_effect_engine.h"
-#include "timeline/timeline_validator.h"
 #include "timeline_builders.h"
 
 namespace vumo {
@@ -70,18 +71,26 @@ TEST(TimelineValidator, DocumentLevelChecksComeFirstInTheirStatedOrder) {
       {"motion blur above 1", [](EditTimeline& t) { t.motionBlurAmount = 1.0001; }, Case::invalidMotionBlurAmount},
       {"motion blur below 0", [](EditTimeline& t) { t.motionBlurAmount = -0.01; }, Case::invalidMotionBlurAmount},
       {"motion blur NaN", [](EditTimeline& t) { t.motionBlurAmount = nan; }, Case::invalidMotionBlurAmount},
-      {"motion blur at both ends",
-       [](EditTimeline& t) { t.motionBlurAmount = 1; }, std::nullopt},
+      {"motion blur at both ends", [](EditTimeline& t) { t.motionBlurAmount = 1; }, std::nullopt},
   });
 }
 
 TEST(TimelineValidator, DeviceFramesNeedSchema8AndAnAssetTheCatalogueKnows) {
   expectAll({
-      {"known variant", [](EditTimeline& t) { t.deviceFrame = DeviceFrameEdit{true, "vumo-phone-slim-silver", DeviceFrameContentMode::fill}; },
+      {"known variant",
+       [](EditTimeline& t) {
+         t.deviceFrame = DeviceFrameEdit{true, "vumo-phone-slim-silver", DeviceFrameContentMode::fill};
+       },
        std::nullopt},
-      {"legacy id", [](EditTimeline& t) { t.deviceFrame = DeviceFrameEdit{true, "phone-slim", DeviceFrameContentMode::fit}; },
+      {"legacy id",
+       [](EditTimeline& t) {
+         t.deviceFrame = DeviceFrameEdit{true, "phone-slim", DeviceFrameContentMode::fit};
+       },
        std::nullopt},
-      {"disabled but unknown", [](EditTimeline& t) { t.deviceFrame = DeviceFrameEdit{false, "no-such-phone", DeviceFrameContentMode::fit}; },
+      {"disabled but unknown",
+       [](EditTimeline& t) {
+         t.deviceFrame = DeviceFrameEdit{false, "no-such-phone", DeviceFrameContentMode::fit};
+       },
        Case::invalidDeviceFrame},
       {"schema 7",
        [](EditTimeline& t) {
@@ -141,10 +150,12 @@ TEST(TimelineValidator, EveryClipFailureIsReportedWithTheClipsID) {
          t.segments[0].playbackRate.permille = 2000;
        },
        std::nullopt},
-      {"clips out of order", [](EditTimeline& t) { std::swap(t.segments[0], t.segments[1]); }, Case::segmentsOutOfOrder},
+      {"clips out of order", [](EditTimeline& t) { std::swap(t.segments[0], t.segments[1]); },
+       Case::segmentsOutOfOrder},
       {"overlapping clips", [](EditTimeline& t) { t.segments[1].sourceRange.start = ms(4'000) - ns(1); },
        Case::overlappingSegments},
       {"touching clips", [](EditTimeline& t) { t.segments[1].sourceRange.start = ms(4'000); }, std::nullopt},
+      {"two clips sharing an id", [](EditTimeline& t) { t.segments[1].id = t.segments[0].id; }, Case::duplicateID},
   });
 }
 
@@ -194,7 +205,8 @@ TEST(TimelineValidator, AnnotationsNeedSchema7) {
          t.annotations.push_back(rectangle(ms(100), ms(0), 0));
        },
        Case::annotationsRequireSchema7},
-      {"schema 7", [](EditTimeline& t) {
+      {"schema 7",
+       [](EditTimeline& t) {
          t.schemaVersion = 7;
          t.annotations.push_back(rectangle(ms(0), ms(100), 0));
        },
@@ -241,17 +253,26 @@ TEST(TimelineValidator, EachAnnotationRuleRejectsItsOwnFault) {
       {"font 240", with([](A& a) { a.textStyle->fontSize = 240; }, textMaker), true},
       {"font 240.01", with([](A& a) { a.textStyle->fontSize = 240.01; }, textMaker), false},
       {"font NaN", with([](A& a) { a.textStyle->fontSize = nan; }, textMaker), false},
-      {"2000 clusters of 4000 code points", with([&](A& a) { a.textStyle->content = combining(2000); }, textMaker), true},
+      {"2000 clusters of 4000 code points", with([&](A& a) { a.textStyle->content = combining(2000); }, textMaker),
+       true},
       {"2001 clusters", with([&](A& a) { a.textStyle->content = combining(2001); }, textMaker), false},
       {"2000 ASCII letters", with([](A& a) { a.textStyle->content = std::string(2000, 'x'); }, textMaker), true},
       {"2001 ASCII letters", with([](A& a) { a.textStyle->content = std::string(2001, 'x'); }, textMaker), false},
-      {"2000 CR LF pairs", with([](A& a) {
-         a.textStyle->content.clear();
-         for (int i = 0; i < 2000; ++i) a.textStyle->content += "\r\n";
-       }, textMaker), true},
-      {"style on a rectangle is not checked", with([](A& a) {
-         a.textStyle = TextAnnotationStyle{"", 1, false, TextAnnotationOutlineColor::black};
-       }, rect), true},
+      {"2000 CR LF pairs",
+       with(
+           [](A& a) {
+             a.textStyle->content.clear();
+             for (int i = 0; i < 2000; ++i) a.textStyle->content += "\r\n";
+           },
+           textMaker),
+       true},
+      {"style on a rectangle is not checked",
+       with(
+           [](A& a) {
+             a.textStyle = TextAnnotationStyle{"", 1, false, TextAnnotationOutlineColor::black};
+           },
+           rect),
+       true},
       {"corner radius above 1", with([](A& a) { a.cornerRadius = 1.01; }, rect), false},
       {"corner radius negative", with([](A& a) { a.cornerRadius = -0.01; }, rect), false},
       {"line width too thin", with([](A& a) { a.lineWidth = 0.0009; }, rect), false},
@@ -259,19 +280,53 @@ TEST(TimelineValidator, EachAnnotationRuleRejectsItsOwnFault) {
       {"line width at both limits", with([](A& a) { a.lineWidth = 0.05; }, rect), true},
       {"colour above 1", with([](A& a) { a.color.green = 1.01; }, rect), false},
       {"colour NaN", with([](A& a) { a.color.blue = nan; }, rect), false},
-      {"arrow with bounds", with([](A& a) { a.bounds = RectValue{0, 0, 0.5, 0.5}; }, arrowMaker), false},
+      {"arrow with bounds",
+       with(
+           [](A& a) {
+             a.bounds = RectValue{0, 0, 0.5, 0.5};
+           },
+           arrowMaker),
+       false},
       {"arrow without end", with([](A& a) { a.endPoint.reset(); }, arrowMaker), false},
       {"arrow point outside", with([](A& a) { a.endPoint->x = 1.01; }, arrowMaker), false},
-      {"arrow too short", with([](A& a) { a.endPoint = PointValue{a.startPoint->x + 0.0199, a.startPoint->y}; }, arrowMaker), false},
-      {"arrow just long enough", with([](A& a) {
-         a.startPoint = PointValue{0.5, 0.5};
-         a.endPoint = PointValue{0.5, 0.52};
-       }, arrowMaker), true},
-      {"rectangle with a point", with([](A& a) { a.startPoint = PointValue{0.1, 0.1}; }, rect), false},
+      {"arrow too short",
+       with(
+           [](A& a) {
+             a.endPoint = PointValue{a.startPoint->x + 0.0199, a.startPoint->y};
+           },
+           arrowMaker),
+       false},
+      {"arrow just long enough",
+       with(
+           [](A& a) {
+             a.startPoint = PointValue{0.5, 0.5};
+             a.endPoint = PointValue{0.5, 0.52};
+           },
+           arrowMaker),
+       true},
+      {"rectangle with a point",
+       with(
+           [](A& a) {
+             a.startPoint = PointValue{0.1, 0.1};
+           },
+           rect),
+       false},
       {"rectangle without bounds", with([](A& a) { a.bounds.reset(); }, rect), false},
       {"bounds too narrow", with([](A& a) { a.bounds->width = 0.0199; }, rect), false},
-      {"bounds past the right edge", with([](A& a) { a.bounds = RectValue{0.8, 0, 0.21, 0.5}; }, rect), false},
-      {"bounds touching both edges", with([](A& a) { a.bounds = RectValue{0.75, 0.5, 0.25, 0.5}; }, rect), true},
+      {"bounds past the right edge",
+       with(
+           [](A& a) {
+             a.bounds = RectValue{0.8, 0, 0.21, 0.5};
+           },
+           rect),
+       false},
+      {"bounds touching both edges",
+       with(
+           [](A& a) {
+             a.bounds = RectValue{0.75, 0.5, 0.25, 0.5};
+           },
+           rect),
+       true},
       {"bounds negative y", with([](A& a) { a.bounds->y = -0.001; }, rect), false},
       {"bounds NaN", with([](A& a) { a.bounds->height = nan; }, rect), false},
       {"bounds infinite", with([](A& a) { a.bounds->x = -std::numeric_limits<double>::infinity(); }, rect), false},
@@ -357,7 +412,8 @@ TEST(TimelineValidationError, CarriesTheKeyTextAndClassificationOfEachCase) {
        "The speed-adjusted timeline duration exceeds the supported range."},
       {Case::segmentsOutOfOrder, "timeline.error.order", "Timeline clips must be ordered by source time."},
       {Case::overlappingSegments, "timeline.error.overlap", "Timeline clips cannot overlap."},
-      {Case::invalidAnnotation, "timeline.error.annotationInvalid", "Annotation timing, geometry, or styling is invalid."},
+      {Case::invalidAnnotation, "timeline.error.annotationInvalid",
+       "Annotation timing, geometry, or styling is invalid."},
       {Case::empty, "timeline.error.empty", "The timeline must contain at least one clip."},
       {Case::invalidMotionBlurAmount, "timeline.error.motionBlur", "Motion blur must be between 0% and 100%."},
       {Case::deviceFrameRequiresSchema8, "timeline.error.frameSchema", "Device frames require Timeline Schema 8."},
@@ -366,7 +422,9 @@ TEST(TimelineValidationError, CarriesTheKeyTextAndClassificationOfEachCase) {
        "A project cannot contain more than 500 static annotations."},
       {Case::tooManySimultaneousAnnotations, "timeline.error.simultaneousLimit",
        "No more than 16 static annotations can be shown at once."},
-      {Case::annotationsRequireSchema7, "timeline.error.annotationSchema", "Static annotations require Timeline Schema 7."},
+      {Case::annotationsRequireSchema7, "timeline.error.annotationSchema",
+       "Static annotations require Timeline Schema 7."},
+      {Case::duplicateID, "timeline.error.duplicateID", "Two items of one kind in the timeline share an identifier."},
   };
   for (const auto& row : rows) {
     auto error = TimelineValidationError::of(row.kind);
@@ -379,15 +437,6 @@ TEST(TimelineValidationError, CarriesTheKeyTextAndClassificationOfEachCase) {
   EXPECT_EQ(schema.localizationKey(), "timeline.error.schema");
   EXPECT_STREQ(schema.what(), "Timeline Schema 12 is not supported.");
   EXPECT_EQ(schema.schemaVersion(), 12);
-}
-
-TEST(GraphemeCount, CountsUserPerceivedCharacters) {
-  EXPECT_EQ(graphemeCount(""), 0u);
-  EXPECT_EQ(graphemeCount("abc"), 3u);
-  EXPECT_EQ(graphemeCount("\r\n"), 1u);
-  EXPECT_EQ(graphemeCount("中文字幕"), 4u);
-  EXPECT_EQ(graphemeCount("\xF0\x9F\x91\x8D\xF0\x9F\x8F\xBD"), 1u);  // thumbs up with a skin tone
-  EXPECT_EQ(graphemeCount("\xF0\x9F\x87\xA8\xF0\x9F\x87\xB3"), 1u);  // a flag: two regional indicators
 }
 
 }  // namespace
