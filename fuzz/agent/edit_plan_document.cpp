@@ -11,6 +11,7 @@
 
 #include "agent/edit_plan_exchange.h"
 #include "agent/timeline_plan_engine.h"
+#include "shared/json.h"
 #include "timeline/edit_timeline.h"
 
 namespace {

@@ -6,6 +6,7 @@
 #include <string_view>
 #include <vector>
 
+#include "shared/json.h"
 #include "timeline/mouse_event.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

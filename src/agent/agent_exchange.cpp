@@ -1,6 +1,7 @@
 #include "agent/agent_exchange.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,9 +11,8 @@
 #include <limits>
 #include <system_error>
 
-#include <fmt/format.h>
-
 #include "shared/files.h"
+#include "shared/json.h"
 
 namespace fs = std::filesystem;
 
@@ -48,7 +48,9 @@ class Descriptor {
 }
 
 // A single name that stays inside the folder it is looked up in.
-bool isPlainName(const fs::path& name) { return !name.empty() && name != "." && name != ".." && !name.has_parent_path(); }
+bool isPlainName(const fs::path& name) {
+  return !name.empty() && name != "." && name != ".." && !name.has_parent_path();
+}
 
 struct ExchangeRoot {
   Descriptor folder;
@@ -106,23 +108,27 @@ std::string readExchangeData(const fs::path& path, std::uint64_t maximumBytes, E
   fs::path parentOfFolder = folder.parent_path();
   if (parentOfFolder != root.path && parentOfFolder != root.resolvedPath) invalidDocument();
 
-  Descriptor jobFolder(::openat(root.folder.get(), folderName.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  Descriptor jobFolder(
+      ::openat(root.folder.get(), folderName.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!jobFolder.isOpen()) invalidDocument();
   // Non-blocking, so that a FIFO planted under the name cannot stall the open.
-  Descriptor document(::openat(jobFolder.get(), fileName.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  Descriptor document(
+      ::openat(jobFolder.get(), fileName.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
   if (!document.isOpen()) invalidDocument();
 
   struct stat status {};
   if (::fstat(document.get(), &status) != 0) invalidDocument();
   // A second hard link would be a way to reach a file that lives elsewhere.
   if (!S_ISREG(status.st_mode) || status.st_nlink != 1) invalidDocument();
-  if (status.st_size < 0 || static_cast<std::uint64_t>(status.st_size) > maximumBytes) throw EditPlanValidationError(oversize);
+  if (status.st_size < 0 || static_cast<std::uint64_t>(status.st_size) > maximumBytes)
+    throw EditPlanValidationError(oversize);
 
   // The file may grow after the check: read one byte past the limit at most, and refuse if it
   // arrives.
   std::uint64_t readLimit = maximumBytes == std::numeric_limits<std::uint64_t>::max() ? maximumBytes : maximumBytes + 1;
   std::string bytes;
-  bytes.reserve(static_cast<std::size_t>(std::min<std::uint64_t>(static_cast<std::uint64_t>(status.st_size), maximumBytes)));
+  bytes.reserve(
+      static_cast<std::size_t>(std::min<std::uint64_t>(static_cast<std::uint64_t>(status.st_size), maximumBytes)));
   char buffer[65536];
   while (bytes.size() < readLimit) {
     std::size_t wanted = static_cast<std::size_t>(std::min<std::uint64_t>(sizeof buffer, readLimit - bytes.size()));

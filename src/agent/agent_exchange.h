@@ -11,7 +11,7 @@
 #include <string_view>
 
 #include "agent/edit_plan_exchange.h"
-#include "shared/json.h"
+#include "shared/json_fwd.h"
 #include "shared/uuid.h"
 
 namespace vumo {

@@ -2,8 +2,10 @@
 
 #include <cmath>
 
+#include "shared/json.h"
+#include "shared/name_table.h"
 #include "timeline/edit_timeline.h"
-#include "timeline/timeline_validator.h"
+#include "timeline/grapheme_clusters.h"
 
 namespace vumo {
 
@@ -36,7 +38,8 @@ constexpr std::int64_t minimumRangeMilliseconds = 17;
 std::map<std::string, std::string> decodeStringDictionary(const Json& value) {
   json::requireObject(value, "values");
   std::map<std::string, std::string> values;
-  for (auto item = value.begin(); item != value.end(); ++item) values[item.key()] = json::asString(item.value(), item.key());
+  for (auto item = value.begin(); item != value.end(); ++item)
+    values[item.key()] = json::asString(item.value(), item.key());
   return values;
 }
 
@@ -47,7 +50,8 @@ class OperationReader {
       : schema_(schema), sourceMilliseconds_(sourceDuration.nanoseconds / nanosecondsPerMillisecond) {}
 
   void read(const EditPlanOperation& operation, TimelineEditPlan& plan) {
-    if (operation.reason && graphemeCount(*operation.reason) > EditPlanExchangeDocument::maximumReasonCharacters)
+    if (operation.reason &&
+        GraphemeClusterCounter().exceeds(*operation.reason, EditPlanExchangeDocument::maximumReasonCharacters))
       fail(Case::invalidOperation);
     switch (operation.type) {
       case EditPlanOperationType::cut:
@@ -79,7 +83,8 @@ class OperationReader {
         if (!operation.level || !std::isfinite(*operation.level)) fail(Case::invalidOperation);
         if (operation.focusX.has_value() != operation.focusY.has_value()) fail(Case::invalidOperation);
         PlannedZoom zoom{sourceRange(operation), *operation.level, std::nullopt};
-        if (operation.focusX) zoom.focus = PointValue{unitCoordinate(*operation.focusX), unitCoordinate(*operation.focusY)};
+        if (operation.focusX)
+          zoom.focus = PointValue{unitCoordinate(*operation.focusX), unitCoordinate(*operation.focusY)};
         plan.zooms.push_back(zoom);
         return;
       }
@@ -103,7 +108,8 @@ class OperationReader {
   }
 
   static void requireNoFields(const EditPlanOperation& operation) {
-    requireAbsent(operation.range, operation.level, operation.rate, operation.focusX, operation.focusY, operation.values);
+    requireAbsent(operation.range, operation.level, operation.rate, operation.focusX, operation.focusY,
+                  operation.values);
   }
 
   void requireSchema(std::int64_t minimum) const {
@@ -278,8 +284,8 @@ void EditPlanExchangeDocument::verifyMatches(const EditPlanJob& job) const {
   if (captionsDigest != job.captionsDigest) fail(Case::staleCaptions);
 }
 
-void EditPlanJob::verifyCurrent(const Uuid& requestedJobID, const Uuid& currentProjectID, std::string_view currentTimelineDigest,
-                                std::string_view currentCaptionsDigest) const {
+void EditPlanJob::verifyCurrent(const Uuid& requestedJobID, const Uuid& currentProjectID,
+                                std::string_view currentTimelineDigest, std::string_view currentCaptionsDigest) const {
   if (protocolVersion < EditPlanExchangeDocument::minimumProtocolVersion ||
       protocolVersion > EditPlanExchangeDocument::currentProtocolVersion || id != requestedJobID ||
       projectID != currentProjectID || timelineDigest != currentTimelineDigest)

@@ -16,7 +16,7 @@
 #include "agent/timeline_plan_engine.h"
 #include "shared/date.h"
 #include "shared/error.h"
-#include "shared/json.h"
+#include "shared/json_fwd.h"
 #include "shared/project_time.h"
 #include "shared/uuid.h"
 

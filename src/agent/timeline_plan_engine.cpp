@@ -1,13 +1,15 @@
 #include "agent/timeline_plan_engine.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cmath>
 #include <unordered_set>
 
-#include <fmt/format.h>
-
 #include "shared/checked_math.h"
 #include "shared/digest.h"
+#include "shared/json.h"
+#include "shared/name_table.h"
 #include "timeline/timeline_edit_engine.h"
 #include "timeline/timeline_effect_engine.h"
 #include "timeline/timeline_frame_grid.h"
@@ -34,7 +36,9 @@ constexpr ErrorCase<Case> errorCases[] = {
 };
 static_assert(inCaseOrder(errorCases));
 
-ProjectTimeRange zoomRange(const ZoomSegment& zoom) { return ProjectTimeRange::fromStartEnd(zoom.startTime, zoom.endTime); }
+ProjectTimeRange zoomRange(const ZoomSegment& zoom) {
+  return ProjectTimeRange::fromStartEnd(zoom.startTime, zoom.endTime);
+}
 
 bool isRetainedEntirely(const ProjectTimeRange& range, const EditTimeline& timeline) {
   auto pieces = TimelinePlanEngine::retainedPieces(range, timeline);
@@ -44,7 +48,8 @@ bool isRetainedEntirely(const ProjectTimeRange& range, const EditTimeline& timel
 // A zoom over `start`...`end` with the standard ramps: in over at most 0.65 s, out over at most
 // 0.5 s, whatever is left held. The focus is stored only in the clamped form the validator
 // demands.
-ZoomSegment makeZoom(ProjectTime rawStart, ProjectTime rawEnd, PointValue focus, double scale, ProjectTime sourceDuration) {
+ZoomSegment makeZoom(ProjectTime rawStart, ProjectTime rawEnd, PointValue focus, double scale,
+                     ProjectTime sourceDuration) {
   if (!std::isfinite(scale)) throw TimelineEffectError(TimelineEffectError::Case::zoomRangeInvalid);
   ProjectTime start = Grid::nearestBoundary(rawStart);
   ProjectTime end = Grid::nearestBoundary(rawEnd);
@@ -53,7 +58,8 @@ ZoomSegment makeZoom(ProjectTime rawStart, ProjectTime rawEnd, PointValue focus,
   ProjectTime length = end - start;
   ProjectTime lead = std::min(length, TimelinePlanEngine::zoomRampInDuration);
   ProjectTime tail = std::min(std::max(length - lead, ProjectTime::zero()), TimelinePlanEngine::zoomRampOutDuration);
-  double clampedScale = std::clamp(scale, TimelineEffectEngine::minimumZoomScale, TimelineEffectEngine::maximumZoomScale);
+  double clampedScale =
+      std::clamp(scale, TimelineEffectEngine::minimumZoomScale, TimelineEffectEngine::maximumZoomScale);
   ZoomSegment zoom;
   zoom.id = Uuid::random();
   zoom.startTime = start;
@@ -79,14 +85,15 @@ PointValue clickFocus(const std::vector<MouseEvent>& events, const ProjectTimeRa
 // The id `seed` names, stepped on deterministically in the (practically impossible) case that it
 // is taken already, so that ids stay unique within the document.
 Uuid uniqueStableUUID(const std::string& seed, std::unordered_set<Uuid>& used) {
-  Uuid id = TimelinePlanEngine::stableUUID(seed);
-  for (int attempt = 1; used.count(id) != 0; ++attempt) id = TimelinePlanEngine::stableUUID(fmt::format("{}#{}", seed, attempt));
+  Uuid id = Uuid::stable(seed);
+  for (int attempt = 1; used.count(id) != 0; ++attempt) id = Uuid::stable(fmt::format("{}#{}", seed, attempt));
   used.insert(id);
   return id;
 }
 
 void sortZooms(std::vector<ZoomSegment>& zooms) {
-  std::stable_sort(zooms.begin(), zooms.end(), [](const ZoomSegment& a, const ZoomSegment& b) { return a.startTime < b.startTime; });
+  std::stable_sort(zooms.begin(), zooms.end(),
+                   [](const ZoomSegment& a, const ZoomSegment& b) { return a.startTime < b.startTime; });
 }
 
 }  // namespace
@@ -155,10 +162,12 @@ std::vector<ProjectTimeRange> TimelinePlanEngine::mergedRanges(const std::vector
   return merged;
 }
 
-std::vector<ProjectTimeRange> TimelinePlanEngine::retainedPieces(const ProjectTimeRange& range, const EditTimeline& timeline) {
+std::vector<ProjectTimeRange> TimelinePlanEngine::retainedPieces(const ProjectTimeRange& range,
+                                                                 const EditTimeline& timeline) {
   std::vector<ProjectTimeRange> pieces;
   std::int64_t rawEnd;
-  if (range.duration <= ProjectTime::zero() || !tryAdd(range.start.nanoseconds, range.duration.nanoseconds, rawEnd)) return pieces;
+  if (range.duration <= ProjectTime::zero() || !tryAdd(range.start.nanoseconds, range.duration.nanoseconds, rawEnd))
+    return pieces;
   ProjectTime end{rawEnd};
   const auto& segments = timeline.segments;
   // Valid clips are sorted and disjoint, so their ends are sorted too.
@@ -180,8 +189,8 @@ std::vector<ProjectTimeRange> TimelinePlanEngine::retainedPieces(const ProjectTi
 // ---------------------------------------------------------------------------------------------
 // Zoom reconciliation
 
-ZoomReconciliationResult TimelinePlanEngine::reconcileZooms(const std::vector<ZoomSegment>& zooms, const EditTimeline& timeline,
-                                                            ProjectTime sourceDuration) {
+ZoomReconciliationResult TimelinePlanEngine::reconcileZooms(const std::vector<ZoomSegment>& zooms,
+                                                            const EditTimeline& timeline, ProjectTime sourceDuration) {
   std::vector<ZoomSegment> ordered = zooms;
   sortZooms(ordered);
   ZoomReconciliationResult result;
@@ -201,15 +210,9 @@ ZoomReconciliationResult TimelinePlanEngine::reconcileZooms(const std::vector<Zo
       reconciliation.resultingRanges.push_back(piece);
     }
     switch (reconciliation.resultingRanges.size()) {
-      case 0:
-        reconciliation.action = ZoomReconciliationAction::removed;
-        break;
-      case 1:
-        reconciliation.action = ZoomReconciliationAction::trimmed;
-        break;
-      default:
-        reconciliation.action = ZoomReconciliationAction::split;
-        break;
+      case 0: reconciliation.action = ZoomReconciliationAction::removed; break;
+      case 1: reconciliation.action = ZoomReconciliationAction::trimmed; break;
+      default: reconciliation.action = ZoomReconciliationAction::split; break;
     }
     result.reconciliations.push_back(std::move(reconciliation));
   }
@@ -219,17 +222,6 @@ ZoomReconciliationResult TimelinePlanEngine::reconcileZooms(const std::vector<Zo
 
 // ---------------------------------------------------------------------------------------------
 // Canonical ids
-
-Uuid TimelinePlanEngine::stableUUID(std::string_view seed) {
-  std::string hex = sha256Hex(seed);
-  Uuid id;
-  auto nibble = [](char c) { return static_cast<std::uint8_t>(c <= '9' ? c - '0' : c - 'a' + 10); };
-  for (std::size_t i = 0; i < id.bytes.size(); ++i)
-    id.bytes[i] = static_cast<std::uint8_t>(nibble(hex[2 * i]) << 4 | nibble(hex[2 * i + 1]));
-  id.bytes[6] = static_cast<std::uint8_t>((id.bytes[6] & 0x0F) | 0x50);
-  id.bytes[8] = static_cast<std::uint8_t>((id.bytes[8] & 0x3F) | 0x80);
-  return id;
-}
 
 EditTimeline TimelinePlanEngine::canonicalSegmentIDs(const EditTimeline& result, const EditTimeline& input) {
   std::unordered_set<Uuid> inputIDs;
@@ -261,8 +253,8 @@ EditTimeline TimelinePlanEngine::canonicalZoomIDs(const EditTimeline& result, co
     if (inputIDs.count(zoom.id) != 0) continue;
     // Doubles print in their shortest exact form, so equal zooms give equal seeds.
     zoom.id = uniqueStableUUID(fmt::format("zoom:{}:{}:{}:{}:{}:{}:{}:{}", idNamespace, zoom.startTime.nanoseconds,
-                                           zoom.focusTime.nanoseconds, zoom.holdEndTime.nanoseconds, zoom.endTime.nanoseconds,
-                                           zoom.focusPoint.x, zoom.focusPoint.y, zoom.scale),
+                                           zoom.focusTime.nanoseconds, zoom.holdEndTime.nanoseconds,
+                                           zoom.endTime.nanoseconds, zoom.focusPoint.x, zoom.focusPoint.y, zoom.scale),
                                used);
   }
   return canonical;
@@ -271,8 +263,9 @@ EditTimeline TimelinePlanEngine::canonicalZoomIDs(const EditTimeline& result, co
 // ---------------------------------------------------------------------------------------------
 // The transaction
 
-TimelinePlanResult TimelinePlanEngine::apply(const TimelineEditPlan& plan, const EditTimeline& timeline, ProjectTime sourceDuration,
-                                             bool hasWebcam, PixelSize sourceSize, const std::vector<MouseEvent>& clickEvents) {
+TimelinePlanResult TimelinePlanEngine::apply(const TimelineEditPlan& plan, const EditTimeline& timeline,
+                                             ProjectTime sourceDuration, bool hasWebcam, PixelSize sourceSize,
+                                             const std::vector<MouseEvent>& clickEvents) {
   std::size_t operations = plan.operationCount();
   if (operations < 1) throw TimelinePlanError::empty();
   if (operations > maximumOperations) throw TimelinePlanError::tooManyOperations();
@@ -287,7 +280,8 @@ TimelinePlanResult TimelinePlanEngine::apply(const TimelineEditPlan& plan, const
   // Cuts first, all at once, against the input's source addresses.
   if (!cuts.empty()) {
     for (const ProjectTimeRange& cut : cuts)
-      if (cut.start < ProjectTime::zero() || cut.end() > sourceDuration) throw TimelineEditError(TimelineEditError::Case::invalidRange);
+      if (cut.start < ProjectTime::zero() || cut.end() > sourceDuration)
+        throw TimelineEditError(TimelineEditError::Case::invalidRange);
     TimelineMapper mapper(timeline, sourceDuration);
     for (const ProjectTimeRange& cut : cuts)
       if (mapper.projectedRanges(cut).empty()) throw TimelinePlanError::cutOutsideRetainedContent();
@@ -314,7 +308,7 @@ TimelinePlanResult TimelinePlanEngine::apply(const TimelineEditPlan& plan, const
   // Existing zooms. Clips changed above; zooms still carry their old source times.
   if (plan.clearsZooms) {
     current.zooms.clear();
-    TimelineEffectEngine::validate(current, sourceDuration);
+    TimelineValidator::validateEffectTracks(current, sourceDuration);
   } else if (cuts.empty() && !plan.reconcilesZooms) {
     for (const ZoomSegment& zoom : current.zooms)
       if (!isRetainedEntirely(zoomRange(zoom), current))
@@ -325,8 +319,8 @@ TimelinePlanResult TimelinePlanEngine::apply(const TimelineEditPlan& plan, const
     std::vector<ZoomSegment> kept;
     std::vector<ZoomSegment> affected;
     for (const ZoomSegment& zoom : current.zooms) {
-      bool changed = plan.reconcilesZooms ||
-                     retainedPieces(zoomRange(zoom), current) != retainedPieces(zoomRange(zoom), timeline);
+      bool changed =
+          plan.reconcilesZooms || retainedPieces(zoomRange(zoom), current) != retainedPieces(zoomRange(zoom), timeline);
       (changed ? affected : kept).push_back(zoom);
     }
     if (!affected.empty()) {

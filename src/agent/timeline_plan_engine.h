@@ -14,7 +14,7 @@
 
 #include "shared/error.h"
 #include "shared/geometry.h"
-#include "shared/json.h"
+#include "shared/json_fwd.h"
 #include "shared/project_time.h"
 #include "shared/uuid.h"
 #include "timeline/edit_timeline.h"
@@ -132,8 +132,9 @@ struct TimelinePlanEngine {
   // partial. The same plan on the same timeline always gives the same document, byte for byte,
   // so a preview and the commit that repeats it agree. Errors of the clip, speed, effect and
   // settings engines and of the validator pass through.
-  static TimelinePlanResult apply(const TimelineEditPlan& plan, const EditTimeline& timeline, ProjectTime sourceDuration,
-                                  bool hasWebcam, PixelSize sourceSize, const std::vector<MouseEvent>& clickEvents);
+  static TimelinePlanResult apply(const TimelineEditPlan& plan, const EditTimeline& timeline,
+                                  ProjectTime sourceDuration, bool hasWebcam, PixelSize sourceSize,
+                                  const std::vector<MouseEvent>& clickEvents);
 
   // Both ends snapped to the frame grid, empty ranges dropped, sorted by start, overlapping or
   // touching ranges merged. An end beyond the 64-bit range is TimelineEditError.invalidRange.
@@ -150,15 +151,12 @@ struct TimelinePlanEngine {
   static ZoomReconciliationResult reconcileZooms(const std::vector<ZoomSegment>& zooms, const EditTimeline& timeline,
                                                  ProjectTime sourceDuration);
 
-  // A name-based UUID: the first 16 bytes of SHA-256 over the seed's UTF-8 bytes, with the
-  // version 5 and RFC 4122 variant bits set.
-  static Uuid stableUUID(std::string_view seed);
-
   // Engines make random ids for new clips and zooms. These replace every id that the input did
   // not have by one derived from the item itself, so that applying one plan twice gives equal
   // documents. Ids the input had are kept.
   static EditTimeline canonicalSegmentIDs(const EditTimeline& result, const EditTimeline& input);
-  static EditTimeline canonicalZoomIDs(const EditTimeline& result, const EditTimeline& input, std::string_view idNamespace);
+  static EditTimeline canonicalZoomIDs(const EditTimeline& result, const EditTimeline& input,
+                                       std::string_view idNamespace);
 };
 
 }  // namespace vumo

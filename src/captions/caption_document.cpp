@@ -1,12 +1,15 @@
 #include "captions/caption_document.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cmath>
 #include <unordered_set>
 
-#include <fmt/format.h>
-
 #include "captions/caption_text.h"
+#include "shared/json.h"
+#include "shared/name_table.h"
+#include "timeline/grapheme_clusters.h"
 
 namespace vumo {
 
@@ -51,19 +54,6 @@ class LiteralSearcher {
   std::vector<std::size_t> fallback_;
 };
 
-// Opens ICU's character rules only when some cue is long enough to need them.
-class LazyGraphemeCounter {
- public:
-  bool exceeds(std::string_view text, std::size_t limit) {
-    if (text.size() <= limit) return false;
-    if (!counter_) counter_.emplace();
-    return counter_->exceeds(text, limit);
-  }
-
- private:
-  std::optional<GraphemeClusterCounter> counter_;
-};
-
 [[noreturn]] void fail(ValidationCase kind) { throw CaptionValidationError(kind); }
 
 // Reads an array member that old documents may lack; a missing or null key is empty.
@@ -94,7 +84,8 @@ const CaptionCue* CaptionDocument::findCue(const Uuid& id) const {
   return nullptr;
 }
 
-std::vector<CaptionHighlight> validatedHighlights(const std::vector<CaptionHighlight>& highlights, std::string_view text) {
+std::vector<CaptionHighlight> validatedHighlights(const std::vector<CaptionHighlight>& highlights,
+                                                  std::string_view text) {
   if (highlights.size() > CaptionDocument::maximumHighlightCount) fail(ValidationCase::invalidHighlight);
 
   struct Located {
@@ -126,7 +117,8 @@ std::vector<CaptionHighlight> validatedHighlights(const std::vector<CaptionHighl
     located.push_back({matchStart, matchStart + needle.size(), &highlight});
   }
 
-  std::stable_sort(located.begin(), located.end(), [](const Located& a, const Located& b) { return a.start < b.start; });
+  std::stable_sort(located.begin(), located.end(),
+                   [](const Located& a, const Located& b) { return a.start < b.start; });
   for (std::size_t i = 1; i < located.size(); ++i)
     if (located[i].start < located[i - 1].end) fail(ValidationCase::invalidHighlight);
 
@@ -145,7 +137,7 @@ CaptionDocument CaptionDocument::validated(ProjectTime sourceDuration) const {
   CaptionDocument result = *this;
   result.style = style.normalized();
 
-  LazyGraphemeCounter counter;
+  GraphemeClusterCounter counter;
   std::unordered_set<Uuid> seenIds;
   seenIds.reserve(result.cues.size());
   ProjectTime previousEnd = ProjectTime::zero();
@@ -158,7 +150,8 @@ CaptionDocument CaptionDocument::validated(ProjectTime sourceDuration) const {
     cue.text = std::string(trimmed);
 
     // Cues may touch but never overlap, and stay inside the recording.
-    if (cue.start < ProjectTime::zero() || !(cue.start < cue.end) || cue.end > sourceDuration || cue.start < previousEnd)
+    if (cue.start < ProjectTime::zero() || !(cue.start < cue.end) || cue.end > sourceDuration ||
+        cue.start < previousEnd)
       fail(ValidationCase::invalidCue);
 
     ProjectTime wordEnd = cue.start;

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "captions/caption_errors.h"
-#include "shared/json.h"
+#include "shared/json_fwd.h"
 #include "shared/media_track_kind.h"
 #include "shared/name_table.h"
 #include "shared/project_time.h"
@@ -106,7 +106,8 @@ struct CaptionDocument {
 
 // Checks the highlights of one cue against its already trimmed text and returns them ordered by
 // their position in the text. Fails with CaptionValidationError::Case::invalidHighlight.
-std::vector<CaptionHighlight> validatedHighlights(const std::vector<CaptionHighlight>& highlights, std::string_view text);
+std::vector<CaptionHighlight> validatedHighlights(const std::vector<CaptionHighlight>& highlights,
+                                                  std::string_view text);
 
 // Reads a caption document. Malformed JSON, a missing required key or a value of the wrong type is
 // a DecodingError. Decoding does not validate: call `validated` with the source duration.

@@ -1,42 +1,8 @@
 #include "captions/caption_text.h"
 
-#include <unicode/ubrk.h>
 #include <unicode/uchar.h>
-#include <unicode/utext.h>
-
-#include "shared/error.h"
 
 namespace vumo {
-
-namespace {
-
-// A UText over UTF-8 bytes that it does not copy; closed on every path out of the scope.
-class Utf8TextHandle {
- public:
-  explicit Utf8TextHandle(std::string_view text) {
-    UErrorCode status = U_ZERO_ERROR;
-    utext_openUTF8(&text_, text.data(), static_cast<int64_t>(text.size()), &status);
-    if (U_FAILURE(status)) {
-      throw UnicodeTextError(UnicodeTextError::Case::unreadable, u_errorName(status));
-    }
-  }
-  ~Utf8TextHandle() { utext_close(&text_); }
-  Utf8TextHandle(const Utf8TextHandle&) = delete;
-  Utf8TextHandle& operator=(const Utf8TextHandle&) = delete;
-
-  UText* get() { return &text_; }
-
- private:
-  UText text_ = UTEXT_INITIALIZER;
-};
-
-bool isAscii(std::string_view text) {
-  for (unsigned char c : text)
-    if (c >= 0x80) return false;
-  return true;
-}
-
-}  // namespace
 
 Utf8Scalar decodeUtf8Scalar(std::string_view text, std::size_t offset) {
   if (offset >= text.size()) return {};
@@ -107,63 +73,6 @@ bool containsAlphanumericScalar(std::string_view text) {
     offset += decoded.length;
   }
   return false;
-}
-
-void GraphemeClusterCounter::IteratorCloser::operator()(UBreakIterator* iterator) const noexcept { ubrk_close(iterator); }
-
-GraphemeClusterCounter::GraphemeClusterCounter() {
-  UErrorCode status = U_ZERO_ERROR;
-  UBreakIterator* opened = ubrk_open(UBRK_CHARACTER, "", nullptr, 0, &status);
-  if (U_FAILURE(status) || opened == nullptr) {
-    if (opened != nullptr) ubrk_close(opened);
-    throw UnicodeTextError(UnicodeTextError::Case::rulesUnavailable, u_errorName(status));
-  }
-  iterator_.reset(opened);
-}
-
-GraphemeClusterCounter::~GraphemeClusterCounter() = default;
-
-std::size_t GraphemeClusterCounter::countClusters(std::string_view text, std::optional<std::size_t> stopAfter) {
-  if (text.empty()) return 0;
-  if (isAscii(text)) {
-    // In ASCII only CR LF joins into one cluster; every other byte is a cluster of its own.
-    std::size_t count = text.size();
-    for (std::size_t i = 1; i < text.size(); ++i)
-      if (text[i - 1] == '\r' && text[i] == '\n') --count;
-    return count;
-  }
-  Utf8TextHandle handle(text);
-  UErrorCode status = U_ZERO_ERROR;
-  ubrk_setUText(iterator_.get(), handle.get(), &status);
-  if (U_FAILURE(status)) {
-    throw UnicodeTextError(UnicodeTextError::Case::unsegmentable, u_errorName(status));
-  }
-  std::size_t count = 0;
-  ubrk_first(iterator_.get());
-  while (ubrk_next(iterator_.get()) != UBRK_DONE) {
-    ++count;
-    if (stopAfter && count > *stopAfter) break;
-  }
-  // The iterator keeps a shallow view of the text; point it at nothing before the bytes go.
-  status = U_ZERO_ERROR;
-  ubrk_setText(iterator_.get(), nullptr, 0, &status);
-  return count;
-}
-
-std::size_t GraphemeClusterCounter::count(std::string_view text) { return countClusters(text, std::nullopt); }
-
-bool GraphemeClusterCounter::exceeds(std::string_view text, std::size_t limit) {
-  // Every cluster holds at least one scalar and every scalar at least one byte.
-  if (text.size() <= limit) return false;
-  std::size_t scalars = 0;
-  for (std::size_t offset = 0; offset < text.size(); offset += decodeUtf8Scalar(text, offset).length) ++scalars;
-  if (scalars <= limit) return false;
-  return countClusters(text, limit) > limit;
-}
-
-std::size_t graphemeClusterCount(std::string_view text) {
-  GraphemeClusterCounter counter;
-  return counter.count(text);
 }
 
 }  // namespace vumo

@@ -1,17 +1,11 @@
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
-#include <memory>
 #include <optional>
-#include <string>
 #include <string_view>
 
 // Text rules for captions, over UTF-8. "Characters" in caption limits are user-perceived
-// characters (extended grapheme clusters), so a flag, a family emoji or a letter with combining
-// accents counts once, as a person reading the caption would count it.
-
-struct UBreakIterator;
+// characters, counted by timeline/grapheme_clusters.h.
 
 namespace vumo {
 
@@ -37,33 +31,5 @@ std::string_view trimmedWhitespaceAndNewlines(std::string_view text);
 
 // True when some scalar of `text` is a letter, a mark or a number (general categories L, M, N).
 bool containsAlphanumericScalar(std::string_view text);
-
-// Counts extended grapheme clusters with ICU's character break rules. One counter holds one ICU
-// break iterator, so checking every cue of a document opens the rules once. Not thread-safe; make
-// one per thread.
-class GraphemeClusterCounter {
- public:
-  GraphemeClusterCounter();
-  ~GraphemeClusterCounter();
-  GraphemeClusterCounter(const GraphemeClusterCounter&) = delete;
-  GraphemeClusterCounter& operator=(const GraphemeClusterCounter&) = delete;
-
-  std::size_t count(std::string_view text);
-
-  // True when `text` holds more than `limit` clusters. Short and plain ASCII texts are decided
-  // without ICU, and counting stops at the first cluster beyond the limit.
-  bool exceeds(std::string_view text, std::size_t limit);
-
- private:
-  struct IteratorCloser {
-    void operator()(UBreakIterator* iterator) const noexcept;
-  };
-  std::size_t countClusters(std::string_view text, std::optional<std::size_t> stopAfter);
-
-  std::unique_ptr<UBreakIterator, IteratorCloser> iterator_;
-};
-
-// Convenience for a single text.
-std::size_t graphemeClusterCount(std::string_view text);
 
 }  // namespace vumo

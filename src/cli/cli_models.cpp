@@ -1,5 +1,8 @@
 #include "cli/cli_models.h"
 
+#include "shared/json.h"
+#include "shared/name_table.h"
+
 namespace vumo {
 
 ProjectTimeRange CLIRange::projectTimeRange() const {

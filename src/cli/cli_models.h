@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "shared/geometry.h"
-#include "shared/json.h"
+#include "shared/json_fwd.h"
 #include "shared/media_track_kind.h"
 #include "shared/name_table.h"
 #include "shared/project_time.h"

@@ -1,10 +1,15 @@
 #include "cli/cli_responses.h"
 
+#include "shared/json.h"
+
 namespace vumo {
 
 void to_json(Json& j, const CLIProjectSummary& v) {
-  j = Json{{"id", v.id},         {"title", v.title},         {"packagePath", v.packagePath},
-           {"durationMilliseconds", v.durationMilliseconds}, {"hasWebcam", v.hasWebcam},
+  j = Json{{"id", v.id},
+           {"title", v.title},
+           {"packagePath", v.packagePath},
+           {"durationMilliseconds", v.durationMilliseconds},
+           {"hasWebcam", v.hasWebcam},
            {"updatedAt", v.updatedAt}};
 }
 
@@ -83,7 +88,10 @@ void to_json(Json& j, const CLITimelineSummary& v) {
 }
 
 void to_json(Json& j, const CLIZoomReconciliationDescription& v) {
-  j = Json{{"zoomID", v.zoomID}, {"originalRange", v.originalRange}, {"action", v.action}, {"resultingRanges", v.resultingRanges}};
+  j = Json{{"zoomID", v.zoomID},
+           {"originalRange", v.originalRange},
+           {"action", v.action},
+           {"resultingRanges", v.resultingRanges}};
 }
 
 void to_json(Json& j, const CLIMutationResponse& v) {
@@ -119,7 +127,7 @@ void to_json(Json& j, const CLICaptionCueDescription& v) {
 }
 
 void to_json(Json& j, const CLICaptionReadResponse& v) {
-  j = Json{{"protocolVersion", v.protocolVersion}, {"projectID", v.projectID},         {"timeDomain", v.timeDomain},
+  j = Json{{"protocolVersion", v.protocolVersion}, {"projectID", v.projectID},           {"timeDomain", v.timeDomain},
            {"timelineDigest", v.timelineDigest},   {"captionsDigest", v.captionsDigest}, {"cues", v.cues}};
   json::setOptional(j, "language", v.language);
   json::setOptional(j, "sourceTrack", v.sourceTrack);
@@ -131,7 +139,10 @@ void to_json(Json& j, const CLICaptionReadResponse& v) {
 namespace vumo {
 
 void to_json(Json& j, const CLICaptionImpactDescription& v) {
-  j = Json{{"cueID", v.cueID}, {"kind", v.kind}, {"affectedCutRanges", v.affectedCutRanges}, {"hasWordTimings", v.hasWordTimings}};
+  j = Json{{"cueID", v.cueID},
+           {"kind", v.kind},
+           {"affectedCutRanges", v.affectedCutRanges},
+           {"hasWordTimings", v.hasWordTimings}};
 }
 
 void to_json(Json& j, const CLIEditPlanOperationDescription& v) {
@@ -140,10 +151,14 @@ void to_json(Json& j, const CLIEditPlanOperationDescription& v) {
 }
 
 void to_json(Json& j, const CLIEditPlanPreparationResponse& v) {
-  j = Json{{"protocolVersion", v.protocolVersion}, {"projectID", v.projectID},
-           {"jobID", v.jobID},                     {"planPath", v.planPath},
-           {"timeDomain", v.timeDomain},           {"timelineDigest", v.timelineDigest},
-           {"captionsDigest", v.captionsDigest},   {"example", v.example},
+  j = Json{{"protocolVersion", v.protocolVersion},
+           {"projectID", v.projectID},
+           {"jobID", v.jobID},
+           {"planPath", v.planPath},
+           {"timeDomain", v.timeDomain},
+           {"timelineDigest", v.timelineDigest},
+           {"captionsDigest", v.captionsDigest},
+           {"example", v.example},
            {"instructions", v.instructions}};
 }
 

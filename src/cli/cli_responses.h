@@ -12,7 +12,7 @@
 #include "agent/edit_plan_exchange.h"
 #include "cli/cli_models.h"
 #include "shared/date.h"
-#include "shared/json.h"
+#include "shared/json_fwd.h"
 #include "timeline/edit_timeline.h"
 
 namespace vumo {
@@ -201,7 +201,7 @@ struct CLIEditPlanPreparationResponse {
   std::string timeDomain = "source milliseconds";
   std::string timelineDigest;
   std::string captionsDigest;
-  Json example;
+  EditPlanExchangeDocument example;
   std::vector<std::string> instructions;
 };
 void to_json(Json& j, const CLIEditPlanPreparationResponse& v);

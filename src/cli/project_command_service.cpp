@@ -8,6 +8,7 @@
 #include "captions/caption_coverage.h"
 #include "cli/project_inspector.h"
 #include "shared/digest.h"
+#include "shared/json.h"
 #include "timeline/auto_zoom_engine.h"
 #include "timeline/timeline_edit_engine.h"
 #include "timeline/timeline_effect_engine.h"

@@ -5,15 +5,16 @@
 #include <cerrno>
 #include <type_traits>
 
+#include "agent/timeline_plan_engine.h"
 #include "cli/agent_help_catalog.h"
 #include "cli/cli_argument_parser.h"
-#include "agent/timeline_plan_engine.h"
 #include "cli/cli_errors.h"
 #include "cli/output_destination.h"
 #include "cli/project_command_service.h"
 #include "cli/system_capability_inspector.h"
 #include "project/project_store.h"
 #include "shared/files.h"
+#include "shared/json.h"
 
 namespace vumo {
 

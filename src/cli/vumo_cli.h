@@ -10,13 +10,20 @@
 
 #include "cli/cli_models.h"
 #include "shared/error.h"
-#include "shared/json.h"
+#include "shared/json_fwd.h"
 
 namespace vumo {
 
 // Process exit statuses of the command line. 1 is never used; 130 (a cancelled command) lies
 // outside the enumeration.
-enum class CLIExitCode { success = 0, invalidArguments = 2, projectNotFound = 3, conflict = 4, validation = 5, failure = 6 };
+enum class CLIExitCode {
+  success = 0,
+  invalidArguments = 2,
+  projectNotFound = 3,
+  conflict = 4,
+  validation = 5,
+  failure = 6
+};
 constexpr int cancelledStatus = 130;
 
 CLIExitCode exitCode(ErrorKind kind);

@@ -9,6 +9,7 @@
 #include "shared/digest.h"
 #include "shared/document_limits.h"
 #include "shared/files.h"
+#include "shared/json.h"
 
 namespace vumo {
 
@@ -31,7 +32,8 @@ bool isAssetID(std::string_view id) {
 
 }  // namespace
 
-CursorAssetStore::CursorAssetStore(std::filesystem::path assetsDirectory) : assetsDirectory_(std::move(assetsDirectory)) {
+CursorAssetStore::CursorAssetStore(std::filesystem::path assetsDirectory)
+    : assetsDirectory_(std::move(assetsDirectory)) {
   createDirectories(assetsDirectory_);
   for (auto& descriptor : readDescriptors(assetsDirectory_)) descriptorsByID_[descriptor.id] = descriptor;
 }
@@ -69,7 +71,8 @@ std::vector<CursorAssetDescriptor> CursorAssetStore::readDescriptors(const std::
   for (const auto& path : visibleEntries(assetsDirectory)) {
     if (lowercase(path.extension().string()) != ".json") continue;
     try {
-      auto descriptor = json::as<CursorAssetDescriptor>(parseJson(readFile(path, documentLimits::cursorAssetBytes)), "CursorAssetDescriptor");
+      auto descriptor = json::as<CursorAssetDescriptor>(parseJson(readFile(path, documentLimits::cursorAssetBytes)),
+                                                        "CursorAssetDescriptor");
       // The id names the image file beside it, so anything but a digest could point elsewhere.
       if (isAssetID(descriptor.id)) list.push_back(std::move(descriptor));
     } catch (const Error&) {

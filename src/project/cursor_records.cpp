@@ -1,5 +1,7 @@
 #include "project/cursor_records.h"
 
+#include "shared/json.h"
+
 namespace vumo {
 
 void to_json(Json& j, const CursorShapeSample& v) { j = Json{{"time", v.time}, {"assetID", v.assetID}}; }

@@ -3,7 +3,7 @@
 #include <string>
 
 #include "shared/geometry.h"
-#include "shared/json.h"
+#include "shared/json_fwd.h"
 #include "shared/project_time.h"
 
 namespace vumo {

@@ -1,5 +1,7 @@
 #include "project/diagnostic_report.h"
 
+#include "shared/json.h"
+
 namespace vumo {
 
 DiagnosticReport DiagnosticReport::make(const ProjectManifest& manifest, bool recovered,

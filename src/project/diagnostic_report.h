@@ -7,7 +7,7 @@
 
 #include "project/project_manifest.h"
 #include "shared/date.h"
-#include "shared/json.h"
+#include "shared/json_fwd.h"
 #include "shared/project_time.h"
 #include "shared/uuid.h"
 

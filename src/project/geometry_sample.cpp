@@ -1,6 +1,7 @@
 #include "project/geometry_sample.h"
 
 #include "project/json_fields.h"
+#include "shared/json.h"
 
 namespace vumo {
 

@@ -3,7 +3,7 @@
 #include <cstdint>
 
 #include "shared/geometry.h"
-#include "shared/json.h"
+#include "shared/json_fwd.h"
 #include "shared/project_time.h"
 
 namespace vumo {
@@ -12,12 +12,12 @@ namespace vumo {
 // recorded under, so a later reader can place them even after the source moved or resized.
 struct GeometrySample {
   ProjectTime time;
-  std::uint32_t revision = 0;         // 1 for the first sample of a recording
-  RectValue globalWindowFrame;        // points, global display coordinates, top-left origin
-  SizeValue sourceContentSize;        // pixels
-  PixelSize encodedPixelSize;         // the fixed size of the encoded video
+  std::uint32_t revision = 0;           // 1 for the first sample of a recording
+  RectValue globalWindowFrame;          // points, global display coordinates, top-left origin
+  SizeValue sourceContentSize;          // pixels
+  PixelSize encodedPixelSize;           // the fixed size of the encoded video
   RectValue contentRectInEncodedFrame;  // pixels
-  double scaleFactor = 1;             // pixels per point as the stream reported it
+  double scaleFactor = 1;               // pixels per point as the stream reported it
 
   // The point relative to the frame's origin, not clamped.
   PointValue localPoint(PointValue global) const;

@@ -1,6 +1,7 @@
 #include "project/project_manifest.h"
 
 #include "project/json_fields.h"
+#include "shared/json.h"
 
 namespace vumo {
 
@@ -145,16 +146,11 @@ void from_json(const Json& j, RecordingMetrics& v) {
 }
 
 void to_json(Json& j, const ProjectManifest& v) {
-  j = Json{{"version", v.version},
-           {"id", v.id},
-           {"createdAt", v.createdAt},
-           {"updatedAt", v.updatedAt},
-           {"state", v.state},
-           {"source", v.source},
-           {"options", v.options},
-           {"encodedPixelSize", v.encodedPixelSize},
-           {"duration", v.duration},
-           {"media", v.media},
+  j = Json{{"version", v.version},     {"id", v.id},
+           {"createdAt", v.createdAt}, {"updatedAt", v.updatedAt},
+           {"state", v.state},         {"source", v.source},
+           {"options", v.options},     {"encodedPixelSize", v.encodedPixelSize},
+           {"duration", v.duration},   {"media", v.media},
            {"metrics", v.metrics}};
   json::setOptional(j, "microphone", v.microphone);
   json::setOptional(j, "webcam", v.webcam);

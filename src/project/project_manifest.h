@@ -9,7 +9,7 @@
 #include "project/cursor_records.h"
 #include "shared/date.h"
 #include "shared/geometry.h"
-#include "shared/json.h"
+#include "shared/json_fwd.h"
 #include "shared/media_track_kind.h"
 #include "shared/name_table.h"
 #include "shared/project_time.h"

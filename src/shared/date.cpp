@@ -63,13 +63,4 @@ std::optional<Timestamp> Timestamp::parseISO8601(std::string_view text) {
   return Timestamp{t};
 }
 
-void to_json(Json& j, const Timestamp& t) { j = t.iso8601(); }
-
-void from_json(const Json& j, Timestamp& t) {
-  if (!j.is_string()) throw DecodingError("Expected date string to be ISO8601-formatted.");
-  auto parsed = Timestamp::parseISO8601(j.get_ref<const std::string&>());
-  if (!parsed) throw DecodingError("Expected date string to be ISO8601-formatted.");
-  t = *parsed;
-}
-
 }  // namespace vumo

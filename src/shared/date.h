@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "shared/json.h"
+#include "shared/json_fwd.h"
 
 namespace vumo {
 

@@ -34,31 +34,9 @@ std::int64_t PixelSize::recommendedBitRate() const {
   if (count >= anchors[2].pixels) return 50'000'000;
   const Anchor& lo = count <= anchors[1].pixels ? anchors[0] : anchors[1];
   const Anchor& hi = count <= anchors[1].pixels ? anchors[1] : anchors[2];
-  double rate = lo.bitsPerSecond + (count - lo.pixels) / (hi.pixels - lo.pixels) * (hi.bitsPerSecond - lo.bitsPerSecond);
+  double rate =
+      lo.bitsPerSecond + (count - lo.pixels) / (hi.pixels - lo.pixels) * (hi.bitsPerSecond - lo.bitsPerSecond);
   return checkedInt64(std::round(rate));
-}
-
-void to_json(Json& j, const PointValue& v) { j = Json{{"x", v.x}, {"y", v.y}}; }
-void from_json(const Json& j, PointValue& v) {
-  v.x = json::required<double>(j, "x");
-  v.y = json::required<double>(j, "y");
-}
-void to_json(Json& j, const SizeValue& v) { j = Json{{"width", v.width}, {"height", v.height}}; }
-void from_json(const Json& j, SizeValue& v) {
-  v.width = json::required<double>(j, "width");
-  v.height = json::required<double>(j, "height");
-}
-void to_json(Json& j, const RectValue& v) { j = Json{{"x", v.x}, {"y", v.y}, {"width", v.width}, {"height", v.height}}; }
-void from_json(const Json& j, RectValue& v) {
-  v.x = json::required<double>(j, "x");
-  v.y = json::required<double>(j, "y");
-  v.width = json::required<double>(j, "width");
-  v.height = json::required<double>(j, "height");
-}
-void to_json(Json& j, const PixelSize& v) { j = Json{{"width", v.width}, {"height", v.height}}; }
-void from_json(const Json& j, PixelSize& v) {
-  v.width = json::required<std::int64_t>(j, "width");
-  v.height = json::required<std::int64_t>(j, "height");
 }
 
 }  // namespace vumo

@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-#include "shared/json.h"
+#include "shared/json_fwd.h"
 
 namespace vumo {
 

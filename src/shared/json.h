@@ -4,19 +4,17 @@
 // every document comes out with sorted keys; documents are pretty printed with two spaces and
 // slashes left as they are. Optionals are written by leaving the key out.
 
-#include <nlohmann/json.hpp>
-
 #include <cstdint>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <string_view>
 
 #include "shared/error.h"
+#include "shared/json_fwd.h"
 #include "shared/name_table.h"
 
 namespace vumo {
-
-using Json = nlohmann::json;
 
 // Pretty printed document text, without a trailing line feed.
 std::string encodeDocument(const Json& value);

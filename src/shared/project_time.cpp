@@ -12,17 +12,6 @@ std::optional<ProjectTimeRange> ProjectTimeRange::intersection(const ProjectTime
   return ProjectTimeRange{s, e - s};
 }
 
-void to_json(Json& j, const ProjectTime& t) { j = Json{{"nanoseconds", t.nanoseconds}}; }
-
-void from_json(const Json& j, ProjectTime& t) { t.nanoseconds = json::required<std::int64_t>(j, "nanoseconds"); }
-
-void to_json(Json& j, const ProjectTimeRange& r) { j = Json{{"start", r.start}, {"duration", r.duration}}; }
-
-void from_json(const Json& j, ProjectTimeRange& r) {
-  r.start = json::required<ProjectTime>(j, "start");
-  r.duration = json::required<ProjectTime>(j, "duration");
-}
-
 std::int64_t checkedInt64(double value) {
   // 2^63 is exactly representable; anything at or beyond it does not fit.
   if (!std::isfinite(value) || value >= 9223372036854775808.0 || value < -9223372036854775808.0)

@@ -6,7 +6,7 @@
 #include <optional>
 
 #include "shared/checked_math.h"
-#include "shared/json.h"
+#include "shared/json_fwd.h"
 
 namespace vumo {
 

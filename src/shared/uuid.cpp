@@ -2,12 +2,25 @@
 
 #include <uuid/uuid.h>
 
+#include "shared/digest.h"
+
 namespace vumo {
 
 Uuid Uuid::random() {
   Uuid u;
   uuid_generate_random(u.bytes.data());
   return u;
+}
+
+Uuid Uuid::stable(std::string_view seed) {
+  std::string hex = sha256Hex(seed);
+  Uuid id;
+  auto nibble = [](char c) { return static_cast<std::uint8_t>(c <= '9' ? c - '0' : c - 'a' + 10); };
+  for (std::size_t i = 0; i < id.bytes.size(); ++i)
+    id.bytes[i] = static_cast<std::uint8_t>(nibble(hex[2 * i]) << 4 | nibble(hex[2 * i + 1]));
+  id.bytes[6] = static_cast<std::uint8_t>((id.bytes[6] & 0x0F) | 0x50);
+  id.bytes[8] = static_cast<std::uint8_t>((id.bytes[8] & 0x3F) | 0x80);
+  return id;
 }
 
 std::optional<Uuid> Uuid::parse(std::string_view text) {
@@ -29,15 +42,6 @@ std::string Uuid::string() const {
   char buffer[37];
   uuid_unparse_upper(bytes.data(), buffer);
   return buffer;
-}
-
-void to_json(Json& j, const Uuid& u) { j = u.string(); }
-
-void from_json(const Json& j, Uuid& u) {
-  if (!j.is_string()) throw DecodingError("Expected a UUID string");
-  auto parsed = Uuid::parse(j.get_ref<const std::string&>());
-  if (!parsed) throw DecodingError("Attempted to decode UUID from invalid UUID string.");
-  u = *parsed;
 }
 
 }  // namespace vumo

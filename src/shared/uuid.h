@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "shared/json.h"
+#include "shared/json_fwd.h"
 
 namespace vumo {
 
@@ -18,6 +18,9 @@ struct Uuid {
   std::array<std::uint8_t, 16> bytes{};
 
   static Uuid random();
+  // A name-based id: the first 16 bytes of SHA-256 over the seed's bytes, with the version 5 and
+  // RFC 4122 variant bits set. The same seed names the same id on every run.
+  static Uuid stable(std::string_view seed);
   static std::optional<Uuid> parse(std::string_view text);
   std::string string() const;
 

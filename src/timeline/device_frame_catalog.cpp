@@ -10,6 +10,7 @@
 #include "shared/document_limits.h"
 #include "shared/files.h"
 #include "shared/resources.h"
+#include "shared/json.h"
 
 namespace vumo {
 

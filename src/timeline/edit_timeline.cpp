@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "timeline/annotation_track_assignment.h"
+#include "timeline/timeline_validator.h"
 
 // The timeline document as a value: the exact reading of a playback rate, the output aspect of a
 // canvas, and the repair that brings a document of any older schema to the current one. Its JSON

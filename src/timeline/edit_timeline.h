@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "shared/geometry.h"
-#include "shared/json.h"
+#include "shared/json_fwd.h"
 #include "shared/name_table.h"
 #include "shared/project_time.h"
 #include "shared/uuid.h"
@@ -513,7 +513,9 @@ struct EditTimeline {
 void to_json(Json& j, const EditTimeline& timeline);
 void from_json(const Json& j, EditTimeline& timeline);
 
-// Reads a timeline document; malformed text or a bad value is a DecodingError.
+// Reads a timeline document; malformed text or a bad value is a DecodingError, and items of one
+// kind sharing an id are TimelineValidationError `duplicateID` (see
+// TimelineValidator::requireUniqueIDs).
 EditTimeline decodeEditTimeline(std::string_view jsonText);
 // The document text: pretty printed, sorted keys, absent optionals left out.
 std::string encodeEditTimeline(const EditTimeline& timeline);

@@ -6,6 +6,9 @@
 
 #include "timeline/edit_timeline.h"
 
+#include "shared/json.h"
+#include "timeline/timeline_validator.h"
+
 // The JSON form of the timeline document and its parts. Enumerations are written and read through
 // their name tables; what is here is the shape of the objects and what an older document meant.
 
@@ -386,8 +389,11 @@ void from_json(const Json& j, EditTimeline& timeline) {
 }
 
 EditTimeline decodeEditTimeline(std::string_view jsonText) {
-  Json document = parseJson(jsonText);
-  return json::as<EditTimeline>(document, "timeline");
+  EditTimeline timeline = json::as<EditTimeline>(parseJson(jsonText), "timeline");
+  // Commands address clips, zooms and annotations by id; a hand-edited document that repeats one
+  // would decode into something no command could reach.
+  TimelineValidator::requireUniqueIDs(timeline);
+  return timeline;
 }
 
 std::string encodeEditTimeline(const EditTimeline& timeline) { return encodeDocument(Json(timeline)); }

@@ -2,6 +2,8 @@
 
 #include <string>
 
+#include "shared/json.h"
+
 namespace vumo {
 
 namespace {

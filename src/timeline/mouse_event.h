@@ -5,7 +5,7 @@
 #include <string_view>
 
 #include "shared/geometry.h"
-#include "shared/json.h"
+#include "shared/json_fwd.h"
 #include "shared/name_table.h"
 #include "shared/project_time.h"
 

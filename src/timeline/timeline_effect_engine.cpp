@@ -16,88 +16,11 @@ using engine_support::clampLowerWins;
 using engine_support::stableSortBy;
 using Case = TimelineEffectError::Case;
 
-constexpr ErrorCase<Case> errorCases[] = {
-    {Case::zoomNotFound, "zoomNotFound", "timeline.error.zoomMissing",
-     "The selected Auto Zoom segment could not be found.", "validation", ErrorKind::validation},
-    {Case::zoomRangeInvalid, "zoomRangeInvalid", "timeline.error.zoomRange",
-     "An Auto Zoom segment must last at least one frame and stay within the source media.", "validation",
-     ErrorKind::validation},
-    {Case::zoomOverlap, "zoomOverlap", "timeline.error.zoomOverlap",
-     "Auto Zoom segments cannot overlap neighboring zooms.", "validation", ErrorKind::validation},
-    {Case::webcamFullscreenNotFound, "webcamFullscreenNotFound", "timeline.error.cameraMissing",
-     "The selected full-screen camera segment could not be found.", "validation", ErrorKind::validation},
-    {Case::webcamFullscreenRangeInvalid, "webcamFullscreenRangeInvalid", "timeline.error.cameraRange",
-     "A full-screen camera segment must last at least two frames and stay within the source media.", "validation",
-     ErrorKind::validation},
-    {Case::webcamFullscreenOverlap, "webcamFullscreenOverlap", "timeline.error.cameraOverlap",
-     "Full-screen camera segments cannot overlap neighboring segments.", "validation", ErrorKind::validation},
-    {Case::keyframeOutsideSource, "keyframeOutsideSource", "timeline.error.keyframeRange",
-     "A camera keyframe falls outside the source media.", "validation", ErrorKind::validation},
-    {Case::keyframeInvalid, "keyframeInvalid", "timeline.error.keyframeInvalid",
-     "Camera keyframes must be unique and have valid positions and sizes.", "validation", ErrorKind::validation},
-    {Case::zoomIndexInvalid, "zoomIndexInvalid", "timeline.error.zoomIndex", "The Auto Zoom index is invalid.",
-     "validation", ErrorKind::validation},
-};
-static_assert(inCaseOrder(errorCases));
-
 // `end - start >= minimum` without forming a difference that could leave the 64-bit range on a
-// document with nonsense times.
+// request with nonsense times.
 bool lastsAtLeast(ProjectTime start, ProjectTime end, ProjectTime minimum) {
   std::int64_t length;
   return end >= start && trySub(end.nanoseconds, start.nanoseconds, length) && length >= minimum.nanoseconds;
-}
-
-bool isUnitInterval(double value) { return std::isfinite(value) && value >= 0 && value <= 1; }
-
-void validateZooms(const std::vector<ZoomSegment>& stored, ProjectTime sourceDuration) {
-  std::vector<ZoomSegment> zooms = stored;
-  stableSortBy(zooms, [](const ZoomSegment& z) { return z.startTime; });
-  std::unordered_set<Uuid> seen;
-  const ZoomSegment* previous = nullptr;
-  for (const ZoomSegment& zoom : zooms) {
-    bool valid = seen.insert(zoom.id).second && zoom.startTime >= ProjectTime::zero() && zoom.endTime <= sourceDuration &&
-                 zoom.startTime <= zoom.focusTime && zoom.focusTime <= zoom.holdEndTime && zoom.holdEndTime <= zoom.endTime &&
-                 lastsAtLeast(zoom.startTime, zoom.endTime, TimelineFrameGrid::minimumDuration) &&
-                 std::isfinite(zoom.scale) && zoom.scale >= TimelineEffectEngine::minimumZoomScale &&
-                 zoom.scale <= TimelineEffectEngine::maximumZoomScale;
-    // Stored focus points must be exactly what the clamp produces, so that every reader of the
-    // document frames the same view.
-    if (valid) valid = zoom.focusPoint == TimelineEffectEngine::constrainedFocus(zoom.focusPoint, zoom.scale);
-    if (!valid) throw TimelineEffectError(Case::zoomRangeInvalid);
-    if (previous != nullptr && zoom.startTime < previous->endTime) throw TimelineEffectError(Case::zoomOverlap);
-    previous = &zoom;
-  }
-}
-
-void validateFullscreenSegments(const EditTimeline& timeline, ProjectTime sourceDuration) {
-  if (timeline.webcamFullscreenSegments.empty()) return;
-  if (!timeline.webcamOverlay) throw TimelineEffectError(Case::webcamFullscreenRangeInvalid);
-  std::vector<WebcamFullscreenSegment> segments = timeline.webcamFullscreenSegments;
-  stableSortBy(segments, [](const WebcamFullscreenSegment& s) { return s.startTime; });
-  std::unordered_set<Uuid> seen;
-  const WebcamFullscreenSegment* previous = nullptr;
-  for (const WebcamFullscreenSegment& segment : segments) {
-    bool valid = seen.insert(segment.id).second && segment.startTime >= ProjectTime::zero() &&
-                 segment.endTime <= sourceDuration &&
-                 lastsAtLeast(segment.startTime, segment.endTime, TimelineEffectEngine::minimumWebcamFullscreenDuration);
-    if (!valid) throw TimelineEffectError(Case::webcamFullscreenRangeInvalid);
-    if (previous != nullptr && segment.startTime < previous->endTime) throw TimelineEffectError(Case::webcamFullscreenOverlap);
-    previous = &segment;
-  }
-}
-
-void validateKeyframes(const std::vector<WebcamOverlayKeyframe>& keyframes, ProjectTime sourceDuration) {
-  std::unordered_set<Uuid> ids;
-  std::unordered_set<ProjectTime> times;
-  for (const WebcamOverlayKeyframe& keyframe : keyframes) {
-    if (keyframe.time < ProjectTime::zero() || keyframe.time >= sourceDuration)
-      throw TimelineEffectError(Case::keyframeOutsideSource);
-    bool valid = ids.insert(keyframe.id).second && times.insert(keyframe.time).second && std::isfinite(keyframe.diameter) &&
-                 keyframe.diameter >= TimelineEffectEngine::minimumWebcamDiameter &&
-                 keyframe.diameter <= TimelineEffectEngine::maximumWebcamDiameter && isUnitInterval(keyframe.center.x) &&
-                 isUnitInterval(keyframe.center.y);
-    if (!valid) throw TimelineEffectError(Case::keyframeInvalid);
-  }
 }
 
 // Ramps of a zoom whose edges move to `start` and `end`: the ramp lengths are kept where they fit,
@@ -155,11 +78,12 @@ EditTimeline withZoomUpdate(const EditTimeline& timeline, const Uuid& id, Projec
   return engine_support::validated(std::move(result), sourceDuration);
 }
 
-EditTimeline withFullscreenUpdate(const EditTimeline& timeline, const Uuid& id, ProjectTime sourceDuration,
-                                  const std::function<void(WebcamFullscreenSegment&, const Neighbours<WebcamFullscreenSegment>&)>& change) {
+EditTimeline withFullscreenUpdate(
+    const EditTimeline& timeline, const Uuid& id, ProjectTime sourceDuration,
+    const std::function<void(WebcamFullscreenSegment&, const Neighbours<WebcamFullscreenSegment>&)>& change) {
   EditTimeline result = timeline;
-  result.webcamFullscreenSegments =
-      updatingItem<WebcamFullscreenSegment>(timeline.webcamFullscreenSegments, id, Case::webcamFullscreenNotFound, change);
+  result.webcamFullscreenSegments = updatingItem<WebcamFullscreenSegment>(timeline.webcamFullscreenSegments, id,
+                                                                          Case::webcamFullscreenNotFound, change);
   return engine_support::validated(std::move(result), sourceDuration);
 }
 
@@ -170,25 +94,13 @@ ProjectTime snappedRequest(ProjectTime time) {
 }
 
 double clampDiameter(double diameter) {
-  return clampLowerWins(diameter, TimelineEffectEngine::minimumWebcamDiameter, TimelineEffectEngine::maximumWebcamDiameter);
+  return clampLowerWins(diameter, TimelineEffectEngine::minimumWebcamDiameter,
+                        TimelineEffectEngine::maximumWebcamDiameter);
 }
 
 double smoothstep(double p) { return p * p * (3 - 2 * p); }
 
 }  // namespace
-
-TimelineEffectError::TimelineEffectError(Case kind) : Error(catalogue(), kind), kind_(kind) {}
-
-const ErrorCatalogue<Case>& TimelineEffectError::catalogue() {
-  static constexpr ErrorCatalogue<Case> catalogue{"TimelineEffectError", "Editor", errorCases};
-  return catalogue;
-}
-
-void TimelineEffectEngine::validate(const EditTimeline& timeline, ProjectTime sourceDuration) {
-  validateZooms(timeline.zooms, sourceDuration);
-  validateFullscreenSegments(timeline, sourceDuration);
-  validateKeyframes(timeline.webcamKeyframes, sourceDuration);
-}
 
 // --- Zooms ---------------------------------------------------------------------------------------
 
@@ -200,14 +112,17 @@ EditTimeline TimelineEffectEngine::replaceZooms(const EditTimeline& timeline, st
   return engine_support::validated(std::move(result), sourceDuration);
 }
 
-EditTimeline TimelineEffectEngine::removeZoom(const EditTimeline& timeline, std::int64_t index, ProjectTime sourceDuration) {
-  if (index < 0 || index >= static_cast<std::int64_t>(timeline.zooms.size())) throw TimelineEffectError(Case::zoomIndexInvalid);
+EditTimeline TimelineEffectEngine::removeZoom(const EditTimeline& timeline, std::int64_t index,
+                                              ProjectTime sourceDuration) {
+  if (index < 0 || index >= static_cast<std::int64_t>(timeline.zooms.size()))
+    throw TimelineEffectError(Case::zoomIndexInvalid);
   EditTimeline result = timeline;
   result.zooms.erase(result.zooms.begin() + index);
   return engine_support::validated(std::move(result), sourceDuration);
 }
 
-EditTimeline TimelineEffectEngine::removeZoom(const EditTimeline& timeline, const Uuid& id, ProjectTime sourceDuration) {
+EditTimeline TimelineEffectEngine::removeZoom(const EditTimeline& timeline, const Uuid& id,
+                                              ProjectTime sourceDuration) {
   EditTimeline result = timeline;
   auto found = std::find_if(result.zooms.begin(), result.zooms.end(), [&](const ZoomSegment& z) { return z.id == id; });
   if (found == result.zooms.end()) throw TimelineEffectError(Case::zoomNotFound);
@@ -218,7 +133,8 @@ EditTimeline TimelineEffectEngine::removeZoom(const EditTimeline& timeline, cons
 EditTimeline TimelineEffectEngine::updateZoomStart(const EditTimeline& timeline, const Uuid& id, ProjectTime startTime,
                                                    ProjectTime sourceDuration) {
   return withZoomUpdate(timeline, id, sourceDuration, [&](ZoomSegment& zoom, const Neighbours<ZoomSegment>& around) {
-    ProjectTime lowest = around.previous ? TimelineFrameGrid::ceilingBoundary(around.previous->endTime) : ProjectTime::zero();
+    ProjectTime lowest =
+        around.previous ? TimelineFrameGrid::ceilingBoundary(around.previous->endTime) : ProjectTime::zero();
     ProjectTime highest = TimelineFrameGrid::floorBoundary(
         std::max(zoom.endTime - TimelineFrameGrid::minimumDuration, ProjectTime::zero()));
     ProjectTime start = clampLowerWins(snappedRequest(startTime), lowest, highest);
@@ -251,20 +167,14 @@ EditTimeline TimelineEffectEngine::updateZoomFocus(const EditTimeline& timeline,
   });
 }
 
-PointValue TimelineEffectEngine::constrainedFocus(PointValue focus, double scale) {
-  if (!(scale > 1)) return {0.5, 0.5};
-  double lower = 0.5 / scale;
-  double upper = 1 - 0.5 / scale;
-  return {clampLowerWins(focus.x, lower, upper), clampLowerWins(focus.y, lower, upper)};
-}
-
-bool TimelineEffectEngine::hasSameZoomConfiguration(const std::vector<ZoomSegment>& a, const std::vector<ZoomSegment>& b) {
+bool TimelineEffectEngine::hasSameZoomConfiguration(const std::vector<ZoomSegment>& a,
+                                                    const std::vector<ZoomSegment>& b) {
   if (a.size() != b.size()) return false;
   for (std::size_t i = 0; i < a.size(); ++i) {
     const ZoomSegment& x = a[i];
     const ZoomSegment& y = b[i];
-    if (x.startTime != y.startTime || x.focusTime != y.focusTime || x.holdEndTime != y.holdEndTime || x.endTime != y.endTime ||
-        x.focusPoint != y.focusPoint || x.scale != y.scale)
+    if (x.startTime != y.startTime || x.focusTime != y.focusTime || x.holdEndTime != y.holdEndTime ||
+        x.endTime != y.endTime || x.focusPoint != y.focusPoint || x.scale != y.scale)
       return false;
   }
   return true;
@@ -275,8 +185,8 @@ bool TimelineEffectEngine::hasSameZoomConfiguration(const std::vector<ZoomSegmen
 EditTimeline TimelineEffectEngine::addWebcamFullscreen(const EditTimeline& timeline, ProjectTimeRange range,
                                                        ProjectTime sourceDuration) {
   std::int64_t rawEnd;
-  if (!tryAdd(range.start.nanoseconds, range.duration.nanoseconds, rawEnd) || !engine_support::isSnappable(range.start) ||
-      !engine_support::isSnappable({rawEnd}))
+  if (!tryAdd(range.start.nanoseconds, range.duration.nanoseconds, rawEnd) ||
+      !engine_support::isSnappable(range.start) || !engine_support::isSnappable({rawEnd}))
     throw TimelineEffectError(Case::webcamFullscreenRangeInvalid);
   ProjectTime start = TimelineFrameGrid::nearestBoundary(range.start);
   ProjectTime end = TimelineFrameGrid::nearestBoundary({rawEnd});
@@ -292,7 +202,8 @@ EditTimeline TimelineEffectEngine::removeWebcamFullscreen(const EditTimeline& ti
                                                           ProjectTime sourceDuration) {
   EditTimeline result = timeline;
   auto& segments = result.webcamFullscreenSegments;
-  auto found = std::find_if(segments.begin(), segments.end(), [&](const WebcamFullscreenSegment& s) { return s.id == id; });
+  auto found =
+      std::find_if(segments.begin(), segments.end(), [&](const WebcamFullscreenSegment& s) { return s.id == id; });
   if (found == segments.end()) throw TimelineEffectError(Case::webcamFullscreenNotFound);
   segments.erase(found);
   return engine_support::validated(std::move(result), sourceDuration);
@@ -300,19 +211,22 @@ EditTimeline TimelineEffectEngine::removeWebcamFullscreen(const EditTimeline& ti
 
 EditTimeline TimelineEffectEngine::updateWebcamFullscreenStart(const EditTimeline& timeline, const Uuid& id,
                                                                ProjectTime startTime, ProjectTime sourceDuration) {
-  return withFullscreenUpdate(
-      timeline, id, sourceDuration, [&](WebcamFullscreenSegment& segment, const Neighbours<WebcamFullscreenSegment>& around) {
-        ProjectTime lowest = around.previous ? TimelineFrameGrid::ceilingBoundary(around.previous->endTime) : ProjectTime::zero();
-        ProjectTime highest = TimelineFrameGrid::floorBoundary(
-            std::max(segment.endTime - minimumWebcamFullscreenDuration, ProjectTime::zero()));
-        segment.startTime = clampLowerWins(snappedRequest(startTime), lowest, highest);
-      });
+  return withFullscreenUpdate(timeline, id, sourceDuration,
+                              [&](WebcamFullscreenSegment& segment, const Neighbours<WebcamFullscreenSegment>& around) {
+                                ProjectTime lowest = around.previous
+                                                         ? TimelineFrameGrid::ceilingBoundary(around.previous->endTime)
+                                                         : ProjectTime::zero();
+                                ProjectTime highest = TimelineFrameGrid::floorBoundary(
+                                    std::max(segment.endTime - minimumWebcamFullscreenDuration, ProjectTime::zero()));
+                                segment.startTime = clampLowerWins(snappedRequest(startTime), lowest, highest);
+                              });
 }
 
-EditTimeline TimelineEffectEngine::updateWebcamFullscreenEnd(const EditTimeline& timeline, const Uuid& id, ProjectTime endTime,
-                                                             ProjectTime sourceDuration) {
+EditTimeline TimelineEffectEngine::updateWebcamFullscreenEnd(const EditTimeline& timeline, const Uuid& id,
+                                                             ProjectTime endTime, ProjectTime sourceDuration) {
   return withFullscreenUpdate(
-      timeline, id, sourceDuration, [&](WebcamFullscreenSegment& segment, const Neighbours<WebcamFullscreenSegment>& around) {
+      timeline, id, sourceDuration,
+      [&](WebcamFullscreenSegment& segment, const Neighbours<WebcamFullscreenSegment>& around) {
         ProjectTime lowest = TimelineFrameGrid::ceilingBoundary(segment.startTime + minimumWebcamFullscreenDuration);
         ProjectTime highest = TimelineFrameGrid::floorBoundary(around.next ? around.next->startTime : sourceDuration);
         segment.endTime = clampLowerWins(snappedRequest(endTime), lowest, highest);
@@ -358,8 +272,10 @@ std::optional<WebcamOverlay> TimelineEffectEngine::webcamOverlay(const std::opti
                                     [](ProjectTime t, const WebcamOverlayKeyframe& k) { return t < k.time; });
       const WebcamOverlayKeyframe& a = *(after - 1);
       const WebcamOverlayKeyframe& b = *after;
-      double span = std::max<double>(static_cast<double>(b.time.nanoseconds) - static_cast<double>(a.time.nanoseconds), 1.0);
-      double p = std::clamp((static_cast<double>(time.nanoseconds) - static_cast<double>(a.time.nanoseconds)) / span, 0.0, 1.0);
+      double span =
+          std::max<double>(static_cast<double>(b.time.nanoseconds) - static_cast<double>(a.time.nanoseconds), 1.0);
+      double p = std::clamp((static_cast<double>(time.nanoseconds) - static_cast<double>(a.time.nanoseconds)) / span,
+                            0.0, 1.0);
       double s = smoothstep(p);
       overlay.center = {a.center.x + (b.center.x - a.center.x) * s, a.center.y + (b.center.y - a.center.y) * s};
       overlay.diameter = a.diameter + (b.diameter - a.diameter) * s;
@@ -381,7 +297,8 @@ EditTimeline TimelineEffectEngine::moveWebcamGlobally(const EditTimeline& timeli
     if (result.webcamKeyframes.empty()) {
       base.center = place(point, base.diameter);
     } else {
-      PointValue shown = webcamOverlay(timeline.webcamOverlay, timeline.webcamKeyframes, time, outputAspectRatio)->center;
+      PointValue shown =
+          webcamOverlay(timeline.webcamOverlay, timeline.webcamKeyframes, time, outputAspectRatio)->center;
       double dx = point.x - shown.x;
       double dy = point.y - shown.y;
       for (WebcamOverlayKeyframe& keyframe : result.webcamKeyframes)

@@ -10,31 +10,10 @@
 #include "shared/project_time.h"
 #include "shared/uuid.h"
 #include "timeline/edit_timeline.h"
+#include "timeline/timeline_effect_error.h"
+#include "timeline/timeline_validator.h"
 
 namespace vumo {
-
-// Failures of the effect tracks: zooms, camera keyframes and full-screen camera segments.
-class TimelineEffectError : public Error {
- public:
-  enum class Case {
-    zoomNotFound,
-    zoomRangeInvalid,
-    zoomOverlap,
-    webcamFullscreenNotFound,
-    webcamFullscreenRangeInvalid,
-    webcamFullscreenOverlap,
-    keyframeOutsideSource,
-    keyframeInvalid,
-    zoomIndexInvalid,
-  };
-
-  explicit TimelineEffectError(Case kind);
-  Case kind() const noexcept { return kind_; }
-  static const ErrorCatalogue<Case>& catalogue();
-
- private:
-  Case kind_;
-};
 
 // Half extents of the camera overlay in output fractions.
 struct WebcamRadii {
@@ -46,39 +25,42 @@ struct WebcamRadii {
 // The effect tracks of a timeline: zooms, camera keyframes and full-screen camera segments, and
 // where the camera overlay is at a given time. Every edit returns a new, validated timeline.
 struct TimelineEffectEngine {
-  // Two frames of the 60 fps grid.
-  static constexpr ProjectTime minimumWebcamFullscreenDuration{33'333'333};
-  static constexpr double minimumZoomScale = 1.0;
-  static constexpr double maximumZoomScale = 3.0;
-  static constexpr double minimumWebcamDiameter = 0.1;
-  static constexpr double maximumWebcamDiameter = 0.4;
-
-  // Zooms, full-screen camera segments and camera keyframes; throws the first TimelineEffectError
-  // found. Part of every timeline validation.
-  static void validate(const EditTimeline& timeline, ProjectTime sourceDuration);
+  // The document's limits, named where the edits use them.
+  static constexpr ProjectTime minimumWebcamFullscreenDuration = TimelineValidator::minimumWebcamFullscreenDuration;
+  static constexpr double minimumZoomScale = TimelineValidator::minimumZoomScale;
+  static constexpr double maximumZoomScale = TimelineValidator::maximumZoomScale;
+  static constexpr double minimumWebcamDiameter = TimelineValidator::minimumWebcamDiameter;
+  static constexpr double maximumWebcamDiameter = TimelineValidator::maximumWebcamDiameter;
 
   // --- Zooms -----------------------------------------------------------------------------------
   // Replaces every zoom (sorted by start), then validates.
-  static EditTimeline replaceZooms(const EditTimeline& timeline, std::vector<ZoomSegment> zooms, ProjectTime sourceDuration);
+  static EditTimeline replaceZooms(const EditTimeline& timeline, std::vector<ZoomSegment> zooms,
+                                   ProjectTime sourceDuration);
   // `index` counts the zooms in stored order; out of range is zoomIndexInvalid.
   static EditTimeline removeZoom(const EditTimeline& timeline, std::int64_t index, ProjectTime sourceDuration);
   static EditTimeline removeZoom(const EditTimeline& timeline, const Uuid& id, ProjectTime sourceDuration);
   // Moves one edge onto the grid within its neighbours; the ramps keep their lengths where they
   // fit and shrink in proportion where they do not.
-  static EditTimeline updateZoomStart(const EditTimeline& timeline, const Uuid& id, ProjectTime startTime, ProjectTime sourceDuration);
-  static EditTimeline updateZoomEnd(const EditTimeline& timeline, const Uuid& id, ProjectTime endTime, ProjectTime sourceDuration);
+  static EditTimeline updateZoomStart(const EditTimeline& timeline, const Uuid& id, ProjectTime startTime,
+                                      ProjectTime sourceDuration);
+  static EditTimeline updateZoomEnd(const EditTimeline& timeline, const Uuid& id, ProjectTime endTime,
+                                    ProjectTime sourceDuration);
   // Clamps the scale to 1...3 and keeps the focus within the zoomed view.
-  static EditTimeline updateZoomScale(const EditTimeline& timeline, const Uuid& id, double scale, ProjectTime sourceDuration);
-  static EditTimeline updateZoomFocus(const EditTimeline& timeline, const Uuid& id, PointValue focus, ProjectTime sourceDuration);
+  static EditTimeline updateZoomScale(const EditTimeline& timeline, const Uuid& id, double scale,
+                                      ProjectTime sourceDuration);
+  static EditTimeline updateZoomFocus(const EditTimeline& timeline, const Uuid& id, PointValue focus,
+                                      ProjectTime sourceDuration);
 
-  // The focus that keeps a view zoomed by `scale` inside the frame: (0.5, 0.5) at scale 1 or
-  // less, otherwise each axis clamped to 0.5 / scale ... 1 - 0.5 / scale.
-  static PointValue constrainedFocus(PointValue focus, double scale);
+  // See TimelineValidator::constrainedZoomFocus.
+  static PointValue constrainedFocus(PointValue focus, double scale) {
+    return TimelineValidator::constrainedZoomFocus(focus, scale);
+  }
   // Equal counts and, in order, equal times, focus and scale; ids do not count.
   static bool hasSameZoomConfiguration(const std::vector<ZoomSegment>& a, const std::vector<ZoomSegment>& b);
 
   // --- Full-screen camera ---------------------------------------------------------------------
-  static EditTimeline addWebcamFullscreen(const EditTimeline& timeline, ProjectTimeRange range, ProjectTime sourceDuration);
+  static EditTimeline addWebcamFullscreen(const EditTimeline& timeline, ProjectTimeRange range,
+                                          ProjectTime sourceDuration);
   static EditTimeline removeWebcamFullscreen(const EditTimeline& timeline, const Uuid& id, ProjectTime sourceDuration);
   static EditTimeline updateWebcamFullscreenStart(const EditTimeline& timeline, const Uuid& id, ProjectTime startTime,
                                                   ProjectTime sourceDuration);
@@ -90,8 +72,8 @@ struct TimelineEffectEngine {
   // over height): keyframes are eased with smoothstep, the diameter is clamped to 0.1...0.4 and
   // the centre kept inside the output by the overlay's radii. None without a base overlay.
   static std::optional<WebcamOverlay> webcamOverlay(const std::optional<WebcamOverlay>& base,
-                                                    const std::vector<WebcamOverlayKeyframe>& keyframes, ProjectTime time,
-                                                    double outputAspectRatio);
+                                                    const std::vector<WebcamOverlayKeyframe>& keyframes,
+                                                    ProjectTime time, double outputAspectRatio);
   // `diameter` is the camera's height as a share of the output's shorter side; `cameraAspectRatio`
   // is 1 for a square camera and 16/9 for the source shape. Both aspects are held at >= 0.01.
   static WebcamRadii webcamRadii(double diameter, double outputAspectRatio, double cameraAspectRatio);

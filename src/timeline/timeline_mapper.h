@@ -11,21 +11,9 @@
 #include "shared/project_time.h"
 #include "shared/uuid.h"
 #include "timeline/edit_timeline.h"
+#include "timeline/timeline_rate_math.h"
 
 namespace vumo {
-
-enum class TimelineRateRounding { down, up, nearest };
-
-struct TimelineRateMath {
-  // Source nanoseconds that play in `sequenceNanoseconds` at `rate`. None for a negative time, a
-  // rate below 1 permille or an overflow. The quotient is split off first so that the products
-  // stay inside 64 bits for recordings of many hours.
-  static std::optional<std::int64_t> sourceNanoseconds(std::int64_t sequenceNanoseconds, TimelinePlaybackRate rate,
-                                                       TimelineRateRounding rounding);
-  // Sequence nanoseconds that `sourceNanoseconds` of content last at `rate`; same conditions.
-  static std::optional<std::int64_t> sequenceNanoseconds(std::int64_t sourceNanoseconds, TimelinePlaybackRate rate,
-                                                         TimelineRateRounding rounding);
-};
 
 struct TimelineSegmentProjection {
   TimelineSegment segment;

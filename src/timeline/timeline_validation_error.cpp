@@ -45,6 +45,8 @@ constexpr ErrorCase<Case> errorCases[] = {
      "No more than 16 static annotations can be shown at once.", "validation", ErrorKind::validation},
     {Case::annotationsRequireSchema7, "annotationsRequireSchema7", "timeline.error.annotationSchema",
      "Static annotations require Timeline Schema 7.", "validation", ErrorKind::validation},
+    {Case::duplicateID, "duplicateID", "timeline.error.duplicateID",
+     "Two items of one kind in the timeline share an identifier.", "validation", ErrorKind::validation},
 };
 static_assert(inCaseOrder(errorCases));
 

@@ -31,6 +31,7 @@ class TimelineValidationError : public Error {
     tooManyAnnotations,
     tooManySimultaneousAnnotations,
     annotationsRequireSchema7,
+    duplicateID,  // payload: the shared id
   };
 
   static TimelineValidationError unsupportedSchema(std::int64_t version);
@@ -38,7 +39,7 @@ class TimelineValidationError : public Error {
   static TimelineValidationError of(Case kind);
 
   Case kind() const noexcept { return kind_; }
-  // The offending segment or annotation, for the cases that name one.
+  // The offending segment or annotation, or the shared id, for the cases that name one.
   const std::optional<Uuid>& id() const noexcept { return id_; }
   // The refused version, for `unsupportedSchema`.
   std::int64_t schemaVersion() const noexcept { return schemaVersion_; }

@@ -1,17 +1,16 @@
 #include "timeline/timeline_validator.h"
 
-#include <unicode/brkiter.h>
-#include <unicode/unistr.h>
-#include <unicode/utext.h>
-
 #include <algorithm>
 #include <cmath>
-#include <memory>
 #include <unordered_set>
+#include <utility>
+#include <vector>
 
+#include "shared/checked_math.h"
 #include "timeline/device_frame_catalog.h"
-#include "timeline/timeline_effect_engine.h"
-#include "timeline/timeline_mapper.h"
+#include "timeline/grapheme_clusters.h"
+#include "timeline/timeline_frame_grid.h"
+#include "timeline/timeline_rate_math.h"
 
 namespace vumo {
 
@@ -36,7 +35,10 @@ void validateDeviceFrame(const EditTimeline& timeline) {
 void validateSegments(const EditTimeline& timeline, ProjectTime sourceDuration) {
   std::int64_t sequenceLength = 0;
   const TimelineSegment* previous = nullptr;
+  std::unordered_set<Uuid> ids;
+  ids.reserve(timeline.segments.size());
   for (const TimelineSegment& segment : timeline.segments) {
+    if (!ids.insert(segment.id).second) throw TimelineValidationError::withID(Case::duplicateID, segment.id);
     const std::int64_t start = segment.sourceRange.start.nanoseconds;
     const std::int64_t duration = segment.sourceRange.duration.nanoseconds;
     std::int64_t end;
@@ -79,22 +81,11 @@ bool hasValidGeometry(const AnnotationElement& annotation) {
   return r.x >= 0 && r.y >= 0 && r.width >= 0.02 && r.height >= 0.02 && r.x + r.width <= 1 && r.y + r.height <= 1;
 }
 
-// Every cluster holds at least one code point, so the break iterator (costly to create) is only
-// needed for texts with more code points than the limit.
-bool hasAtMostGraphemes(std::string_view utf8, std::size_t limit) {
-  if (utf8.size() <= limit) return true;
-  std::size_t codePoints = 0;
-  for (char c : utf8)
-    if ((static_cast<unsigned char>(c) & 0xC0) != 0x80) ++codePoints;
-  if (codePoints <= limit) return true;
-  return graphemeCount(utf8) <= limit;
-}
-
-bool hasValidStyle(const AnnotationElement& annotation) {
+bool hasValidStyle(const AnnotationElement& annotation, GraphemeClusterCounter& counter) {
   if (annotation.kind == AnnotationKind::text) {
     if (!annotation.textStyle) return false;
     if (!within(annotation.textStyle->fontSize, 12, 240)) return false;
-    if (!hasAtMostGraphemes(annotation.textStyle->content, TimelineValidator::maximumTextGraphemes)) return false;
+    if (counter.exceeds(annotation.textStyle->content, TimelineValidator::maximumTextGraphemes)) return false;
   }
   if (!within(annotation.cornerRadius, 0, 1)) return false;
   if (!within(annotation.lineWidth, 0.001, 0.05)) return false;
@@ -105,8 +96,10 @@ bool hasValidStyle(const AnnotationElement& annotation) {
 void validateAnnotations(const EditTimeline& timeline, ProjectTime sourceDuration) {
   const auto& annotations = timeline.annotations;
   if (annotations.empty()) return;
-  if (annotations.size() > TimelineValidator::maximumAnnotations) throw TimelineValidationError::of(Case::tooManyAnnotations);
+  if (annotations.size() > TimelineValidator::maximumAnnotations)
+    throw TimelineValidationError::of(Case::tooManyAnnotations);
 
+  GraphemeClusterCounter counter;
   std::unordered_set<Uuid> ids;
   std::unordered_set<std::int64_t> zIndexes;
   ids.reserve(annotations.size());
@@ -116,9 +109,9 @@ void validateAnnotations(const EditTimeline& timeline, ProjectTime sourceDuratio
     const std::int64_t end = annotation.endTime.nanoseconds;
     std::int64_t length;
     bool valid = ids.insert(annotation.id).second && annotation.zIndex >= 0 &&
-                 zIndexes.insert(annotation.zIndex).second && annotation.trackIndex >= 0 && start >= 0 &&
-                 start < end && end <= sourceDuration.nanoseconds && trySub(end, start, length) &&
-                 length >= TimelineFrameGrid::minimumDuration.nanoseconds && hasValidStyle(annotation) &&
+                 zIndexes.insert(annotation.zIndex).second && annotation.trackIndex >= 0 && start >= 0 && start < end &&
+                 end <= sourceDuration.nanoseconds && trySub(end, start, length) &&
+                 length >= TimelineFrameGrid::minimumDuration.nanoseconds && hasValidStyle(annotation, counter) &&
                  hasValidGeometry(annotation);
     if (!valid) throw TimelineValidationError::withID(Case::invalidAnnotation, annotation.id);
   }
@@ -139,22 +132,15 @@ void validateAnnotations(const EditTimeline& timeline, ProjectTime sourceDuratio
   }
 }
 
-}  // namespace
-
-std::size_t graphemeCount(std::string_view utf8) {
-  // Every cluster holds at least one byte, and pure ASCII without CR LF pairs is one cluster per
-  // byte; only other text needs the break iterator.
-  bool simple = std::all_of(utf8.begin(), utf8.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80 && c != '\r'; });
-  if (simple) return utf8.size();
-  UErrorCode status = U_ZERO_ERROR;
-  icu::UnicodeString text = icu::UnicodeString::fromUTF8(icu::StringPiece(utf8.data(), static_cast<int32_t>(utf8.size())));
-  std::unique_ptr<icu::BreakIterator> iterator(icu::BreakIterator::createCharacterInstance(icu::Locale::getRoot(), status));
-  if (U_FAILURE(status) || !iterator) return static_cast<std::size_t>(text.countChar32());
-  iterator->setText(text);
-  std::size_t count = 0;
-  for (int32_t boundary = iterator->next(); boundary != icu::BreakIterator::DONE; boundary = iterator->next()) ++count;
-  return count;
+template <class Item>
+void requireUniqueIDsOf(const std::vector<Item>& items) {
+  std::unordered_set<Uuid> ids;
+  ids.reserve(items.size());
+  for (const Item& item : items)
+    if (!ids.insert(item.id).second) throw TimelineValidationError::withID(Case::duplicateID, item.id);
 }
+
+}  // namespace
 
 void TimelineValidator::validate(const EditTimeline& timeline, ProjectTime sourceDuration) {
   if (timeline.schemaVersion > EditTimeline::currentSchemaVersion)
@@ -163,10 +149,18 @@ void TimelineValidator::validate(const EditTimeline& timeline, ProjectTime sourc
   if (!within(timeline.motionBlurAmount, 0, 1)) throw TimelineValidationError::of(Case::invalidMotionBlurAmount);
   validateDeviceFrame(timeline);
   validateSegments(timeline, sourceDuration);
-  TimelineEffectEngine::validate(timeline, sourceDuration);
+  validateEffectTracks(timeline, sourceDuration);
   if (timeline.schemaVersion < 7 && !timeline.annotations.empty())
     throw TimelineValidationError::of(Case::annotationsRequireSchema7);
   validateAnnotations(timeline, sourceDuration);
+}
+
+void TimelineValidator::requireUniqueIDs(const EditTimeline& timeline) {
+  requireUniqueIDsOf(timeline.segments);
+  requireUniqueIDsOf(timeline.zooms);
+  requireUniqueIDsOf(timeline.annotations);
+  requireUniqueIDsOf(timeline.webcamFullscreenSegments);
+  requireUniqueIDsOf(timeline.webcamKeyframes);
 }
 
 }  // namespace vumo

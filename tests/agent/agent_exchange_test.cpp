@@ -8,6 +8,7 @@
 #include <string>
 
 #include "shared/files.h"
+#include "shared/json.h"
 #include "support/test_support.h"
 
 namespace vumo {

@@ -6,6 +6,7 @@
 
 #include "support/builders.h"
 #include "support/test_support.h"
+#include "shared/json.h"
 
 namespace vumo {
 namespace {

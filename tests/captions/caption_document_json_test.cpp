@@ -4,6 +4,7 @@
 
 #include "caption_fixtures.h"
 #include "captions/caption_document.h"
+#include "shared/json.h"
 
 namespace vumo {
 namespace {
@@ -125,11 +126,14 @@ TEST(CaptionDocumentJsonTest, ToleratesOddButReadableInput) {
 }
 
 TEST(CaptionDocumentJsonTest, RefusesDocumentsThatDoNotHaveTheShapeOfCaptions) {
-  const std::string cue = R"({"id":"00000000-0000-4000-8000-000000000001","start":{"nanoseconds":0},"end":{"nanoseconds":5},"text":"a"})";
-  auto documentWith = [](const std::string& style, const std::string& cues, const std::string& head =
-                                                                               R"("schemaVersion":1,"sourceTrack":"microphone","sourceAudioDigest":"","basedOnTimelineDigest":"")") {
-    return "{" + head + R"(,"style":)" + style + R"(,"cues":)" + cues + "}";
-  };
+  const std::string cue =
+      R"({"id":"00000000-0000-4000-8000-000000000001","start":{"nanoseconds":0},"end":{"nanoseconds":5},"text":"a"})";
+  auto documentWith =
+      [](const std::string& style, const std::string& cues,
+         const std::string& head =
+             R"("schemaVersion":1,"sourceTrack":"microphone","sourceAudioDigest":"","basedOnTimelineDigest":"")") {
+        return "{" + head + R"(,"style":)" + style + R"(,"cues":)" + cues + "}";
+      };
   const std::string style = R"({"isEnabled":true,"maximumLines":2})";
   auto withCueKey = [&](const std::string& extra) {
     return documentWith(style, "[" + cue.substr(0, cue.size() - 1) + "," + extra + "}]");
@@ -143,40 +147,75 @@ TEST(CaptionDocumentJsonTest, RefusesDocumentsThatDoNotHaveTheShapeOfCaptions) {
       {"empty input", ""},
       {"a bare array", "[]"},
       {"trailing garbage", documentWith(style, "[]") + "x"},
-      {"missing schemaVersion", documentWith(style, "[]", R"("sourceTrack":"microphone","sourceAudioDigest":"","basedOnTimelineDigest":"")")},
-      {"fractional schemaVersion", documentWith(style, "[]", R"("schemaVersion":1.5,"sourceTrack":"microphone","sourceAudioDigest":"","basedOnTimelineDigest":"")")},
-      {"schemaVersion as text", documentWith(style, "[]", R"("schemaVersion":"1","sourceTrack":"microphone","sourceAudioDigest":"","basedOnTimelineDigest":"")")},
-      {"missing sourceTrack", documentWith(style, "[]", R"("schemaVersion":1,"sourceAudioDigest":"","basedOnTimelineDigest":"")")},
-      {"unknown sourceTrack", documentWith(style, "[]", R"("schemaVersion":1,"sourceTrack":"camera","sourceAudioDigest":"","basedOnTimelineDigest":"")")},
-      {"kebab-case sourceTrack", documentWith(style, "[]", R"("schemaVersion":1,"sourceTrack":"system-audio","sourceAudioDigest":"","basedOnTimelineDigest":"")")},
-      {"missing sourceAudioDigest", documentWith(style, "[]", R"("schemaVersion":1,"sourceTrack":"microphone","basedOnTimelineDigest":"")")},
-      {"missing basedOnTimelineDigest", documentWith(style, "[]", R"("schemaVersion":1,"sourceTrack":"microphone","sourceAudioDigest":"")")},
-      {"language as number", documentWith(style, "[]", R"("schemaVersion":1,"sourceTrack":"microphone","sourceAudioDigest":"","basedOnTimelineDigest":"","language":7)")},
-      {"missing style", R"({"schemaVersion":1,"sourceTrack":"microphone","sourceAudioDigest":"","basedOnTimelineDigest":"","cues":[]})"},
+      {"missing schemaVersion",
+       documentWith(style, "[]", R"("sourceTrack":"microphone","sourceAudioDigest":"","basedOnTimelineDigest":"")")},
+      {"fractional schemaVersion",
+       documentWith(
+           style, "[]",
+           R"("schemaVersion":1.5,"sourceTrack":"microphone","sourceAudioDigest":"","basedOnTimelineDigest":"")")},
+      {"schemaVersion as text",
+       documentWith(
+           style, "[]",
+           R"("schemaVersion":"1","sourceTrack":"microphone","sourceAudioDigest":"","basedOnTimelineDigest":"")")},
+      {"missing sourceTrack",
+       documentWith(style, "[]", R"("schemaVersion":1,"sourceAudioDigest":"","basedOnTimelineDigest":"")")},
+      {"unknown sourceTrack",
+       documentWith(style, "[]",
+                    R"("schemaVersion":1,"sourceTrack":"camera","sourceAudioDigest":"","basedOnTimelineDigest":"")")},
+      {"kebab-case sourceTrack",
+       documentWith(
+           style, "[]",
+           R"("schemaVersion":1,"sourceTrack":"system-audio","sourceAudioDigest":"","basedOnTimelineDigest":"")")},
+      {"missing sourceAudioDigest",
+       documentWith(style, "[]", R"("schemaVersion":1,"sourceTrack":"microphone","basedOnTimelineDigest":"")")},
+      {"missing basedOnTimelineDigest",
+       documentWith(style, "[]", R"("schemaVersion":1,"sourceTrack":"microphone","sourceAudioDigest":"")")},
+      {"language as number",
+       documentWith(
+           style, "[]",
+           R"("schemaVersion":1,"sourceTrack":"microphone","sourceAudioDigest":"","basedOnTimelineDigest":"","language":7)")},
+      {"missing style",
+       R"({"schemaVersion":1,"sourceTrack":"microphone","sourceAudioDigest":"","basedOnTimelineDigest":"","cues":[]})"},
       {"style as string", documentWith(R"("big")", "[]")},
       {"style without isEnabled", documentWith(R"({"maximumLines":2})", "[]")},
       {"style without maximumLines", documentWith(R"({"isEnabled":true})", "[]")},
       {"isEnabled as text", documentWith(R"({"isEnabled":"true","maximumLines":2})", "[]")},
       {"fractional maximumLines", documentWith(R"({"isEnabled":true,"maximumLines":1.5})", "[]")},
       {"unknown appearance", documentWith(R"({"isEnabled":true,"maximumLines":2,"appearance":"white-on-blue"})", "[]")},
-      {"appearance by case name", documentWith(R"({"isEnabled":true,"maximumLines":2,"appearance":"whiteOnBlack"})", "[]")},
+      {"appearance by case name",
+       documentWith(R"({"isEnabled":true,"maximumLines":2,"appearance":"whiteOnBlack"})", "[]")},
       {"fontScale as text", documentWith(R"({"isEnabled":true,"maximumLines":2,"fontScale":"1"})", "[]")},
-      {"missing cues", R"({"schemaVersion":1,"sourceTrack":"microphone","sourceAudioDigest":"","basedOnTimelineDigest":"","style":{"isEnabled":true,"maximumLines":2}})"},
+      {"missing cues",
+       R"({"schemaVersion":1,"sourceTrack":"microphone","sourceAudioDigest":"","basedOnTimelineDigest":"","style":{"isEnabled":true,"maximumLines":2}})"},
       {"cues as object", documentWith(style, "{}")},
       {"cue as number", documentWith(style, "[1]")},
       {"cue without id", documentWith(style, R"([{"start":{"nanoseconds":0},"end":{"nanoseconds":5},"text":"a"}])")},
-      {"cue with malformed id", documentWith(style, R"([{"id":"not-a-uuid","start":{"nanoseconds":0},"end":{"nanoseconds":5},"text":"a"}])")},
-      {"cue start as bare number", documentWith(style, R"([{"id":"00000000-0000-4000-8000-000000000001","start":0,"end":{"nanoseconds":5},"text":"a"}])")},
-      {"cue start beyond 64 bits", documentWith(style, R"([{"id":"00000000-0000-4000-8000-000000000001","start":{"nanoseconds":9223372036854775808},"end":{"nanoseconds":5},"text":"a"}])")},
-      {"cue without text", documentWith(style, R"([{"id":"00000000-0000-4000-8000-000000000001","start":{"nanoseconds":0},"end":{"nanoseconds":5}}])")},
-      {"cue text as array", documentWith(style, R"([{"id":"00000000-0000-4000-8000-000000000001","start":{"nanoseconds":0},"end":{"nanoseconds":5},"text":["a"]}])")},
+      {"cue with malformed id",
+       documentWith(style, R"([{"id":"not-a-uuid","start":{"nanoseconds":0},"end":{"nanoseconds":5},"text":"a"}])")},
+      {"cue start as bare number",
+       documentWith(style,
+                    R"([{"id":"00000000-0000-4000-8000-000000000001","start":0,"end":{"nanoseconds":5},"text":"a"}])")},
+      {"cue start beyond 64 bits",
+       documentWith(
+           style,
+           R"([{"id":"00000000-0000-4000-8000-000000000001","start":{"nanoseconds":9223372036854775808},"end":{"nanoseconds":5},"text":"a"}])")},
+      {"cue without text",
+       documentWith(
+           style,
+           R"([{"id":"00000000-0000-4000-8000-000000000001","start":{"nanoseconds":0},"end":{"nanoseconds":5}}])")},
+      {"cue text as array",
+       documentWith(
+           style,
+           R"([{"id":"00000000-0000-4000-8000-000000000001","start":{"nanoseconds":0},"end":{"nanoseconds":5},"text":["a"]}])")},
       {"words as object", withCueKey(R"("words":{})")},
       {"word without text", withCueKey(R"("words":[{"start":{"nanoseconds":0},"end":{"nanoseconds":5}}])")},
       {"word without end", withCueKey(R"("words":[{"start":{"nanoseconds":0},"text":"a"}])")},
       {"highlights as string", withCueKey(R"("highlights":"a")")},
       {"highlight without occurrence", withCueKey(R"("highlights":[{"text":"a"}])")},
       {"fractional occurrence", withCueKey(R"("highlights":[{"text":"a","occurrence":1.5}])")},
-      {"ill-formed UTF-8 in a string", documentWith(style, "[]", "\"schemaVersion\":1,\"sourceTrack\":\"microphone\",\"sourceAudioDigest\":\"\xFF\",\"basedOnTimelineDigest\":\"\"")},
+      {"ill-formed UTF-8 in a string", documentWith(style, "[]",
+                                                    "\"schemaVersion\":1,\"sourceTrack\":\"microphone\","
+                                                    "\"sourceAudioDigest\":\"\xFF\",\"basedOnTimelineDigest\":\"\"")},
   };
   for (const auto& c : cases) EXPECT_THROW(decodeCaptionDocument(c.text), DecodingError) << c.label;
   // The baseline of the table decodes, so each row fails for its own reason.
@@ -184,7 +223,8 @@ TEST(CaptionDocumentJsonTest, RefusesDocumentsThatDoNotHaveTheShapeOfCaptions) {
 }
 
 TEST(CaptionDocumentJsonTest, DecodingErrorsNameTheCueTheyConcern) {
-  const std::string text = R"({"schemaVersion":1,"sourceTrack":"microphone","sourceAudioDigest":"","basedOnTimelineDigest":"",
+  const std::string text =
+      R"({"schemaVersion":1,"sourceTrack":"microphone","sourceAudioDigest":"","basedOnTimelineDigest":"",
     "style":{"isEnabled":true,"maximumLines":2},"cues":[
       {"id":"00000000-0000-4000-8000-000000000001","start":{"nanoseconds":0},"end":{"nanoseconds":5},"text":"a"},
       {"id":"00000000-0000-4000-8000-000000000002","start":{"nanoseconds":5},"text":"b"}]})";

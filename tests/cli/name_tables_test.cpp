@@ -4,6 +4,7 @@
 #include <string>
 #include <tuple>
 
+#include "shared/json.h"
 #include "agent/edit_plan_exchange.h"
 #include "agent/timeline_plan_engine.h"
 #include "captions/caption_document.h"

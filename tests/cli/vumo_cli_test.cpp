@@ -1,14 +1,16 @@
-#include <cstdint>
+#include "cli/vumo_cli.h"
+
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <cstdint>
 #include <thread>
 
 #include "cli/agent_help_catalog.h"
 #include "cli/cli_errors.h"
 #include "cli/signal_cancellation.h"
-#include "cli/vumo_cli.h"
 #include "shared/files.h"
+#include "shared/json.h"
 #include "support/test_support.h"
 
 namespace vumo {
@@ -20,7 +22,8 @@ struct Captured {
   int writesToOut = 0;
   int writesToErr = 0;
   VumoCLI::Streams streams() {
-    return {[this](std::string_view s) { out += s, ++writesToOut; }, [this](std::string_view s) { err += s, ++writesToErr; }};
+    return {[this](std::string_view s) { out += s, ++writesToOut; },
+            [this](std::string_view s) { err += s, ++writesToErr; }};
   }
 };
 
@@ -47,8 +50,9 @@ TEST_F(DriverTest, ParseFailureIsOneEnvelopeOnStandardErrorAndWritesNothing) {
   EXPECT_EQ(run({"cut", "abc", "--range", "5,1"}), 2);
   EXPECT_TRUE(captured.out.empty());
   EXPECT_EQ(captured.writesToErr, 1);
-  EXPECT_EQ(captured.err,
-            "{\n  \"error\": \"invalid_arguments\",\n  \"message\": \"参数无效：--range\",\n  \"protocolVersion\": 1\n}\n");
+  EXPECT_EQ(
+      captured.err,
+      "{\n  \"error\": \"invalid_arguments\",\n  \"message\": \"参数无效：--range\",\n  \"protocolVersion\": 1\n}\n");
   EXPECT_FALSE(std::filesystem::exists(home.path() / "Vumo"));
 }
 
@@ -79,7 +83,8 @@ TEST_F(DriverTest, CommandsWithoutAServiceFailAsExecutionNamingTheCapability) {
 TEST_F(DriverTest, ACancelledCommandAnswersWithStatus130) {
   VumoCLI cli({}, captured.streams());
   EXPECT_EQ(cli.report(CancelledError()), 130);
-  EXPECT_EQ(Json::parse(captured.err), (Json{{"error", "cancelled"}, {"message", "命令已取消。"}, {"protocolVersion", 1}}));
+  EXPECT_EQ(Json::parse(captured.err),
+            (Json{{"error", "cancelled"}, {"message", "命令已取消。"}, {"protocolVersion", 1}}));
 }
 
 TEST(ClassifyTest, FamiliesDecideCodeAndStatus) {
@@ -112,7 +117,8 @@ TEST(HelpCatalogTest, TopicsAreMarkdownWithOneBlankLineAfterTheTitle) {
   }
   EXPECT_NE(AgentHelpCatalog::text(CLIAgentHelpTopic::captions).find("`$XDG_DATA_HOME/Vumo/TranscriptionModels/`"),
             std::string::npos);
-  EXPECT_NE(AgentHelpCatalog::text(CLIAgentHelpTopic::editPlan).find("\"level\":1.8,\"focusX\":0.4"), std::string::npos);
+  EXPECT_NE(AgentHelpCatalog::text(CLIAgentHelpTopic::editPlan).find("\"level\":1.8,\"focusX\":0.4"),
+            std::string::npos);
 }
 
 TEST(SignalCancellationTest, SignalsBecomeAStopRequestInsteadOfKillingTheProcess) {

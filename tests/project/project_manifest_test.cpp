@@ -1,12 +1,14 @@
-#include <functional>
+#include "project/project_manifest.h"
 
 #include <gtest/gtest.h>
 
+#include <functional>
+
 #include "project/diagnostic_report.h"
-#include "project/project_manifest.h"
 #include "project/project_package.h"
 #include "project/project_store_error.h"
 #include "shared/error.h"
+#include "shared/json.h"
 
 namespace vumo {
 namespace {
@@ -107,11 +109,14 @@ TEST(ProjectManifest, RequiredKeysAndBadValuesFailToDecode) {
       {"unknown track kind", [](Json& j) { j["media"]["tracks"][0]["kind"] = "camera"; }},
       {"tracks not an array", [](Json& j) { j["media"]["tracks"] = Json::object(); }},
       {"options not an object", [](Json& j) { j["options"] = 1; }},
-      {"webcam without size", [](Json& j) {
+      {"webcam without size",
+       [](Json& j) {
          j["webcam"] = Json{{"trackIndex", 1}, {"deviceID", "c"}, {"deviceName", "C"}, {"framesPerSecond", 30}};
        }},
-      {"cursor asset without hot spot", [](Json& j) {
-         j["cursorAssets"] = Json::array({Json{{"id", "a"}, {"relativePath", "p"}, {"logicalSize", {{"width", 1}, {"height", 1}}}}});
+      {"cursor asset without hot spot",
+       [](Json& j) {
+         j["cursorAssets"] =
+             Json::array({Json{{"id", "a"}, {"relativePath", "p"}, {"logicalSize", {{"width", 1}, {"height", 1}}}}});
        }},
   };
   for (const auto& c : cases) {

@@ -2,6 +2,7 @@
 
 #include "shared/date.h"
 #include "shared/geometry.h"
+#include "shared/json.h"
 #include "shared/project_time.h"
 #include "shared/uuid.h"
 
@@ -85,6 +86,12 @@ TEST(UuidTest, TextIsUpperCaseAndParsingAcceptsEitherCase) {
   EXPECT_FALSE(Uuid::parse("0f8fad5b-d9cb-469f-a165-70867728950"));
   EXPECT_FALSE(Uuid::parse("0f8fad5bxd9cb-469f-a165-70867728950e"));
   EXPECT_NE(Uuid::random(), Uuid::random());
+}
+
+TEST(UuidTest, StableIdIsSHA256WithVersionAndVariantBits) {
+  // SHA-256("abc") begins ba7816bf 8f01cfea 414140de 5dae2223.
+  EXPECT_EQ(Uuid::stable("abc").string(), "BA7816BF-8F01-5FEA-8141-40DE5DAE2223");
+  EXPECT_NE(Uuid::stable("abd"), Uuid::stable("abc"));
 }
 
 TEST(TimestampTest, RoundTripsAtWholeSeconds) {

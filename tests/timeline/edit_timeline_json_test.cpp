@@ -4,11 +4,13 @@
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <string>
 
 #include "shared/files.h"
 #include "support/builders.h"
 #include "support/test_support.h"
+#include "shared/json.h"
 #include "timeline/timeline_validator.h"
 
 namespace vumo {
@@ -30,6 +32,56 @@ std::string decodingMessage(const std::string& text) {
     return error.what();
   }
   return "(decoded)";
+}
+
+// Two items of every kind that commands address by id.
+EditTimeline documentWithEveryAddressableKind() {
+  EditTimeline timeline = timelineOf({clip(ms(0), ms(1'000)), clip(ms(2'000), ms(3'000))});
+  timeline.zooms = {{Uuid::random(), ms(0), ms(100), ms(200), ms(300)},
+                    {Uuid::random(), ms(400), ms(500), ms(600), ms(700)}};
+  timeline.annotations = {rectangle(ms(0), ms(100), 0), rectangle(ms(200), ms(300), 1)};
+  timeline.webcamOverlay = WebcamOverlay::defaultValue();
+  timeline.webcamFullscreenSegments = {{Uuid::random(), ms(0), ms(100)}, {Uuid::random(), ms(200), ms(300)}};
+  timeline.webcamKeyframes = {{Uuid::random(), ms(0), {0.5, 0.5}, 0.2}, {Uuid::random(), ms(100), {0.5, 0.5}, 0.2}};
+  return timeline;
+}
+
+TEST(EditTimelineDecoding, ItemsOfOneKindSharingAnIdAreRefusedNamingTheId) {
+  struct Row {
+    const char* kind;
+    std::function<Uuid(EditTimeline&)> share;  // gives the second item the first one's id
+  };
+  const Row rows[] = {
+      {"clips", [](EditTimeline& t) { return t.segments[1].id = t.segments[0].id; }},
+      {"zooms", [](EditTimeline& t) { return t.zooms[1].id = t.zooms[0].id; }},
+      {"annotations", [](EditTimeline& t) { return t.annotations[1].id = t.annotations[0].id; }},
+      {"full-screen camera segments",
+       [](EditTimeline& t) { return t.webcamFullscreenSegments[1].id = t.webcamFullscreenSegments[0].id; }},
+      {"camera keyframes", [](EditTimeline& t) { return t.webcamKeyframes[1].id = t.webcamKeyframes[0].id; }},
+  };
+  ASSERT_NO_THROW(decodeEditTimeline(encodeEditTimeline(documentWithEveryAddressableKind())));
+  for (const Row& row : rows) {
+    EditTimeline timeline = documentWithEveryAddressableKind();
+    const Uuid shared = row.share(timeline);
+    const std::string text = encodeEditTimeline(timeline);
+    try {
+      decodeEditTimeline(text);
+      ADD_FAILURE() << row.kind << " sharing an id decoded";
+    } catch (const TimelineValidationError& error) {
+      EXPECT_EQ(error.kind(), TimelineValidationError::Case::duplicateID) << row.kind;
+      EXPECT_EQ(error.id(), shared) << row.kind;
+    }
+  }
+}
+
+TEST(EditTimelineDecoding, IdsNeedOnlyBeUniqueWithinTheirKind) {
+  EditTimeline timeline = documentWithEveryAddressableKind();
+  const Uuid id = timeline.segments[0].id;
+  timeline.zooms[0].id = id;
+  timeline.annotations[0].id = id;
+  timeline.webcamFullscreenSegments[0].id = id;
+  timeline.webcamKeyframes[0].id = id;
+  EXPECT_EQ(decodeEditTimeline(encodeEditTimeline(timeline)), timeline);
 }
 
 TEST(EditTimelineDecoding, AnEmptyObjectIsASchema1DocumentWithAllDefaults) {
@@ -474,10 +526,22 @@ std::filesystem::path fuzzCorpus() {
   return std::filesystem::path(root != nullptr ? root : VUMO_TEST_SOURCE_DIR) / "fuzz/corpus/timeline_decoder";
 }
 
-TEST(EditTimelineFuzzRegression, DuplicateAnnotationIDsNormaliseAndAreRefused) {
-  // Two annotations share an id: normalising (which notes lanes by id) must still finish, and
-  // the validator refuses the document whatever the lanes came out as.
-  EditTimeline timeline = decodeEditTimeline(readFile(fuzzCorpus() / "duplicate-annotation-ids.json", SIZE_MAX));
+TEST(EditTimelineFuzzRegression, DuplicateAnnotationIDsAreRefusedOnReading) {
+  try {
+    decodeEditTimeline(readFile(fuzzCorpus() / "duplicate-annotation-ids.json", SIZE_MAX));
+    FAIL() << "duplicate annotation ids decoded";
+  } catch (const TimelineValidationError& error) {
+    EXPECT_EQ(error.kind(), TimelineValidationError::Case::duplicateID);
+    EXPECT_EQ(error.id(), Uuid::parse("81363A4A-5BCD-4DA8-B59A-BC1524259EBB"));
+  }
+}
+
+TEST(EditTimelineFuzzRegression, DuplicateAnnotationIDsInMemoryNormaliseAndAreRefused) {
+  // The same document built in memory, where no reading stands guard: normalising (which notes
+  // lanes by id) must still finish, and the validator refuses the document whatever the lanes
+  // came out as.
+  EditTimeline timeline =
+      json::as<EditTimeline>(parseJson(readFile(fuzzCorpus() / "duplicate-annotation-ids.json", SIZE_MAX)), "timeline");
   for (int pass = 0; pass < 3; ++pass) {
     timeline = timeline.normalized(ms(60'000), true);
     EXPECT_ERROR_CASE(TimelineValidator::validate(timeline, ms(60'000)), TimelineValidationError,

@@ -4,7 +4,7 @@
 
 #include "support/builders.h"
 #include "timeline/timeline_frame_grid.h"
-#include "timeline/timeline_mapper.h"
+#include "timeline/timeline_rate_math.h"
 
 namespace vumo {
 namespace {

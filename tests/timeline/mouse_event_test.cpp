@@ -1,6 +1,8 @@
+#include "timeline/mouse_event.h"
+
 #include <gtest/gtest.h>
 
-#include "timeline/mouse_event.h"
+#include "shared/json.h"
 
 namespace vumo {
 namespace {

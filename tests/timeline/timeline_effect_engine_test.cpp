@@ -7,6 +7,7 @@
 
 #include "support/builders.h"
 #include "support/test_support.h"
+#include "timeline/timeline_validator.h"
 
 namespace vumo {
 namespace {
@@ -66,10 +67,10 @@ TEST(TimelineEffectValidationTest, EachZoomRuleRejectsItsOwnFault) {
     SCOPED_TRACE(c.name);
     EditTimeline timeline = timelineOf({clip(ms(0), ms(10'000))});
     ZoomSegment good = zoom(ms(1'000), ms(1'500), ms(3'000), ms(4'000), 2.0, {edge, 0.5});
-    EXPECT_NO_THROW(TimelineEffectEngine::validate(timelineOf({clip(ms(0), ms(10'000))}), source));
+    EXPECT_NO_THROW(TimelineValidator::validateEffectTracks(timelineOf({clip(ms(0), ms(10'000))}), source));
     c.spoil(good);
     timeline.zooms = {good};
-    expectEffectError([&] { TimelineEffectEngine::validate(timeline, source); }, EffectCase::zoomRangeInvalid);
+    expectEffectError([&] { TimelineValidator::validateEffectTracks(timeline, source); }, EffectCase::zoomRangeInvalid);
   }
 }
 
@@ -78,40 +79,42 @@ TEST(TimelineEffectValidationTest, ZoomsMayTouchButNotOverlapOrShareIds) {
   ZoomSegment first = zoom(ms(1'000), ms(1'500), ms(2'000), ms(3'000));
   ZoomSegment second = zoom(ms(3'000), ms(3'500), ms(4'000), ms(5'000));
   timeline.zooms = {second, first};  // stored order does not matter
-  EXPECT_NO_THROW(TimelineEffectEngine::validate(timeline, source));
+  EXPECT_NO_THROW(TimelineValidator::validateEffectTracks(timeline, source));
 
   second.startTime = ms(3'000) - ns(1);
   timeline.zooms = {first, second};
-  expectEffectError([&] { TimelineEffectEngine::validate(timeline, source); }, EffectCase::zoomOverlap);
+  expectEffectError([&] { TimelineValidator::validateEffectTracks(timeline, source); }, EffectCase::zoomOverlap);
 
   ZoomSegment twin = zoom(ms(6'000), ms(6'500), ms(7'000), ms(8'000));
   twin.id = first.id;
   timeline.zooms = {first, twin};
-  expectEffectError([&] { TimelineEffectEngine::validate(timeline, source); }, EffectCase::zoomRangeInvalid);
+  expectEffectError([&] { TimelineValidator::validateEffectTracks(timeline, source); }, EffectCase::zoomRangeInvalid);
 }
 
 TEST(TimelineEffectValidationTest, FullscreenSegmentsNeedACameraTwoFramesAndNoOverlap) {
   EditTimeline timeline = withCamera();
   timeline.webcamFullscreenSegments = {{Uuid::random(), ms(1'000), ms(1'000) + frame(2)}};
-  EXPECT_NO_THROW(TimelineEffectEngine::validate(timeline, source));
+  EXPECT_NO_THROW(TimelineValidator::validateEffectTracks(timeline, source));
 
   EditTimeline noCamera = timeline;
   noCamera.webcamOverlay.reset();
-  expectEffectError([&] { TimelineEffectEngine::validate(noCamera, source); },
+  expectEffectError([&] { TimelineValidator::validateEffectTracks(noCamera, source); },
                     EffectCase::webcamFullscreenRangeInvalid);
 
   EditTimeline tooShort = timeline;
   tooShort.webcamFullscreenSegments[0].endTime = ms(1'000) + frame(2) - ns(1);
-  expectEffectError([&] { TimelineEffectEngine::validate(tooShort, source); },
+  expectEffectError([&] { TimelineValidator::validateEffectTracks(tooShort, source); },
                     EffectCase::webcamFullscreenRangeInvalid);
 
   EditTimeline beyond = timeline;
   beyond.webcamFullscreenSegments = {{Uuid::random(), ms(9'000), source + ns(1)}};
-  expectEffectError([&] { TimelineEffectEngine::validate(beyond, source); }, EffectCase::webcamFullscreenRangeInvalid);
+  expectEffectError([&] { TimelineValidator::validateEffectTracks(beyond, source); },
+                    EffectCase::webcamFullscreenRangeInvalid);
 
   EditTimeline overlapping = timeline;
   overlapping.webcamFullscreenSegments.push_back({Uuid::random(), ms(1'020), ms(2'000)});
-  expectEffectError([&] { TimelineEffectEngine::validate(overlapping, source); }, EffectCase::webcamFullscreenOverlap);
+  expectEffectError([&] { TimelineValidator::validateEffectTracks(overlapping, source); },
+                    EffectCase::webcamFullscreenOverlap);
 }
 
 TEST(TimelineEffectValidationTest, KeyframesMustBeInsideUniqueAndWellFormed) {
@@ -138,9 +141,9 @@ TEST(TimelineEffectValidationTest, KeyframesMustBeInsideUniqueAndWellFormed) {
     EditTimeline timeline = withCamera();
     timeline.webcamKeyframes = c.keyframes;
     if (c.expected)
-      expectEffectError([&] { TimelineEffectEngine::validate(timeline, source); }, *c.expected);
+      expectEffectError([&] { TimelineValidator::validateEffectTracks(timeline, source); }, *c.expected);
     else
-      EXPECT_NO_THROW(TimelineEffectEngine::validate(timeline, source));
+      EXPECT_NO_THROW(TimelineValidator::validateEffectTracks(timeline, source));
   }
 }
 

@@ -151,6 +151,7 @@ TEST(TimelineValidator, EveryClipFailureIsReportedWithTheClipsID) {
       {"overlapping clips", [](EditTimeline& t) { t.segments[1].sourceRange.start = ms(4'000) - ns(1); },
        Case::overlappingSegments},
       {"touching clips", [](EditTimeline& t) { t.segments[1].sourceRange.start = ms(4'000); }, std::nullopt},
+      {"two clips sharing an id", [](EditTimeline& t) { t.segments[1].id = t.segments[0].id; }, Case::duplicateID},
   });
 }
 
@@ -392,15 +393,6 @@ TEST(TimelineValidator, AtMostSixteenAnnotationsAtOnce) {
 TEST(TimelineValidationError, TheUnsupportedSchemaCaseKeepsTheRefusedVersion) {
   // Keys, texts and classification of every case are in the golden error catalogue.
   EXPECT_EQ(TimelineValidationError::unsupportedSchema(12).schemaVersion(), 12);
-}
-
-TEST(GraphemeCount, CountsUserPerceivedCharacters) {
-  EXPECT_EQ(graphemeCount(""), 0u);
-  EXPECT_EQ(graphemeCount("abc"), 3u);
-  EXPECT_EQ(graphemeCount("\r\n"), 1u);
-  EXPECT_EQ(graphemeCount("中文字幕"), 4u);
-  EXPECT_EQ(graphemeCount("\xF0\x9F\x91\x8D\xF0\x9F\x8F\xBD"), 1u);  // thumbs up with a skin tone
-  EXPECT_EQ(graphemeCount("\xF0\x9F\x87\xA8\xF0\x9F\x87\xB3"), 1u);  // a flag: two regional indicators
 }
 
 }  // namespace
