@@ -288,9 +288,9 @@ std::pair<std::string, std::vector<std::string>> ProjectStore::replaceTimeline(
     const std::optional<std::string>& expectedCaptionsDigest, bool preservesHistory, const ProjectPackage& package) {
   // Timeline lock first, captions lock second, in every writer: two writers cannot deadlock.
   // Destruction releases them in reverse order on every path.
-  ExclusiveFileLock timelineLock(package.timelineLockPath());
+  ExclusiveFileLock timelineLock(package.timelineLockPath(), stop_);
   std::optional<ExclusiveFileLock> captionsLock;
-  if (expectedCaptionsDigest) captionsLock.emplace(package.captionsLockPath());
+  if (expectedCaptionsDigest) captionsLock.emplace(package.captionsLockPath(), stop_);
 
   // Both checks come before any write, so a conflict changes nothing.
   auto oldBytes = readIfExists(package.timelinePath(), documentLimits::timelineBytes);
@@ -356,8 +356,8 @@ CaptionsState ProjectStore::captionsState(const ProjectPackage& package) const {
 
 std::string ProjectStore::commitCaptions(const CaptionDocument& document, const std::string& expectedCaptionsDigest,
                                          const std::string& expectedTimelineDigest, const ProjectPackage& package) {
-  ExclusiveFileLock timelineLock(package.timelineLockPath());
-  ExclusiveFileLock captionsLock(package.captionsLockPath());
+  ExclusiveFileLock timelineLock(package.timelineLockPath(), stop_);
+  ExclusiveFileLock captionsLock(package.captionsLockPath(), stop_);
 
   std::string actualTimeline = timelineDigest(package);
   if (actualTimeline != expectedTimelineDigest)
@@ -381,7 +381,7 @@ std::string ProjectStore::commitCaptions(const CaptionDocument& document, const 
 
 std::string ProjectStore::writeCaptions(const CaptionDocument& document, const std::string& expectedDigest,
                                         const ProjectPackage& package) {
-  ExclusiveFileLock captionsLock(package.captionsLockPath());
+  ExclusiveFileLock captionsLock(package.captionsLockPath(), stop_);
   std::string actual = readCaptionsFile(package).digest;
   if (actual != expectedDigest) throw ProjectStoreError::captionsDigestConflict(expectedDigest, actual);
   CaptionDocument accepted = document.validated(readManifest(package).duration);
@@ -401,6 +401,8 @@ std::vector<RecentProject> ProjectStore::recentProjects() const {
     ProjectManifest manifest;
     try {
       manifest = readManifest(package);
+    } catch (const SystemFileError&) {
+      throw;  // the manifest may be fine; the listing would be wrong without it
     } catch (const Error&) {
       continue;  // not a project we can show; left alone
     }
@@ -423,6 +425,8 @@ ProjectPackage ProjectStore::project(const std::string& matchingIDPrefix) const 
     std::string id;
     try {
       id = readManifest(package).id.string();
+    } catch (const SystemFileError&) {
+      throw;  // the manifest may be fine; the listing would be wrong without it
     } catch (const Error&) {
       continue;
     }
@@ -553,6 +557,8 @@ std::vector<RecoverableProject> ProjectStore::recoverableProjects() const {
     ProjectManifest manifest;
     try {
       manifest = readManifest(package);
+    } catch (const SystemFileError&) {
+      throw;  // the manifest may be fine; the listing would be wrong without it
     } catch (const Error&) {
       continue;
     }

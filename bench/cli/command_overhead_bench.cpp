@@ -1,0 +1,87 @@
+// What one `vumo cli` command costs before it does any work: `list` on an empty library against
+// `true`, both started and waited for the same way (posix_spawn, waitpid, output to /dev/null).
+// Agents run many short commands, so a fixed delay in start-up or shut-down adds up:
+//   vumo cli list (empty library) / true  ->  a small multiple, no fixed wait on top
+
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <spawn.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "recording_reporter.h"
+
+extern char** environ;
+
+namespace {
+
+std::string dataHome;
+
+std::string vumoExecutable() {
+  if (const char* path = std::getenv("VUMO_BINARY")) return path;
+  return VUMO_EXECUTABLE;
+}
+
+// Starts `words` with empty input and discarded output, waits for it and returns its status.
+int spawnAndWait(const std::vector<std::string>& words) {
+  std::vector<char*> argv;
+  for (const auto& word : words) argv.push_back(const_cast<char*>(word.c_str()));
+  argv.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+  posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+  posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+  pid_t pid = 0;
+  int rc = ::posix_spawn(&pid, words.front().c_str(), &actions, nullptr, argv.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  if (rc != 0) return -1;
+  int status = 0;
+  while (::waitpid(pid, &status, 0) < 0) {
+  }
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+void run(benchmark::State& state, const std::vector<std::string>& words) {
+  for (auto _ : state) {
+    if (spawnAndWait(words) != 0) {
+      state.SkipWithError("the command failed");
+      return;
+    }
+  }
+}
+
+void BM_True(benchmark::State& state) { run(state, {"/bin/true"}); }
+void BM_VumoListEmptyLibrary(benchmark::State& state) { run(state, {vumoExecutable(), "cli", "list"}); }
+
+}  // namespace
+
+// Wall time: the work happens in the child, not in this process.
+BENCHMARK(BM_True)->Unit(benchmark::kMillisecond)->MinTime(2.0)->UseRealTime();
+BENCHMARK(BM_VumoListEmptyLibrary)->Unit(benchmark::kMillisecond)->MinTime(2.0)->UseRealTime();
+
+int main(int argc, char** argv) {
+  char pattern[] = "/tmp/vumo-bench-XXXXXX";
+  if (::mkdtemp(pattern) == nullptr) return 1;
+  dataHome = pattern;
+  ::setenv("XDG_DATA_HOME", dataHome.c_str(), 1);
+  benchmark::Initialize(&argc, argv);
+  vumo::bench::RecordingReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  auto at = [&](const char* name) { return reporter.realSeconds.count(name) ? reporter.realSeconds[name] : 0.0; };
+  double baseline = at("BM_True/min_time:2.000/real_time");
+  double list = at("BM_VumoListEmptyLibrary/min_time:2.000/real_time");
+  if (baseline > 0 && list > 0)
+    std::printf("vumo cli list (empty library) / true:  %.2fx  (%.2f ms against %.2f ms)\n", list / baseline,
+                list * 1e3, baseline * 1e3);
+  std::error_code ignored;
+  std::filesystem::remove_all(dataHome, ignored);
+  return 0;
+}
