@@ -312,6 +312,9 @@ const HostileCase hostileCases[] = {
      "000000.json"},
 };
 
+void PrintTo(const HostileCase& c, std::ostream* os) { *os << c.where; }
+void PrintTo(Plant plant, std::ostream* os) { *os << name(plant); }
+
 class PlantedFileTest : public HostileInputTest,
                         public ::testing::WithParamInterface<std::tuple<HostileCase, Plant>> {};
 
