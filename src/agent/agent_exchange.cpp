@@ -47,6 +47,12 @@ class Descriptor {
   throw FileError(fmt::format("Could not {} {}: {}", action, path.string(), std::strerror(error)));
 }
 
+// An open that failed: a bad document, unless the system failed (then the document may be fine).
+[[noreturn]] void refuseOpen(const fs::path& path, int error) {
+  if (isSystemFailure(error)) fileFailure("open", path, error);
+  invalidDocument();
+}
+
 // A single name that stays inside the folder it is looked up in.
 bool isPlainName(const fs::path& name) {
   return !name.empty() && name != "." && name != ".." && !name.has_parent_path();
@@ -70,12 +76,12 @@ ExchangeRoot openExchangeRoot(bool create) {
   Descriptor supportFolder(::open(resolvedSupport.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!supportFolder.isOpen()) {
     if (create) fileFailure("open", resolvedSupport, errno);
-    invalidDocument();
+    refuseOpen(resolvedSupport, errno);
   }
   if (create && ::mkdirat(supportFolder.get(), rootFolderName, 0777) != 0 && errno != EEXIST)
     fileFailure("create", resolvedSupport / rootFolderName, errno);
   Descriptor root(::openat(supportFolder.get(), rootFolderName, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  if (!root.isOpen()) invalidDocument();
+  if (!root.isOpen()) refuseOpen(resolvedSupport / rootFolderName, errno);
   return {std::move(root), exchangeRootDirectory().lexically_normal(), resolvedSupport / rootFolderName};
 }
 
@@ -108,13 +114,11 @@ std::string readExchangeData(const fs::path& path, std::uint64_t maximumBytes, E
   fs::path parentOfFolder = folder.parent_path();
   if (parentOfFolder != root.path && parentOfFolder != root.resolvedPath) invalidDocument();
 
-  Descriptor jobFolder(
-      ::openat(root.folder.get(), folderName.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  if (!jobFolder.isOpen()) invalidDocument();
+  Descriptor jobFolder(::openat(root.folder.get(), folderName.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!jobFolder.isOpen()) refuseOpen(folder, errno);
   // Non-blocking, so that a FIFO planted under the name cannot stall the open.
-  Descriptor document(
-      ::openat(jobFolder.get(), fileName.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-  if (!document.isOpen()) invalidDocument();
+  Descriptor document(::openat(jobFolder.get(), fileName.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  if (!document.isOpen()) refuseOpen(file, errno);
 
   struct stat status {};
   if (::fstat(document.get(), &status) != 0) invalidDocument();

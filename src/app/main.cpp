@@ -1,6 +1,7 @@
 // The one entry point of the executable. Started with the word `cli` it is a headless tool for an
 // agent; started any other way it is the desktop application.
 
+#include <csignal>
 #include <cstdio>
 #include <string>
 #include <string_view>
@@ -18,12 +19,16 @@ struct VumoEntryPoint {
   }
 
   // Built by concatenation, not by the JSON encoder, so it works whatever else is broken.
-  static void printVersion() {
+  static int printVersion() {
     std::string line = "{\"protocolVersion\":1,\"version\":\"";
     line += versionText();
     line += "\"}\n";
-    std::fwrite(line.data(), 1, line.size(), stdout);
-    std::fflush(stdout);
+    try {
+      VumoCLI::Streams::process().standardOutput(line);
+    } catch (const std::exception& error) {
+      return VumoCLI().report(error);
+    }
+    return 0;
   }
 
   static int runCLI(const std::vector<std::string>& arguments) {
@@ -41,10 +46,12 @@ struct VumoEntryPoint {
 
   static int main(int argc, char** argv) {
     if (argc < 2 || std::string_view(argv[1]) != "cli") return runApplication();
+    // A reader that went away is a failed write (EPIPE), reported like any other, not a silent
+    // death by signal.
+    std::signal(SIGPIPE, SIG_IGN);
     std::vector<std::string> arguments(argv + 2, argv + argc);
     if (!arguments.empty() && (arguments.front() == "version" || arguments.front() == "--version")) {
-      printVersion();
-      return 0;
+      return printVersion();
     }
     return runCLI(arguments);
   }

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <stop_token>
 #include <thread>
 
@@ -8,8 +7,13 @@ namespace vumo {
 
 // Turns SIGINT and SIGTERM into a cancellation request instead of letting them kill the process
 // half-way through a commit. Both signals are blocked (construct this before any other thread
-// starts, so every thread inherits the mask) and a watcher thread waits for them and requests
-// the stop. Work that has cancellation points checks the token; everything else runs to its end.
+// starts, so every thread inherits the mask) and a watcher thread waits on a signalfd for them
+// and requests the stop. Work that has cancellation points checks the token; everything else runs
+// to its end. The watcher also waits on an eventfd that the destructor signals, so the end of a
+// command is seen at once rather than at the next poll.
+//
+// When the descriptors cannot be had (the process is out of them) the signals keep their default
+// action: the command can still be interrupted, only not cleanly.
 class SignalCancellation {
  public:
   SignalCancellation();
@@ -21,7 +25,8 @@ class SignalCancellation {
 
  private:
   std::stop_source source_;
-  std::atomic<bool> finished_{false};
+  int signals_ = -1;   // signalfd for SIGINT and SIGTERM
+  int finished_ = -1;  // eventfd, written once when the command has ended
   std::thread watcher_;
 };
 

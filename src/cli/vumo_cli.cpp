@@ -1,8 +1,12 @@
 #include "cli/vumo_cli.h"
 
+#include <fmt/format.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
+#include <cstring>
 #include <type_traits>
 
 #include "agent/timeline_plan_engine.h"
@@ -20,15 +24,64 @@ namespace vumo {
 
 namespace {
 
-void writeAll(int fd, std::string_view bytes) {
+// Writes everything or returns the errno that stopped it. A descriptor left non-blocking by
+// whoever gave it to us is waited on rather than given up on.
+int writeAll(int fd, std::string_view bytes) {
   while (!bytes.empty()) {
     ssize_t n = ::write(fd, bytes.data(), bytes.size());
     if (n < 0) {
       if (errno == EINTR) continue;
-      return;
+      if (errno == EAGAIN || errno == EWOULDBLOCK) {
+        pollfd ready{fd, POLLOUT, 0};
+        if (::poll(&ready, 1, -1) >= 0 || errno == EINTR) continue;
+      }
+      return errno;
     }
     bytes.remove_prefix(static_cast<std::size_t>(n));
   }
+  return 0;
+}
+
+// Strict UTF-8: no overlong forms, no surrogates, nothing above U+10FFFF.
+bool isUTF8(std::string_view text) {
+  std::size_t i = 0;
+  while (i < text.size()) {
+    auto byte = [&](std::size_t at) { return static_cast<unsigned char>(text[at]); };
+    unsigned char lead = byte(i);
+    std::size_t length;
+    std::uint32_t point;
+    if (lead < 0x80) {
+      ++i;
+      continue;
+    } else if (lead >= 0xC2 && lead <= 0xDF) {
+      length = 2, point = lead & 0x1Fu;
+    } else if (lead >= 0xE0 && lead <= 0xEF) {
+      length = 3, point = lead & 0x0Fu;
+    } else if (lead >= 0xF0 && lead <= 0xF4) {
+      length = 4, point = lead & 0x07u;
+    } else {
+      return false;
+    }
+    if (i + length > text.size()) return false;
+    for (std::size_t k = 1; k < length; ++k) {
+      if ((byte(i + k) & 0xC0u) != 0x80u) return false;
+      point = (point << 6) | (byte(i + k) & 0x3Fu);
+    }
+    constexpr std::uint32_t smallest[] = {0, 0, 0x80, 0x800, 0x10000};
+    if (point < smallest[length] || point > 0x10FFFF || (point >= 0xD800 && point <= 0xDFFF)) return false;
+    i += length;
+  }
+  return true;
+}
+
+// The digest a command's answer reports for a commit it made, if it made one.
+std::optional<std::string> committedDigest(const Json& answer) {
+  if (!answer.is_object()) return std::nullopt;
+  auto applied = answer.find("applied");
+  auto digest = answer.find("resultingDigest");
+  if (applied == answer.end() || !applied->is_boolean() || !applied->get<bool>()) return std::nullopt;
+  if (digest == answer.end() || !digest->is_string()) return std::nullopt;
+  return digest->get<std::string>();
 }
 
 }  // namespace
@@ -45,31 +98,51 @@ CLIExitCode exitCode(ErrorKind kind) {
 }
 
 VumoCLI::Streams VumoCLI::Streams::process() {
-  return {[](std::string_view bytes) { writeAll(STDOUT_FILENO, bytes); },
-          [](std::string_view bytes) { writeAll(STDERR_FILENO, bytes); }};
+  return {[](std::string_view bytes) {
+            // An agent that reads the answer from a full disk or a closed pipe must not take the
+            // status for success.
+            if (int error = writeAll(STDOUT_FILENO, bytes))
+              throw FileError(std::string("Could not write the answer to standard output: ") + std::strerror(error));
+          },
+          // Nothing is left to tell about a failure to write the error itself; the status stands.
+          [](std::string_view bytes) { (void)writeAll(STDERR_FILENO, bytes); }};
 }
 
 VumoCLI::VumoCLI(std::stop_token cancellation, Streams streams)
     : cancellation_(std::move(cancellation)), streams_(std::move(streams)) {}
 
 int VumoCLI::run(const std::vector<std::string>& arguments) {
+  std::optional<std::string> landedDigest;
   try {
+    for (std::size_t i = 0; i < arguments.size(); ++i) {
+      // Every word may end up in an answer or an error message, which are UTF-8 JSON.
+      if (!isUTF8(arguments[i])) throw CLIArgumentError::invalidValue(fmt::format("第{}个参数不是UTF-8文本", i + 1));
+    }
     CLICommand command = CLIArgumentParser::parse(arguments);
     if (const auto* help = std::get_if<CLICommand::Help>(&command.value)) {
       std::string text = help->topic ? AgentHelpCatalog::text(*help->topic) : usageText();
       streams_.standardOutput(text + "\n");
       return 0;
     }
-    writeJSON(execute(command));
+    Json answer = execute(command);
+    landedDigest = committedDigest(answer);
+    writeJSON(answer);
     return 0;
   } catch (const std::exception& error) {
-    return report(error);
+    if (!landedDigest) return report(error);
+    // The commit is on disk whatever became of its answer; a caller that retries it would only
+    // meet a conflict, so the one channel left says what happened.
+    writeError("execution",
+               fmt::format("The commit was applied (resulting digest {}), but its answer was lost: {}", *landedDigest,
+                           error.what()),
+               std::nullopt);
+    return static_cast<int>(CLIExitCode::failure);
   }
 }
 
 Json VumoCLI::execute(const CLICommand& command) {
   // Every command but help gets the store, so the projects folder exists after any command.
-  ProjectStore store;
+  ProjectStore store(std::nullopt, cancellation_);
   ProjectCommandService service(store);
   return std::visit(
       [&](const auto& request) -> Json {
@@ -120,21 +193,13 @@ int VumoCLI::report(const std::exception& error) const {
   return static_cast<int>(classification.exitCode);
 }
 
-void VumoCLI::writeJSON(const Json& value) const {
-  std::string encoded;
-  try {
-    encoded = encodeDocument(value) + "\n";
-  } catch (const nlohmann::json::exception& e) {
-    throw DecodingError(std::string("The answer could not be encoded: ") + e.what());
-  }
-  streams_.standardOutput(encoded);
-}
+void VumoCLI::writeJSON(const Json& value) const { streams_.standardOutput(encodeForDisplay(value) + "\n"); }
 
 void VumoCLI::writeError(const std::string& code, const std::string& message,
                          const std::optional<CLIValidationDetails>& details) const {
   std::string encoded;
   try {
-    encoded = escapeSlashes(encodeDocument(CLIErrorResponse{1, code, message, details}));
+    encoded = escapeSlashes(encodeForDisplay(CLIErrorResponse{1, code, message, details}));
   } catch (const std::exception&) {
     return;  // an envelope that cannot be encoded is not printed; the status stands
   }

@@ -37,7 +37,10 @@ struct CLIClassification {
 // or one error envelope on standard error, and a status. It never throws.
 class VumoCLI {
  public:
-  // Where the two streams go; tests capture them, the program writes each in one write(2).
+  // Where the two streams go; tests capture them, the program writes each unbuffered. A failure to
+  // write the answer (a full disk, a closed pipe) throws and the command fails with status 6, even
+  // after a commit, whose error message then names the digest it left; standard error has no one
+  // left to tell.
   struct Streams {
     std::function<void(std::string_view)> standardOutput;
     std::function<void(std::string_view)> standardError;
@@ -50,7 +53,9 @@ class VumoCLI {
 
   int run(const std::vector<std::string>& arguments);
 
-  // Throws when the answer cannot be encoded (text that is not UTF-8); nothing is printed then.
+  // Text that is not UTF-8 (a file name from the disk) is shown with U+FFFD in place of each bad
+  // byte. Throws what the standard output stream throws: the process's own, a FileError when the
+  // answer cannot be written whole.
   void writeJSON(const Json& value) const;
   void writeError(const std::string& code, const std::string& message,
                   const std::optional<CLIValidationDetails>& details) const;

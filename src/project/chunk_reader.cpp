@@ -18,6 +18,7 @@
 #include "shared/cancellation.h"
 #include "shared/document_limits.h"
 #include "shared/error.h"
+#include "shared/files.h"
 #include "shared/json.h"
 
 namespace vumo {
@@ -304,28 +305,38 @@ struct ChunkReader::State {
   // As shared/files.h's readFile, into the padded buffer: regular files only, opened without
   // blocking (a FIFO under a chunk's name cannot stall the load) and within the chunk limit.
   std::string_view readFile(const std::filesystem::path& path) {
+    // As shared readFile: only a regular file within the chunk limit, opened without following a
+    // link or waiting on a FIFO, so a planted file can neither hang nor exhaust the reader.
+    auto failure = [&](const std::string& why) {
+      return FileError(fmt::format("Could not read {}: {}", path.string(), why));
+    };
     FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC));
     struct stat info {};
-    if (fd.get() < 0 || ::fstat(fd.get(), &info) != 0)
-      throw FileError(fmt::format("Could not read {}: {}", path.string(), std::strerror(errno)));
-    if (!S_ISREG(info.st_mode)) throw FileError(fmt::format("Could not read {}: not a regular file", path.string()));
-    const std::size_t limit = documentLimits::chunkBytes;
+    if (fd.get() < 0 || ::fstat(fd.get(), &info) != 0) {
+      int error = errno;
+      if (error == ELOOP) throw failure("it is a symbolic link");
+      if (isSystemFailure(error))
+        throw SystemFileError(fmt::format("Could not read {}: {}", path.string(), std::strerror(error)));
+      throw failure(std::strerror(error));
+    }
+    if (!S_ISREG(info.st_mode)) throw failure("not a regular file");
+    const auto limit = documentLimits::chunkBytes;
     if (static_cast<std::uintmax_t>(info.st_size) > limit)
-      throw FileError(
-          fmt::format("Could not read {}: {} bytes is more than the {} allowed", path.string(), info.st_size, limit));
+      throw failure(fmt::format("{} bytes is more than the {} allowed", info.st_size, limit));
     // One byte more than the size, so end of file is seen without growing.
     reserve(static_cast<std::size_t>(info.st_size) + 1);
     std::size_t length = 0;
     for (;;) {
       std::size_t room = capacity - simdjson::SIMDJSON_PADDING - length;
       if (room == 0) {
+        if (length > limit) throw failure(fmt::format("more than the {} bytes allowed", limit));
         grow(length);  // the file grew since fstat
         continue;
       }
       ssize_t n = ::read(fd.get(), buffer.get() + length, room);
       if (n < 0) {
         if (errno == EINTR) continue;
-        throw FileError(fmt::format("Could not read {}: {}", path.string(), std::strerror(errno)));
+        throw failure(std::strerror(errno));
       }
       if (n == 0) break;
       length += static_cast<std::size_t>(n);
@@ -333,6 +344,7 @@ struct ChunkReader::State {
       if (length > limit)
         throw FileError(fmt::format("Could not read {}: more than the {} bytes allowed", path.string(), limit));
     }
+    if (length > limit) throw failure(fmt::format("more than the {} bytes allowed", limit));
     std::memset(buffer.get() + length, 0, simdjson::SIMDJSON_PADDING);
     return {buffer.get(), length};
   }

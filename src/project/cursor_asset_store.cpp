@@ -75,6 +75,8 @@ std::vector<CursorAssetDescriptor> CursorAssetStore::readDescriptors(const std::
                                                         "CursorAssetDescriptor");
       // The id names the image file beside it, so anything but a digest could point elsewhere.
       if (isAssetID(descriptor.id)) list.push_back(std::move(descriptor));
+    } catch (const SystemFileError&) {
+      throw;  // the file may be fine; an answer without it would be wrong
     } catch (const Error&) {
       // Unreadable or foreign file: skipped, as documented.
     }

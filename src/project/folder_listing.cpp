@@ -6,6 +6,7 @@
 #include <fmt/format.h>
 
 #include "shared/error.h"
+#include "shared/files.h"
 
 namespace vumo {
 
@@ -21,7 +22,11 @@ std::vector<std::filesystem::path> visibleFilesWithExtension(const std::filesyst
     if (name.empty() || name[0] == '.' || path.extension() != extension) continue;
     files.push_back(path);
   }
-  if (error) throw FileError(fmt::format("Could not list {}: {}", folder.string(), error.message()));
+  if (error) {
+    std::string text = fmt::format("Could not list {}: {}", folder.string(), error.message());
+    if (isSystemFailure(error.value())) throw SystemFileError(text);
+    throw FileError(text);
+  }
   std::sort(files.begin(), files.end(),
             [](const auto& a, const auto& b) { return a.filename().native() < b.filename().native(); });
   return files;
@@ -35,6 +40,10 @@ std::vector<std::filesystem::path> visibleEntries(const std::filesystem::path& f
     std::string name = it->path().filename().string();
     if (!name.empty() && name[0] != '.') entries.push_back(it->path());
   }
+  // A folder the system could not list (no descriptor left, a failing disk) is not an empty one:
+  // taking it for one would report a library without projects.
+  if (error && isSystemFailure(error.value()))
+    throw SystemFileError(fmt::format("Could not list {}: {}", folder.string(), error.message()));
   return entries;
 }
 

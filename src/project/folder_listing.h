@@ -11,7 +11,8 @@ namespace vumo {
 std::vector<std::filesystem::path> visibleFilesWithExtension(const std::filesystem::path& folder,
                                                              const char* extension);
 
-// Every visible entry of a folder, unsorted; a missing or unlistable folder is empty.
+// Every visible entry of a folder, unsorted; a missing or unlistable folder is empty, except when
+// the system failed to list it (see isSystemFailure): that is a SystemFileError.
 std::vector<std::filesystem::path> visibleEntries(const std::filesystem::path& folder);
 
 }  // namespace vumo

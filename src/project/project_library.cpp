@@ -10,6 +10,7 @@
 #include "project/package_files.h"
 #include "project/project_store_error.h"
 #include "shared/error.h"
+#include "shared/files.h"
 #include "shared/uuid.h"
 
 namespace vumo {
@@ -36,6 +37,8 @@ std::vector<RecentProject> ProjectLibrary::recentProjects() const {
     ProjectManifest manifest;
     try {
       manifest = readManifest(package);
+    } catch (const SystemFileError&) {
+      throw;  // the file may be fine; an answer without it would be wrong
     } catch (const Error&) {
       continue;  // not a project we can show; left alone
     }
@@ -58,6 +61,8 @@ ProjectPackage ProjectLibrary::project(const std::string& matchingIDPrefix) cons
     std::string id;
     try {
       id = readManifest(package).id.string();
+    } catch (const SystemFileError&) {
+      throw;  // the file may be fine; an answer without it would be wrong
     } catch (const Error&) {
       continue;
     }

@@ -8,6 +8,7 @@
 #include "project/media_probe.h"
 #include "project/package_files.h"
 #include "project/stale_temporaries.h"
+#include "shared/files.h"
 
 namespace vumo {
 
@@ -64,6 +65,8 @@ std::vector<RecoverableProject> ProjectRecovery::recoverableProjects() const {
     ProjectManifest manifest;
     try {
       manifest = readManifest(package);
+    } catch (const SystemFileError&) {
+      throw;  // the file may be fine; an answer without it would be wrong
     } catch (const Error&) {
       continue;
     }

@@ -1,6 +1,7 @@
 #include "shared/files.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,10 +9,8 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <sstream>
-
-#include <fmt/format.h>
+#include <optional>
+#include <random>
 
 #include "shared/error.h"
 
@@ -20,7 +19,9 @@ namespace vumo {
 namespace {
 
 [[noreturn]] void throwErrno(std::string_view action, const std::filesystem::path& path, int error) {
-  throw FileError(fmt::format("Could not {} {}: {}", action, path.string(), std::strerror(error)));
+  std::string text = fmt::format("Could not {} {}: {}", action, path.string(), std::strerror(error));
+  if (isSystemFailure(error)) throw SystemFileError(text);
+  throw FileError(text);
 }
 
 class FileDescriptor {
@@ -43,6 +44,11 @@ class FileDescriptor {
 };
 
 }  // namespace
+
+bool isSystemFailure(int error) {
+  return error == EMFILE || error == ENFILE || error == ENOMEM || error == EIO || error == ENOSPC || error == EDQUOT ||
+         error == ENOBUFS;
+}
 
 std::string readFile(const std::filesystem::path& path, std::size_t maximumBytes) {
   // Non-blocking, so that opening a FIFO planted under the name cannot stall; regular files
@@ -76,13 +82,34 @@ std::string readFile(const std::filesystem::path& path, std::size_t maximumBytes
   return bytes;
 }
 
+namespace {
+
+// A hidden name beside the target that nothing else uses: the target's name, a dot and eight
+// random hex digits (fresh ones for every try, so a clash only costs another try).
+std::string temporaryName(const std::filesystem::path& path) {
+  static thread_local std::mt19937_64 generator{std::random_device{}()};
+  return fmt::format(".{}.{:08x}", path.filename().string(), static_cast<std::uint32_t>(generator()));
+}
+
+}  // namespace
+
 void writeFileAtomically(const std::filesystem::path& path, std::string_view bytes) {
   std::filesystem::path folder = path.parent_path();
   if (folder.empty()) folder = ".";
-  std::string pattern = (folder / ("." + path.filename().string() + ".XXXXXX")).string();
-  FileDescriptor fd(::mkostemp(pattern.data(), O_CLOEXEC));
-  if (fd.get() < 0) throwErrno("write", path, errno);
-  std::filesystem::path temporary = pattern;
+  // A replaced file keeps its permissions; a new one gets what the user's umask (or the folder's
+  // default ACL) leaves of 0666, which the kernel applies because the file is created with it.
+  std::optional<mode_t> keptMode;
+  struct stat existing {};
+  if (::lstat(path.c_str(), &existing) == 0 && S_ISREG(existing.st_mode)) keptMode = existing.st_mode & 0777;
+
+  std::filesystem::path temporary;
+  int created = -1;
+  for (int attempt = 0; created < 0; ++attempt) {
+    temporary = folder / temporaryName(path);
+    created = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
+    if (created < 0 && (errno != EEXIST || attempt == 100)) throwErrno("write", path, errno);
+  }
+  FileDescriptor fd(created);
   auto fail = [&](int error) {
     ::unlink(temporary.c_str());
     throwErrno("write", path, error);
@@ -96,7 +123,8 @@ void writeFileAtomically(const std::filesystem::path& path, std::string_view byt
     }
     written += static_cast<std::size_t>(n);
   }
-  if (::fchmod(fd.get(), 0644) != 0 || ::fsync(fd.get()) != 0) fail(errno);
+  if (keptMode && ::fchmod(fd.get(), *keptMode) != 0) fail(errno);
+  if (::fsync(fd.get()) != 0) fail(errno);
   if (::close(fd.release()) != 0) fail(errno);
   if (::rename(temporary.c_str(), path.c_str()) != 0) fail(errno);
   FileDescriptor dir(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -106,7 +134,13 @@ void writeFileAtomically(const std::filesystem::path& path, std::string_view byt
 void createDirectories(const std::filesystem::path& path) {
   std::error_code error;
   std::filesystem::create_directories(path, error);
-  if (error) throw FileError(fmt::format("Could not create {}: {}", path.string(), error.message()));
+  if (error) {
+    std::string text = fmt::format("Could not create {}: {}", path.string(), error.message());
+    if (error.category() == std::generic_category() || error.category() == std::system_category()) {
+      if (isSystemFailure(error.value())) throw SystemFileError(text);
+    }
+    throw FileError(text);
+  }
   if (!std::filesystem::is_directory(path))
     throw FileError(fmt::format("Could not create {}: not a directory", path.string()));
 }

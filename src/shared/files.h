@@ -5,17 +5,32 @@
 #include <string>
 #include <string_view>
 
+#include "shared/error.h"
+
 namespace vumo {
+
+// Failures of the system rather than of the file at hand: the process is out of descriptors, the
+// system out of memory or open files, the device failed. A caller that turns an unusable file into
+// a refusal ("not a project", "invalid document") must not do so for these: the file may be fine.
+bool isSystemFailure(int error);
+
+// A FileError whose cause isSystemFailure. It names the path like any FileError.
+class SystemFileError : public FileError {
+ public:
+  using FileError::FileError;
+};
 
 // Reads a whole regular file of at most `maximumBytes` (see shared/document_limits.h). Anything
 // else at the path (a FIFO, a socket, a device, a directory, a symbolic link as the last
 // component) and a larger file are refused without reading, so a planted file can neither hang
-// nor exhaust the reader. Failure is a FileError naming the path and what went wrong.
+// nor exhaust the reader. Failure is a FileError naming the path and what went wrong (a
+// SystemFileError when the system failed).
 std::string readFile(const std::filesystem::path& path, std::size_t maximumBytes);
 
 // Replaces `path` atomically: the bytes go to a temporary file in the same folder, which is
 // flushed to disk and renamed over the target; the folder is then flushed too, so after a crash
-// the file holds either the old or the new bytes, never a mixture.
+// the file holds either the old or the new bytes, never a mixture. A file that is replaced keeps
+// its permission bits; a new one is made with 0666 less the umask, like any file a program makes.
 void writeFileAtomically(const std::filesystem::path& path, std::string_view bytes);
 
 // Creates a folder and its parents; an existing folder is fine. Failure is a FileError.

@@ -4,9 +4,9 @@
 
 namespace vumo {
 
-std::string encodeDocument(const Json& value) {
-  return value.dump(2, ' ', false, Json::error_handler_t::strict);
-}
+std::string encodeDocument(const Json& value) { return value.dump(2, ' ', false, Json::error_handler_t::strict); }
+
+std::string encodeForDisplay(const Json& value) { return value.dump(2, ' ', false, Json::error_handler_t::replace); }
 
 std::string encodeCompact(const Json& value) { return value.dump(-1, ' ', false, Json::error_handler_t::strict); }
 
@@ -20,21 +20,41 @@ std::string escapeSlashes(std::string_view encoded) {
   return out;
 }
 
+namespace {
+
+// The parser's message ends with the text it last read ("...; last read: '<text>'; expected
+// ..."). That text is the document's own content, which may be private or not even UTF-8, and
+// the message travels into error envelopes and logs: only the position and the reason stay.
+std::string withoutReadText(std::string message) {
+  constexpr std::string_view marker = "; last read: '";
+  constexpr std::string_view expected = "'; expected ";
+  std::size_t start = message.find(marker);
+  if (start == std::string::npos) return message;
+  std::size_t tail = message.rfind(expected);
+  if (tail == std::string::npos || tail < start + marker.size()) return message.substr(0, start);
+  return message.substr(0, start) + message.substr(tail + 1);
+}
+
+}  // namespace
+
 Json parseJson(std::string_view text) {
   // A raw NUL can stand nowhere in JSON text, and the parser would take it for the end of input
   // and ignore whatever follows.
-  if (text.find('\0') != std::string_view::npos) throw DecodingError("The data isn't valid JSON: it contains a NUL byte");
+  if (text.find('\0') != std::string_view::npos)
+    throw DecodingError("The data isn't valid JSON: it contains a NUL byte");
   try {
     return Json::parse(text.begin(), text.end());
   } catch (const nlohmann::json::exception& e) {
-    throw DecodingError(fmt::format("The data isn't valid JSON: {}", e.what()));
+    throw DecodingError(fmt::format("The data isn't valid JSON: {}", withoutReadText(e.what())));
   }
 }
 
 namespace json {
 
 namespace {
-std::string describe(std::string_view context) { return context.empty() ? std::string("value") : "key " + std::string(context); }
+std::string describe(std::string_view context) {
+  return context.empty() ? std::string("value") : "key " + std::string(context);
+}
 }  // namespace
 
 std::int64_t asInt64(const Json& value, std::string_view context) {

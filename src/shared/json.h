@@ -18,13 +18,18 @@ namespace vumo {
 
 // Pretty printed document text, without a trailing line feed.
 std::string encodeDocument(const Json& value);
+// Pretty printed like encodeDocument, but a string that is not UTF-8 (a file name taken from the
+// disk) has each bad byte replaced by U+FFFD instead of failing. Only for answers shown to a
+// caller, never for documents that are read back.
+std::string encodeForDisplay(const Json& value);
 // Single-line text, used only for chunk files.
 std::string encodeCompact(const Json& value);
 // Escapes every '/' as "\/". Slashes only ever occur inside JSON strings, so this is safe on
 // encoded text; the error envelope of the command line is written this way.
 std::string escapeSlashes(std::string_view encoded);
 
-// Parses text; malformed JSON is a DecodingError.
+// Parses text; malformed JSON is a DecodingError whose message gives the position and the reason
+// but never quotes the text.
 Json parseJson(std::string_view text);
 
 namespace json {

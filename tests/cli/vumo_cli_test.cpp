@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <pthread.h>
+#include <signal.h>
+
 #include <csignal>
 #include <cstdint>
 #include <thread>
@@ -130,6 +133,45 @@ TEST(SignalCancellationTest, SignalsBecomeAStopRequestInsteadOfKillingTheProcess
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     EXPECT_TRUE(cancellation.token().stop_requested());
   }
+}
+
+// Puts the signal mask back, and takes any signal the test left pending, so later tests run in a
+// process as they found it.
+class SignalMaskRestorer {
+ public:
+  SignalMaskRestorer() { pthread_sigmask(SIG_SETMASK, nullptr, &previous_); }
+  ~SignalMaskRestorer() {
+    sigset_t pending;
+    sigpending(&pending);
+    for (int signal : {SIGINT, SIGTERM}) {
+      if (sigismember(&pending, signal)) {
+        sigset_t one;
+        sigemptyset(&one);
+        sigaddset(&one, signal);
+        int taken;
+        sigwait(&one, &taken);
+      }
+    }
+    pthread_sigmask(SIG_SETMASK, &previous_, nullptr);
+  }
+
+ private:
+  sigset_t previous_;
+};
+
+TEST(SignalCancellationTest, ASignalAfterTheEndOfTheCommandStaysBlocked) {
+  SignalMaskRestorer restorer;
+  std::stop_token token;
+  {
+    SignalCancellation cancellation;
+    token = cancellation.token();
+  }
+  // Would end the process with its default action, were it not blocked.
+  ASSERT_EQ(::kill(::getpid(), SIGINT), 0);
+  sigset_t pending;
+  sigpending(&pending);
+  EXPECT_TRUE(sigismember(&pending, SIGINT));
+  EXPECT_FALSE(token.stop_requested());
 }
 
 }  // namespace

@@ -1,0 +1,127 @@
+// What one `vumo cli` command costs before it does any work: `list` on an empty library against
+// `true`, both started and waited for the same way (posix_spawn, waitpid, output to /dev/null).
+// Agents run many short commands, so a fixed delay in start-up or shut-down adds up. `vumo cli
+// version` (no store, no signal watcher) is measured too, to tell what loading the executable
+// costs from what a command adds to it, and `describe` of a small project (a command that runs
+// long enough for a watcher that polls to make it wait):
+//   vumo cli list (empty library) - vumo cli version  ->  a millisecond or two, no fixed wait
+
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <spawn.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "project/project_store.h"
+#include "recording_reporter.h"
+#include "shared/files.h"
+
+extern char** environ;
+
+namespace {
+
+std::string dataHome;
+std::string projectID;
+
+// A finished project without pointer events; describe never opens its movie.
+void makeSmallProject() {
+  vumo::ProjectStore store;
+  vumo::CaptureSourceDescriptor source;
+  source.title = "Benchmark";
+  source.initialPixelSize = {1920, 1080};
+  vumo::CreatedProject created = store.createProject(source, {}, {1920, 1080}, std::nullopt, std::nullopt);
+  vumo::writeFileAtomically(created.package.mediaPath(), "movie");
+  vumo::ProjectManifest manifest = created.manifest;
+  manifest.duration = vumo::ProjectTime::fromMilliseconds(60'000);
+  store.finish(created.package, manifest);
+  projectID = manifest.id.string();
+}
+
+std::string vumoExecutable() {
+  if (const char* path = std::getenv("VUMO_BINARY")) return path;
+  return VUMO_EXECUTABLE;
+}
+
+// Starts `words` with empty input and discarded output, waits for it and returns its status.
+int spawnAndWait(const std::vector<std::string>& words) {
+  std::vector<char*> argv;
+  for (const auto& word : words) argv.push_back(const_cast<char*>(word.c_str()));
+  argv.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+  posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+  posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+  pid_t pid = 0;
+  int rc = ::posix_spawn(&pid, words.front().c_str(), &actions, nullptr, argv.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  if (rc != 0) return -1;
+  int status = 0;
+  while (::waitpid(pid, &status, 0) < 0) {
+  }
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+void run(benchmark::State& state, const std::vector<std::string>& words) {
+  for (auto _ : state) {
+    if (spawnAndWait(words) != 0) {
+      state.SkipWithError("the command failed");
+      return;
+    }
+  }
+}
+
+void BM_True(benchmark::State& state) { run(state, {"/bin/true"}); }
+void BM_VumoVersion(benchmark::State& state) { run(state, {vumoExecutable(), "cli", "version"}); }
+void BM_VumoListEmptyLibrary(benchmark::State& state) { run(state, {vumoExecutable(), "cli", "list"}); }
+void BM_VumoDescribeSmallProject(benchmark::State& state) {
+  // In a library of its own, so that the listing above stays empty.
+  static const bool made = [] {
+    ::setenv("XDG_DATA_HOME", (dataHome + "/with-project").c_str(), 1);
+    makeSmallProject();
+    return true;
+  }();
+  (void)made;
+  run(state, {vumoExecutable(), "cli", "describe", projectID.substr(0, 8)});
+}
+
+}  // namespace
+
+// Wall time: the work happens in the child, not in this process.
+BENCHMARK(BM_True)->Unit(benchmark::kMillisecond)->MinTime(2.0)->UseRealTime();
+BENCHMARK(BM_VumoVersion)->Unit(benchmark::kMillisecond)->MinTime(2.0)->UseRealTime();
+BENCHMARK(BM_VumoListEmptyLibrary)->Unit(benchmark::kMillisecond)->MinTime(2.0)->UseRealTime();
+BENCHMARK(BM_VumoDescribeSmallProject)->Unit(benchmark::kMillisecond)->MinTime(2.0)->UseRealTime();
+
+int main(int argc, char** argv) {
+  char pattern[] = "/tmp/vumo-bench-XXXXXX";
+  if (::mkdtemp(pattern) == nullptr) return 1;
+  dataHome = pattern;
+  ::setenv("XDG_DATA_HOME", dataHome.c_str(), 1);
+  benchmark::Initialize(&argc, argv);
+  vumo::bench::RecordingReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  auto at = [&](const char* name) { return reporter.realSeconds.count(name) ? reporter.realSeconds[name] : 0.0; };
+  double baseline = at("BM_True/min_time:2.000/real_time");
+  double version = at("BM_VumoVersion/min_time:2.000/real_time");
+  double list = at("BM_VumoListEmptyLibrary/min_time:2.000/real_time");
+  if (baseline > 0 && list > 0 && version > 0) {
+    std::printf("vumo cli list (empty library) / true:  %.2fx  (%.2f ms against %.2f ms)\n", list / baseline,
+                list * 1e3, baseline * 1e3);
+    std::printf("vumo cli version / true:               %.2fx  (%.2f ms)\n", version / baseline, version * 1e3);
+    std::printf("list beyond version:                   %.2f ms (target: a millisecond or two)\n",
+                (list - version) * 1e3);
+    double describe = at("BM_VumoDescribeSmallProject/min_time:2.000/real_time");
+    std::printf("describe (small project) beyond version: %.2f ms\n", (describe - version) * 1e3);
+  }
+  std::error_code ignored;
+  std::filesystem::remove_all(dataHome, ignored);
+  return 0;
+}
