@@ -114,7 +114,8 @@ void BM_DescribeLoadedProject(benchmark::State& state) {
   auto& f = fixture();
   ProjectCommandService service(*f.store);
   auto project = service.load(f.id.substr(0, 8));
-  for (auto _ : state) benchmark::DoNotOptimize(ProjectInspector::describe(project.snapshot, project.snapshot.timelineDigest));
+  for (auto _ : state)
+    benchmark::DoNotOptimize(ProjectInspector::describe(project.snapshot, project.snapshot.timelineDigest));
 }
 
 void BM_Describe(benchmark::State& state) {

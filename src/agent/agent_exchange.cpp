@@ -114,10 +114,12 @@ std::string readExchangeData(const fs::path& path, std::uint64_t maximumBytes, E
   fs::path parentOfFolder = folder.parent_path();
   if (parentOfFolder != root.path && parentOfFolder != root.resolvedPath) invalidDocument();
 
-  Descriptor jobFolder(::openat(root.folder.get(), folderName.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  Descriptor jobFolder(
+      ::openat(root.folder.get(), folderName.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!jobFolder.isOpen()) refuseOpen(folder, errno);
   // Non-blocking, so that a FIFO planted under the name cannot stall the open.
-  Descriptor document(::openat(jobFolder.get(), fileName.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  Descriptor document(
+      ::openat(jobFolder.get(), fileName.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
   if (!document.isOpen()) refuseOpen(file, errno);
 
   struct stat status {};

@@ -5,7 +5,8 @@
 namespace vumo {
 
 CLIProjectSummary ProjectInspector::summary(const ProjectManifest& manifest, const ProjectPackage& package) {
-  return {manifest.id.string(), manifest.source.title, package.rootPath.string(), manifest.duration.cliMilliseconds(),
+  return {manifest.id.string(),        manifest.source.title,
+          package.rootPath.string(),   manifest.duration.cliMilliseconds(),
           manifest.webcam.has_value(), manifest.updatedAt};
 }
 
@@ -16,7 +17,8 @@ std::vector<CLISegmentDescription> ProjectInspector::segmentDescriptions(const T
     const auto& source = projection.segment.sourceRange;
     segments.push_back({projection.segment.id.string(), source.start.cliMilliseconds(), source.end().cliMilliseconds(),
                         projection.sequenceRange.start.cliMilliseconds(),
-                        projection.sequenceRange.end().cliMilliseconds(), projection.segment.playbackRate.multiplier()});
+                        projection.sequenceRange.end().cliMilliseconds(),
+                        projection.segment.playbackRate.multiplier()});
   }
   return segments;
 }

@@ -81,12 +81,14 @@ bool tryDisplay(EGLDisplay raw) {
   if (!eglBindAPI(EGL_OPENGL_ES_API)) return false;
   // Surfaceless displays offer no window configs, so ask for an off-screen one, or none at all
   // where the display can make a context without a config.
-  const EGLint configAttributes[] = {EGL_SURFACE_TYPE, EGL_PBUFFER_BIT, EGL_RENDERABLE_TYPE, EGL_OPENGL_ES3_BIT, EGL_NONE};
+  const EGLint configAttributes[] = {EGL_SURFACE_TYPE, EGL_PBUFFER_BIT, EGL_RENDERABLE_TYPE, EGL_OPENGL_ES3_BIT,
+                                     EGL_NONE};
   EGLConfig config = nullptr;
   EGLint count = 0;
   if (!eglChooseConfig(display.get(), configAttributes, &config, 1, &count) || count < 1) {
     const char* extensions = eglQueryString(display.get(), EGL_EXTENSIONS);
-    if (extensions == nullptr || std::string_view(extensions).find("EGL_KHR_no_config_context") == std::string_view::npos)
+    if (extensions == nullptr ||
+        std::string_view(extensions).find("EGL_KHR_no_config_context") == std::string_view::npos)
       return false;
     config = EGL_NO_CONFIG_KHR;
   }
@@ -158,7 +160,8 @@ CLISystemInfoResponse SystemCapabilityInspector::inspect() {
   response.logicalCoreCount = cores > 0 ? cores : 0;
   long pages = ::sysconf(_SC_PHYS_PAGES);
   long pageSize = ::sysconf(_SC_PAGESIZE);
-  response.memoryBytes = pages > 0 && pageSize > 0 ? static_cast<std::uint64_t>(pages) * static_cast<std::uint64_t>(pageSize) : 0;
+  response.memoryBytes =
+      pages > 0 && pageSize > 0 ? static_cast<std::uint64_t>(pages) * static_cast<std::uint64_t>(pageSize) : 0;
   std::string osRelease = readSmallFile("/etc/os-release");
   if (osRelease.empty()) osRelease = readSmallFile("/usr/lib/os-release");
   response.operatingSystemVersion = operatingSystemVersion(osRelease, kernelRelease);
@@ -167,7 +170,8 @@ CLISystemInfoResponse SystemCapabilityInspector::inspect() {
   struct statvfs fs {};
   if (home != nullptr && ::statvfs(home, &fs) == 0)
     response.availableDiskBytes = static_cast<std::int64_t>(fs.f_bavail) * static_cast<std::int64_t>(fs.f_frsize);
-  response.privacyNote = "不包含序列号、硬件UUID、用户名或文件列表；安装工具或下载模型前必须展示具体方案并获得用户明确确认。";
+  response.privacyNote =
+      "不包含序列号、硬件UUID、用户名或文件列表；安装工具或下载模型前必须展示具体方案并获得用户明确确认。";
   return response;
 }
 

@@ -1,11 +1,10 @@
-#include "project/chunk_store.h"
+#include <fmt/format.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 
-#include <fmt/format.h>
-
+#include "project/chunk_store.h"
 #include "project/folder_listing.h"
 #include "shared/error.h"
 #include "shared/files.h"

@@ -30,8 +30,8 @@ class CursorAssetStore {
   std::vector<CursorAssetDescriptor> descriptors() const;
 
   // The `.json` descriptors of a folder (extension case-insensitive), sorted by id. Files that
-  // cannot be read or decoded, or whose id is not a SHA-256 in lower-case hex, are skipped, and a folder that cannot be listed gives nothing:
-  // cursor images are decoration, never a reason to lose a recording.
+  // cannot be read or decoded, or whose id is not a SHA-256 in lower-case hex, are skipped, and a folder that cannot be
+  // listed gives nothing: cursor images are decoration, never a reason to lose a recording.
   static std::vector<CursorAssetDescriptor> readDescriptors(const std::filesystem::path& assetsDirectory);
 
   static std::string assetID(std::string_view pngData, SizeValue logicalSize, PointValue hotSpot);

@@ -1,9 +1,9 @@
 #include "project/folder_listing.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <system_error>
-
-#include <fmt/format.h>
 
 #include "shared/error.h"
 #include "shared/files.h"

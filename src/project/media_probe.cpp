@@ -56,8 +56,7 @@ std::optional<MediaProbeResult> MediaProbe::inspect(const std::filesystem::path&
   std::optional<ProjectTime> longestStream;
   for (unsigned i = 0; i < input.get()->nb_streams; ++i) {
     const AVStream* stream = input.get()->streams[i];
-    if (stream->codecpar->codec_type == AVMEDIA_TYPE_VIDEO &&
-        (stream->disposition & AV_DISPOSITION_ATTACHED_PIC) == 0)
+    if (stream->codecpar->codec_type == AVMEDIA_TYPE_VIDEO && (stream->disposition & AV_DISPOSITION_ATTACHED_PIC) == 0)
       result.hasVideoTrack = true;
     if (auto d = nanosecondsFrom(stream->duration, stream->time_base); d && (!longestStream || *d > *longestStream))
       longestStream = d;

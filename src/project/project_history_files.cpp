@@ -1,8 +1,8 @@
 #include "project/project_history_files.h"
 
-#include <system_error>
-
 #include <fmt/format.h>
+
+#include <system_error>
 
 #include "project/folder_listing.h"
 #include "shared/error.h"

@@ -26,11 +26,13 @@ ProjectTime saturatingSub(ProjectTime a, ProjectTime b) {
 
 }  // namespace
 
-std::vector<ZoomSegment> AutoZoomEngine::makeSegments(const std::vector<MouseEvent>& events, ProjectTime duration) const {
+std::vector<ZoomSegment> AutoZoomEngine::makeSegments(const std::vector<MouseEvent>& events,
+                                                      ProjectTime duration) const {
   std::vector<const MouseEvent*> clicks;
   for (const MouseEvent& event : events)
     if (event.isLeftPress()) clicks.push_back(&event);
-  std::stable_sort(clicks.begin(), clicks.end(), [](const MouseEvent* a, const MouseEvent* b) { return a->time < b->time; });
+  std::stable_sort(clicks.begin(), clicks.end(),
+                   [](const MouseEvent* a, const MouseEvent* b) { return a->time < b->time; });
 
   struct Cluster {
     const MouseEvent* first;

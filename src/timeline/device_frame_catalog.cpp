@@ -9,8 +9,8 @@
 
 #include "shared/document_limits.h"
 #include "shared/files.h"
-#include "shared/resources.h"
 #include "shared/json.h"
+#include "shared/resources.h"
 
 namespace vumo {
 

@@ -13,8 +13,8 @@
 
 #include "shared/error.h"
 #include "shared/geometry.h"
-#include "shared/name_table.h"
 #include "shared/json_fwd.h"
+#include "shared/name_table.h"
 #include "timeline/scene_layout.h"
 
 namespace vumo {

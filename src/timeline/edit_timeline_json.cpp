@@ -4,9 +4,8 @@
 #include <cmath>
 #include <string>
 
-#include "timeline/edit_timeline.h"
-
 #include "shared/json.h"
+#include "timeline/edit_timeline.h"
 #include "timeline/timeline_validator.h"
 
 // The JSON form of the timeline document and its parts. Enumerations are written and read through

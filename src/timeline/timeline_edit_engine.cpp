@@ -50,7 +50,8 @@ const ErrorCatalogue<Case>& TimelineEditError::catalogue() {
   return catalogue;
 }
 
-EditTimeline TimelineEditEngine::split(const EditTimeline& timeline, ProjectTime sequenceTime, ProjectTime sourceDuration) {
+EditTimeline TimelineEditEngine::split(const EditTimeline& timeline, ProjectTime sequenceTime,
+                                       ProjectTime sourceDuration) {
   TimelineMapper mapper(timeline, sourceDuration);
   if (!engine_support::isSnappable(sequenceTime)) throw TimelineEditError(Case::noSegmentAtPlayhead);
   auto mapped = mapper.mappedTimeForSequenceTime(Grid::nearestBoundary(sequenceTime));
@@ -103,7 +104,8 @@ EditTimeline TimelineEditEngine::trimEnd(const EditTimeline& timeline, const Uui
   return finishedWithoutOrphans(std::move(result), sourceDuration);
 }
 
-EditTimeline TimelineEditEngine::rippleDelete(const EditTimeline& timeline, const Uuid& segmentID, ProjectTime sourceDuration) {
+EditTimeline TimelineEditEngine::rippleDelete(const EditTimeline& timeline, const Uuid& segmentID,
+                                              ProjectTime sourceDuration) {
   if (timeline.segments.size() < 2) throw TimelineEditError(Case::cannotDeleteLastSegment);
   EditTimeline result = timeline;
   auto segment = findSegment(result.segments, segmentID);
@@ -112,7 +114,8 @@ EditTimeline TimelineEditEngine::rippleDelete(const EditTimeline& timeline, cons
   return finishedWithoutOrphans(std::move(result), sourceDuration);
 }
 
-EditTimeline TimelineEditEngine::removeSourceRanges(const EditTimeline& timeline, const std::vector<ProjectTimeRange>& ranges,
+EditTimeline TimelineEditEngine::removeSourceRanges(const EditTimeline& timeline,
+                                                    const std::vector<ProjectTimeRange>& ranges,
                                                     ProjectTime sourceDuration) {
   struct Cut {
     ProjectTime start;
@@ -121,8 +124,8 @@ EditTimeline TimelineEditEngine::removeSourceRanges(const EditTimeline& timeline
   std::vector<Cut> cuts;
   for (const ProjectTimeRange& range : ranges) {
     std::int64_t rawEnd;
-    if (!tryAdd(range.start.nanoseconds, range.duration.nanoseconds, rawEnd) || !engine_support::isSnappable(range.start) ||
-        !engine_support::isSnappable({rawEnd}))
+    if (!tryAdd(range.start.nanoseconds, range.duration.nanoseconds, rawEnd) ||
+        !engine_support::isSnappable(range.start) || !engine_support::isSnappable({rawEnd}))
       throw TimelineEditError(Case::invalidRange);
     // Each edge is snapped on its own, so a range between two grid lines vanishes.
     ProjectTime start = Grid::nearestBoundary(range.start);
@@ -153,8 +156,8 @@ EditTimeline TimelineEditEngine::removeSourceRanges(const EditTimeline& timeline
       }
       ProjectTime rightStart = std::max(cut.end, segmentStart);
       if (segmentEnd - rightStart >= Grid::minimumDuration) {
-        pieces.push_back({keptLeft ? Uuid::random() : segment.id, ProjectTimeRange::fromStartEnd(rightStart, segmentEnd),
-                          segment.playbackRate});
+        pieces.push_back({keptLeft ? Uuid::random() : segment.id,
+                          ProjectTimeRange::fromStartEnd(rightStart, segmentEnd), segment.playbackRate});
       }
     }
     segments = std::move(pieces);
@@ -167,8 +170,8 @@ EditTimeline TimelineEditEngine::removeSourceRanges(const EditTimeline& timeline
   return finishedWithoutOrphans(std::move(result), sourceDuration);
 }
 
-std::vector<AnnotationElement> TimelineEditEngine::removingOrphanedAnnotations(const std::vector<AnnotationElement>& annotations,
-                                                                               const TimelineMapper& mapper) {
+std::vector<AnnotationElement> TimelineEditEngine::removingOrphanedAnnotations(
+    const std::vector<AnnotationElement>& annotations, const TimelineMapper& mapper) {
   std::vector<AnnotationElement> survivors;
   survivors.reserve(annotations.size());
   for (const AnnotationElement& annotation : annotations) {

@@ -30,7 +30,6 @@ constexpr ErrorCase<Case> errorCases[] = {
 };
 static_assert(inCaseOrder(errorCases));
 
-
 }  // namespace
 
 TimelineEffectError::TimelineEffectError(Case kind) : Error(catalogue(), kind), kind_(kind) {}

@@ -1,12 +1,13 @@
 #include "timeline/timeline_settings_engine.h"
 
+#include <locale.h>
+
 #include <algorithm>
 #include <cctype>
 #include <clocale>
 #include <cmath>
 #include <cstdlib>
 #include <functional>
-#include <locale.h>
 #include <optional>
 
 #include "timeline/timeline_effect_engine.h"
@@ -54,7 +55,8 @@ std::optional<double> parseNumber(const std::string& text) {
 }
 
 std::optional<bool> parseBoolean(std::string text) {
-  std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  std::transform(text.begin(), text.end(), text.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
   if (text == "true" || text == "on" || text == "1") return true;
   if (text == "false" || text == "off" || text == "0") return false;
   return std::nullopt;
@@ -124,7 +126,8 @@ const std::map<std::string, Applier>& appliers() {
       {"webcam.y", [](const Setting& s) { s.webcam().center.y = s.number(0, 1); }},
       {"webcam.diameter",
        [](const Setting& s) {
-         s.webcam().diameter = s.number(TimelineEffectEngine::minimumWebcamDiameter, TimelineEffectEngine::maximumWebcamDiameter);
+         s.webcam().diameter =
+             s.number(TimelineEffectEngine::minimumWebcamDiameter, TimelineEffectEngine::maximumWebcamDiameter);
        }},
       {"webcam.mirror", [](const Setting& s) { s.webcam().isMirrored = s.boolean(); }},
       {"webcam.aspect-ratio",
@@ -142,12 +145,14 @@ const std::map<std::string, Applier>& appliers() {
       {"audio.system.muted", [](const Setting& s) { s.timeline.audioMix.systemAudio.isMuted = s.boolean(); }},
       {"audio.system.gain-db",
        [](const Setting& s) {
-         s.timeline.audioMix.systemAudio.gainDecibels = s.number(AudioMixEdit::minimumGainDecibels, AudioMixEdit::maximumGainDecibels);
+         s.timeline.audioMix.systemAudio.gainDecibels =
+             s.number(AudioMixEdit::minimumGainDecibels, AudioMixEdit::maximumGainDecibels);
        }},
       {"audio.microphone.muted", [](const Setting& s) { s.timeline.audioMix.microphone.isMuted = s.boolean(); }},
       {"audio.microphone.gain-db",
        [](const Setting& s) {
-         s.timeline.audioMix.microphone.gainDecibels = s.number(AudioMixEdit::minimumGainDecibels, AudioMixEdit::maximumGainDecibels);
+         s.timeline.audioMix.microphone.gainDecibels =
+             s.number(AudioMixEdit::minimumGainDecibels, AudioMixEdit::maximumGainDecibels);
        }},
   };
   return table;
@@ -163,8 +168,8 @@ const ErrorCatalogue<Case>& TimelineSettingsError::catalogue() {
   return catalogue;
 }
 
-EditTimeline TimelineSettingsEngine::applying(const std::map<std::string, std::string>& values, const EditTimeline& timeline,
-                                              bool hasWebcam, PixelSize sourceSize) {
+EditTimeline TimelineSettingsEngine::applying(const std::map<std::string, std::string>& values,
+                                              const EditTimeline& timeline, bool hasWebcam, PixelSize sourceSize) {
   EditTimeline result = timeline;
   const auto& table = appliers();
   // std::map iterates in sorted key order, which is what makes a batch deterministic.
@@ -190,8 +195,8 @@ EditTimeline TimelineSettingsEngine::constrainWebcam(const EditTimeline& timelin
   EditTimeline result = timeline;
   if (result.webcamOverlay) {
     WebcamOverlay& overlay = *result.webcamOverlay;
-    overlay.center = TimelineEffectEngine::constrainedWebcamCenter(overlay.center, overlay.diameter,
-                                                                   outputAspectRatio(result, sourceSize), overlay.aspectRatio);
+    overlay.center = TimelineEffectEngine::constrainedWebcamCenter(
+        overlay.center, overlay.diameter, outputAspectRatio(result, sourceSize), overlay.aspectRatio);
   }
   return result;
 }

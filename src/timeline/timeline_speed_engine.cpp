@@ -57,8 +57,9 @@ std::vector<TimelineSpeedChange> TimelineSpeedEngine::normalized(const std::vect
     if (!lastsAFrame(start, end)) throw TimelineSpeedError(Case::invalidRange);
     snapped.push_back({ProjectTimeRange::fromStartEnd(start, end), change.rate});
   }
-  std::stable_sort(snapped.begin(), snapped.end(),
-                   [](const TimelineSpeedChange& a, const TimelineSpeedChange& b) { return a.range.start < b.range.start; });
+  std::stable_sort(snapped.begin(), snapped.end(), [](const TimelineSpeedChange& a, const TimelineSpeedChange& b) {
+    return a.range.start < b.range.start;
+  });
 
   std::vector<TimelineSpeedChange> merged;
   for (const TimelineSpeedChange& change : snapped) {
@@ -94,9 +95,8 @@ EditTimeline TimelineSpeedEngine::settingRate(TimelinePlaybackRate rate, const P
   auto overlaps = [&](const TimelineSegment& segment) {
     return std::max(lower, segment.sourceRange.start) < std::min(upper, segment.sourceRange.end());
   };
-  bool changesSomething = std::any_of(timeline.segments.begin(), timeline.segments.end(), [&](const TimelineSegment& s) {
-    return overlaps(s) && s.playbackRate != rate;
-  });
+  bool changesSomething = std::any_of(timeline.segments.begin(), timeline.segments.end(),
+                                      [&](const TimelineSegment& s) { return overlaps(s) && s.playbackRate != rate; });
   if (!changesSomething) throw TimelineSpeedError(Case::noChange);
 
   std::vector<TimelineSegment> segments;

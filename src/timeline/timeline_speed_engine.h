@@ -52,12 +52,12 @@ struct TimelineSpeedEngine {
   // Sets `rate` on the source range, which must lie wholly within retained content. Remainders
   // under a frame at either side of a clip are taken along. The first piece of each clip keeps
   // its id.
-  static EditTimeline settingRate(TimelinePlaybackRate rate, const ProjectTimeRange& range, const EditTimeline& timeline,
-                                  ProjectTime sourceDuration);
+  static EditTimeline settingRate(TimelinePlaybackRate rate, const ProjectTimeRange& range,
+                                  const EditTimeline& timeline, ProjectTime sourceDuration);
 
   // Normalises, then sets each change in order. No changes leave the timeline as it is.
-  static TimelineSpeedApplication applying(const std::vector<TimelineSpeedChange>& changes, const EditTimeline& timeline,
-                                           ProjectTime sourceDuration);
+  static TimelineSpeedApplication applying(const std::vector<TimelineSpeedChange>& changes,
+                                           const EditTimeline& timeline, ProjectTime sourceDuration);
 };
 
 }  // namespace vumo

@@ -4,9 +4,9 @@
 
 #include <string>
 
+#include "shared/json.h"
 #include "support/builders.h"
 #include "support/test_support.h"
-#include "shared/json.h"
 
 namespace vumo {
 namespace {

@@ -1,8 +1,8 @@
 // The agent's protocol end to end: the real executable on generated projects.
 
-#include <cstdint>
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <fstream>
 #include <map>
 
@@ -20,7 +20,8 @@ using Bytes = std::map<std::string, std::string>;
 Bytes packageBytes(const std::filesystem::path& root) {
   Bytes bytes;
   for (const auto& entry : std::filesystem::recursive_directory_iterator(root))
-    if (entry.is_regular_file()) bytes[std::filesystem::relative(entry.path(), root).string()] = readFile(entry.path(), SIZE_MAX);
+    if (entry.is_regular_file())
+      bytes[std::filesystem::relative(entry.path(), root).string()] = readFile(entry.path(), SIZE_MAX);
   return bytes;
 }
 
@@ -87,7 +88,8 @@ TEST_F(AgentCommandsTest, ListAndDescribeReadTheProjectInMilliseconds) {
   EXPECT_EQ(description["captionCueCount"], 0);
   EXPECT_FALSE(description.contains("captionLanguage"));
   EXPECT_EQ(description["timelineDigest"], sha256HexOfFile(package_->timelinePath(), SIZE_MAX));
-  EXPECT_EQ(description["tracks"], (Json{{"screen", true}, {"systemAudio", true}, {"microphone", false}, {"webcam", false}}));
+  EXPECT_EQ(description["tracks"],
+            (Json{{"screen", true}, {"systemAudio", true}, {"microphone", false}, {"webcam", false}}));
   EXPECT_GE(description["zooms"].size(), 1u);
 }
 
@@ -255,9 +257,11 @@ TEST_F(EditPlanTest, LinksOversizedAndMalformedPlansAreRefused) {
   EXPECT_EQ(large["message"], "Edit Plan文件超过1MB安全上限。");
 
   writeFileAtomically(planPath, "{\"protocolVersion\": 3");
-  EXPECT_EQ(failure({"edit-plan-preview", prefix(), "--job", job["jobID"]}, 5)["message"], "Edit Plan Schema 1/2/3文档无效。");
+  EXPECT_EQ(failure({"edit-plan-preview", prefix(), "--job", job["jobID"]}, 5)["message"],
+            "Edit Plan Schema 1/2/3文档无效。");
 
-  writePlan(job, Json::parse(R"([{"type": "speed", "range": {"startMilliseconds": 0, "endMilliseconds": 100}, "rate": 9}])"));
+  writePlan(
+      job, Json::parse(R"([{"type": "speed", "range": {"startMilliseconds": 0, "endMilliseconds": 100}, "rate": 9}])"));
   EXPECT_EQ(failure({"edit-plan-preview", prefix(), "--job", job["jobID"]}, 5)["message"],
             "Edit Plan包含无效或互相冲突的操作。");
   EXPECT_EQ(packageBytes(package_->rootPath), *pristine_);
@@ -278,8 +282,9 @@ TEST_F(EditPlanTest, CaptionsAreReadInSourceTimeAndAPlanReportsWhatItsCutsDoToTh
   document.sourceTrack = MediaTrackKind::systemAudio;
   document.language = "zh-Hans";
   document.basedOnTimelineDigest = sha256HexOfFile(package_->timelinePath(), SIZE_MAX);
-  document.cues = {{Uuid::random(), ProjectTime::fromMilliseconds(400), ProjectTime::fromMilliseconds(1200), "开始录制", {}, {}},
-                   {Uuid::random(), ProjectTime::fromMilliseconds(4000), ProjectTime::fromMilliseconds(5000), "打开设置", {}, {}}};
+  document.cues = {
+      {Uuid::random(), ProjectTime::fromMilliseconds(400), ProjectTime::fromMilliseconds(1200), "开始录制", {}, {}},
+      {Uuid::random(), ProjectTime::fromMilliseconds(4000), ProjectTime::fromMilliseconds(5000), "打开设置", {}, {}}};
   store.commitCaptions(document, store.captionsDigest(*package_), store.timelineDigest(*package_), *package_);
 
   ok(confirmation(ok({"cut", prefix(), "--range", "4500,4800", "--source"})));

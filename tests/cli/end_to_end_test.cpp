@@ -31,7 +31,8 @@ TEST_F(EndToEndTest, BareCliPrintsUsageAndCreatesNothing) {
 }
 
 TEST_F(EndToEndTest, VersionLineIgnoresFurtherWordsAndTouchesNoStore) {
-  for (auto words : {std::vector<std::string>{"cli", "version"}, {"cli", "--version", "extra"}, {"cli", "version", "x"}}) {
+  for (auto words :
+       {std::vector<std::string>{"cli", "version"}, {"cli", "--version", "extra"}, {"cli", "version", "x"}}) {
     auto result = vumo(words);
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.standardOutput, "{\"protocolVersion\":1,\"version\":\"0.1.0\"}\n");

@@ -4,12 +4,12 @@
 #include <string>
 #include <tuple>
 
-#include "shared/json.h"
 #include "agent/edit_plan_exchange.h"
 #include "agent/timeline_plan_engine.h"
 #include "captions/caption_document.h"
 #include "cli/cli_models.h"
 #include "project/project_manifest.h"
+#include "shared/json.h"
 #include "shared/media_track_kind.h"
 #include "timeline/device_frame_catalog.h"
 #include "timeline/edit_timeline.h"

@@ -1,7 +1,6 @@
 #include "cli/vumo_cli.h"
 
 #include <gtest/gtest.h>
-
 #include <pthread.h>
 #include <signal.h>
 

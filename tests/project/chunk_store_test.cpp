@@ -1,11 +1,12 @@
-#include <cstdint>
-#include <algorithm>
-#include <thread>
+#include "project/chunk_store.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdint>
+#include <thread>
+
 #include "project/chunk_reader.h"
-#include "project/chunk_store.h"
 #include "shared/error.h"
 #include "shared/files.h"
 #include "support/test_support.h"
@@ -189,8 +190,8 @@ TEST(ChunkStore, GeometryAndCursorShapeStreamsRoundTrip) {
     ChunkStore<CursorShapeSample> c(dir.path() / "cursor", 500, standardChunkMaximumSpan,
                                     [](const CursorShapeSample& s) { return s.time; });
     for (std::uint32_t i = 0; i < 700; ++i) {
-      geometry.push_back({{i * 10'000'000ll}, i + 1, {1.5, 2, 800, 600.25}, {1600, 1200}, {1920, 1080},
-                          {120, 0, 1440, 1080}, 2});
+      geometry.push_back(
+          {{i * 10'000'000ll}, i + 1, {1.5, 2, 800, 600.25}, {1600, 1200}, {1920, 1080}, {120, 0, 1440, 1080}, 2});
       shapes.push_back({{i * 10'000'000ll}, std::string(64, static_cast<char>('a' + i % 6))});
       g.append(geometry.back());
       c.append(shapes.back());

@@ -8,9 +8,9 @@
 #include <string>
 
 #include "shared/files.h"
+#include "shared/json.h"
 #include "support/builders.h"
 #include "support/test_support.h"
-#include "shared/json.h"
 #include "timeline/timeline_validator.h"
 
 namespace vumo {
