@@ -415,6 +415,30 @@ TEST_F(HostileInputTest, NamesThatAreNotUTF8AreShownLossilyAndStayAddressable) {
   EXPECT_EQ(restore.status, 0) << restore.standardError;
 }
 
+TEST_F(HostileInputTest, ATimelineWhoseClipsShareAnIdIsRefusedAndLeftAsItIs) {
+  // Hand-edited: two clips under one id, which no command could address apart.
+  Json timeline = Json::parse(readFile(package().timelinePath(), SIZE_MAX));
+  const std::string sharedID = "5D6C3A51-0F4B-4E0A-9C1B-3E2F1A0B9C8D";
+  auto clip = [&](std::int64_t startSeconds) {
+    return Json{{"id", sharedID},
+                {"sourceRange",
+                 {{"start", {{"nanoseconds", startSeconds * 1'000'000'000}}},
+                  {"duration", {{"nanoseconds", 1'000'000'000}}}}}};
+  };
+  timeline["segments"] = Json::array({clip(0), clip(2)});
+  writeFileAtomically(package().timelinePath(), timeline.dump(2));
+  const std::string tamperedDigest = sha256Hex(readFile(package().timelinePath(), SIZE_MAX));
+  const auto before = fingerprint(package().rootPath);
+  for (const std::vector<std::string>& words :
+       {std::vector<std::string>{"describe", prefix()},
+        {"cut", prefix(), "--range", "100,200", "--apply", "--expect", tamperedDigest}}) {
+    SCOPED_TRACE(words.front());
+    Outcome outcome = run(vumo(words));
+    expectRefusal(outcome, 5, "validation");
+  }
+  EXPECT_EQ(fingerprint(package().rootPath), before);
+}
+
 TEST_F(HostileInputTest, ArgumentsThatAreNotUTF8AreUsageErrors) {
   const std::vector<std::vector<std::string>> commands = {
       {"describe", "\xff"},

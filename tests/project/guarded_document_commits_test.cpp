@@ -68,19 +68,19 @@ TEST(ProjectStoreCommit, AConflictLeavesEveryByteUntouched) {
     EXPECT_EQ(e.expectedDigest(), stale);
     EXPECT_EQ(e.actualDigest(), f.store.timelineDigest(package));
   }
-  EXPECT_EQ(storeErrorOf([&] { f.store.writeTimeline(timelineWithBlur(0.2), stale, package); }),
+  EXPECT_EQ(testing::thrownCase<ProjectStoreError>([&] { f.store.writeTimeline(timelineWithBlur(0.2), stale, package); }),
             ProjectStoreError::Case::timelineDigestConflict);
-  EXPECT_EQ(storeErrorOf([&] {
+  EXPECT_EQ(testing::thrownCase<ProjectStoreError>([&] {
               f.store.commitTimeline(timelineWithBlur(0.2), f.store.timelineDigest(package),
                                      std::string(ProjectStore::zeroByteDigest), package);
             }),
             ProjectStoreError::Case::captionsDigestConflict);
-  EXPECT_EQ(storeErrorOf([&] {
+  EXPECT_EQ(testing::thrownCase<ProjectStoreError>([&] {
               f.store.commitCaptions(captionsWithCue("x"), ProjectStore::zeroByteDigest,
                                      f.store.timelineDigest(package), package);
             }),
             ProjectStoreError::Case::captionsDigestConflict);
-  EXPECT_EQ(storeErrorOf(
+  EXPECT_EQ(testing::thrownCase<ProjectStoreError>(
                 [&] { f.store.commitCaptions(captionsWithCue("x"), f.store.captionsDigest(package), stale, package); }),
             ProjectStoreError::Case::timelineDigestConflict);
   EXPECT_EQ(folderContents(package.rootPath), before);
@@ -92,7 +92,7 @@ TEST(ProjectStoreCommit, WhiteSpaceAloneChangesTheDigestAndMakesAPreviewStale) {
   std::string digest = f.store.timelineDigest(package);
   writeFileAtomically(package.timelinePath(), readFile(package.timelinePath(), SIZE_MAX) + "\n");
   EXPECT_NE(f.store.timelineDigest(package), digest);
-  EXPECT_EQ(storeErrorOf([&] { f.store.commitTimeline(timelineWithBlur(0.3), digest, std::nullopt, package); }),
+  EXPECT_EQ(testing::thrownCase<ProjectStoreError>([&] { f.store.commitTimeline(timelineWithBlur(0.3), digest, std::nullopt, package); }),
             ProjectStoreError::Case::timelineDigestConflict);
 }
 
@@ -113,7 +113,7 @@ TEST(ProjectStoreCommit, ALockThatCannotBeCreatedIsReportedAsSuch) {
   auto package = f.finishedProject();
   std::string digest = f.store.timelineDigest(package);
   fs::remove_all(package.editsDirectory());
-  EXPECT_EQ(storeErrorOf([&] { f.store.commitTimeline(timelineWithBlur(0.3), digest, std::nullopt, package); }),
+  EXPECT_EQ(testing::thrownCase<ProjectStoreError>([&] { f.store.commitTimeline(timelineWithBlur(0.3), digest, std::nullopt, package); }),
             ProjectStoreError::Case::timelineLockUnavailable);
 }
 
@@ -151,9 +151,9 @@ TEST(ProjectStoreHistory, TwentyOneCommitsKeepTheTwentyNewestReplacedStates) {
   EXPECT_EQ(readFile(history[19].path, SIZE_MAX), replaced[1]);
   EXPECT_DOUBLE_EQ(f.store.historyTimeline(0, package, tenSeconds, false).motionBlurAmount, 0.20);
   EXPECT_DOUBLE_EQ(f.store.historyTimeline(18, package, tenSeconds, false).motionBlurAmount, 0.02);
-  EXPECT_EQ(storeErrorOf([&] { f.store.historyTimeline(20, package, tenSeconds, false); }),
+  EXPECT_EQ(testing::thrownCase<ProjectStoreError>([&] { f.store.historyTimeline(20, package, tenSeconds, false); }),
             ProjectStoreError::Case::historyNotFound);
-  EXPECT_EQ(storeErrorOf([&] { f.store.historyTimeline(-1, package, tenSeconds, false); }),
+  EXPECT_EQ(testing::thrownCase<ProjectStoreError>([&] { f.store.historyTimeline(-1, package, tenSeconds, false); }),
             ProjectStoreError::Case::historyNotFound);
 }
 
@@ -245,7 +245,7 @@ TEST(ProjectStoreCaptions, TheFirstCaptionsCommitFromTheEmptyDigestAndThenHistor
   std::string third = f.store.writeCaptions(captionsWithCue("again"), second, package);
   EXPECT_EQ(third, f.store.captionsDigest(package));
   EXPECT_EQ(ProjectHistoryFiles::list(package.captionsHistoryDirectory()).size(), 1u);
-  EXPECT_EQ(storeErrorOf([&] { f.store.writeCaptions(captionsWithCue("late"), second, package); }),
+  EXPECT_EQ(testing::thrownCase<ProjectStoreError>([&] { f.store.writeCaptions(captionsWithCue("late"), second, package); }),
             ProjectStoreError::Case::captionsDigestConflict);
 
   for (int i = 0; i < 22; ++i)
@@ -347,7 +347,7 @@ TEST(ProjectStoreStaleTemporaries, AGuardedWriterRemovesWhatKilledWritersOfItsDo
   };
 
   // A writer that fails its check changes nothing, these files included.
-  EXPECT_EQ(storeErrorOf([&] { f.store.commitTimeline(timelineWithBlur(0.3), stale, std::nullopt, package); }),
+  EXPECT_EQ(testing::thrownCase<ProjectStoreError>([&] { f.store.commitTimeline(timelineWithBlur(0.3), stale, std::nullopt, package); }),
             ProjectStoreError::Case::timelineDigestConflict);
   present(Goes::never);
   f.store.commitTimeline(timelineWithBlur(0.3), f.store.timelineDigest(package), std::nullopt, package);

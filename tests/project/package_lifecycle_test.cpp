@@ -161,7 +161,7 @@ TEST(ProjectStoreAssets, CanvasBackgroundsNeedADigestNameAndAreWrittenOnce) {
         payload(id, "assets/backgrounds/" + id + ".mov", K::image),
         payload(id, "assets/backgrounds/" + id + ".jpg", K::video),
         payload("../x", "assets/backgrounds/../x.jpg", K::image), payload("", "assets/backgrounds/.jpg", K::image)})
-    EXPECT_EQ(storeErrorOf([&] { f.store.writeCanvasBackgroundAsset(bad, package); }),
+    EXPECT_EQ(testing::thrownCase<ProjectStoreError>([&] { f.store.writeCanvasBackgroundAsset(bad, package); }),
               ProjectStoreError::Case::invalidProjectLocation);
 
   f.store.writeCanvasBackgroundAsset(payload(id, "assets/backgrounds/" + id + ".jpg", K::image), package);

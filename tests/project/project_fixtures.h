@@ -62,17 +62,6 @@ inline std::string documentAtSchema(int schema) {
   return j.dump(1);
 }
 
-template <class F>
-ProjectStoreError::Case storeErrorOf(F&& f) {
-  try {
-    f();
-  } catch (const ProjectStoreError& e) {
-    return e.kind();
-  }
-  ADD_FAILURE() << "no ProjectStoreError";
-  return ProjectStoreError::Case::projectNotFound;
-}
-
 inline std::set<std::string> entryNames(const std::filesystem::path& folder) {
   std::set<std::string> names;
   for (const auto& e : std::filesystem::directory_iterator(folder)) names.insert(e.path().filename().string());

@@ -57,7 +57,7 @@ TEST(ProjectStoreLookup, PrefixesMatchTheIdTextCaseInsensitively) {
     if (c.match) {
       EXPECT_EQ(f.store.project(c.prefix), packages[*c.match]) << c.prefix;
     } else {
-      EXPECT_EQ(storeErrorOf([&] { f.store.project(c.prefix); }), *c.error) << c.prefix;
+      EXPECT_EQ(testing::thrownCase<ProjectStoreError>([&] { f.store.project(c.prefix); }), *c.error) << c.prefix;
     }
   }
   try {
@@ -89,8 +89,8 @@ TEST(ProjectStoreLookup, OnlyFinishedProjectsWithMediaAndAReadableManifestAreLis
   EXPECT_EQ(recent[0].duration, tenSeconds);
   EXPECT_FALSE(recent[0].hasWebcam);
   auto id = f.store.readManifest(noMedia).id.string();
-  EXPECT_EQ(storeErrorOf([&] { f.store.project(id); }), ProjectStoreError::Case::projectNotFound);
-  EXPECT_EQ(storeErrorOf([&] { f.store.project(recording.manifest.id.string()); }),
+  EXPECT_EQ(testing::thrownCase<ProjectStoreError>([&] { f.store.project(id); }), ProjectStoreError::Case::projectNotFound);
+  EXPECT_EQ(testing::thrownCase<ProjectStoreError>([&] { f.store.project(recording.manifest.id.string()); }),
             ProjectStoreError::Case::projectNotFound);
 }
 
@@ -159,7 +159,7 @@ TEST(ProjectStoreRemoval, DiscardingAnUnfinishedRecordingHidesItFirstAndCleanupF
   fs::path link = f.store.projectsDirectoryPath() / (Uuid::random().string() + ".vumo.tmp");
   fs::create_directory_symlink(outside, link);
   for (const fs::path& bad : {finished.rootPath, notUuid, outside, link})
-    EXPECT_EQ(storeErrorOf([&] { f.store.discardRecording(ProjectPackage{bad}); }),
+    EXPECT_EQ(testing::thrownCase<ProjectStoreError>([&] { f.store.discardRecording(ProjectPackage{bad}); }),
               ProjectStoreError::Case::invalidProjectLocation)
         << bad;
   EXPECT_TRUE(fs::exists(outside));
