@@ -113,8 +113,8 @@ int main(int argc, char** argv) {
       {{"vumo cli list (empty library) / true", "BM_VumoListEmptyLibrary", "BM_True", {}, 1.0, Clock::wall},
        {"vumo cli version / true", "BM_VumoVersion", "BM_True", {}, 1.0, Clock::wall},
        {"list beyond version / true", "BM_VumoListEmptyLibrary", "BM_True", "BM_VumoVersion", 1.0, Clock::wall},
-       {"describe (small project) beyond version / true", "BM_VumoDescribeSmallProject", "BM_True",
-        "BM_VumoVersion", 1.0, Clock::wall}});
+       {"describe (small project) beyond version / true", "BM_VumoDescribeSmallProject", "BM_True", "BM_VumoVersion",
+        1.0, Clock::wall}});
   std::error_code ignored;
   std::filesystem::remove_all(dataHome, ignored);
   return status;

@@ -5,9 +5,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -31,107 +29,15 @@
 #include "shared/json.h"
 #include "support/test_support.h"
 
-extern char** environ;
-
 namespace vumo {
 namespace {
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
-// ---- Running the executable ----------------------------------------------------------------------
-
-struct Outcome {
-  int status = -1;  // exit status, or 128 + signal
-  bool timedOut = false;
-  std::string standardOutput;
-  std::string standardError;
-};
-
-struct Launch {
-  std::vector<std::string> words;  // words[0] is the program's path
-  std::map<std::string, std::string> environment;
-  enum class Output { pipe, file, closedPipe } output = Output::pipe;
-  fs::path outputFile;  // with Output::file
-  // Long enough for any command on a loaded machine; a command that hangs fails instead of
-  // hanging the suite.
-  std::chrono::milliseconds timeout = 20s;
-  std::function<void(pid_t)> whileRunning;  // called once the process has started
-};
-
-// Appends what one read gives; false at the end of the stream.
-bool readSome(int fd, std::string& out) {
-  char buffer[65536];
-  ssize_t n = ::read(fd, buffer, sizeof buffer);
-  if (n < 0 && errno == EINTR) return true;
-  if (n > 0) out.append(buffer, static_cast<std::size_t>(n));
-  return n > 0;
-}
-
-Outcome run(const Launch& launch) {
-  std::vector<char*> argv;
-  for (const auto& word : launch.words) argv.push_back(const_cast<char*>(word.c_str()));
-  argv.push_back(nullptr);
-  std::map<std::string, std::string> merged;
-  for (char** e = environ; *e != nullptr; ++e) {
-    std::string entry = *e;
-    if (auto eq = entry.find('='); eq != std::string::npos) merged[entry.substr(0, eq)] = entry.substr(eq + 1);
-  }
-  for (const auto& [key, value] : launch.environment) merged[key] = value;
-  std::vector<std::string> entries;
-  for (const auto& [key, value] : merged) entries.push_back(key + "=" + value);
-  std::vector<char*> envp;
-  for (auto& entry : entries) envp.push_back(entry.data());
-  envp.push_back(nullptr);
-
-  int out[2], err[2];
-  if (::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  if (launch.output == Launch::Output::file)
-    posix_spawn_file_actions_addopen(&actions, 1, launch.outputFile.c_str(), O_WRONLY, 0);
-  else
-    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-  posix_spawn_file_actions_adddup2(&actions, err[1], 2);
-  // A reader that has gone away before the first byte is written.
-  if (launch.output == Launch::Output::closedPipe) ::close(out[0]);
-  pid_t pid = 0;
-  int rc = ::posix_spawn(&pid, launch.words.front().c_str(), &actions, nullptr, argv.data(), envp.data());
-  posix_spawn_file_actions_destroy(&actions);
-  ::close(out[1]);
-  ::close(err[1]);
-  if (rc != 0) throw std::runtime_error(std::string("spawn failed: ") + std::strerror(rc));
-  if (launch.whileRunning) launch.whileRunning(pid);
-
-  Outcome outcome;
-  const auto deadline = std::chrono::steady_clock::now() + launch.timeout;
-  std::vector<pollfd> open = {{err[0], POLLIN, 0}};
-  if (launch.output != Launch::Output::closedPipe) open.push_back({out[0], POLLIN, 0});
-  while (!open.empty()) {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-    if (left <= 0ms) {
-      outcome.timedOut = true;
-      ::kill(pid, SIGKILL);
-      break;
-    }
-    if (::poll(open.data(), open.size(), static_cast<int>(left.count())) <= 0) continue;
-    for (auto it = open.begin(); it != open.end();) {
-      std::string& target = it->fd == err[0] ? outcome.standardError : outcome.standardOutput;
-      if (it->revents != 0 && !readSome(it->fd, target)) {
-        ::close(it->fd);
-        it = open.erase(it);
-      } else {
-        ++it;
-      }
-    }
-  }
-  for (const auto& still : open) ::close(still.fd);
-  int status = 0;
-  ::waitpid(pid, &status, 0);
-  outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  return outcome;
-}
+using Outcome = testing::ProcessResult;
+using Launch = testing::ProcessLaunch;
+using testing::run;
 
 // ---- What a package holds ------------------------------------------------------------------------
 
@@ -420,10 +326,10 @@ TEST_F(HostileInputTest, ATimelineWhoseClipsShareAnIdIsRefusedAndLeftAsItIs) {
   Json timeline = Json::parse(readFile(package().timelinePath(), SIZE_MAX));
   const std::string sharedID = "5D6C3A51-0F4B-4E0A-9C1B-3E2F1A0B9C8D";
   auto clip = [&](std::int64_t startSeconds) {
-    return Json{{"id", sharedID},
-                {"sourceRange",
-                 {{"start", {{"nanoseconds", startSeconds * 1'000'000'000}}},
-                  {"duration", {{"nanoseconds", 1'000'000'000}}}}}};
+    return Json{
+        {"id", sharedID},
+        {"sourceRange",
+         {{"start", {{"nanoseconds", startSeconds * 1'000'000'000}}}, {"duration", {{"nanoseconds", 1'000'000'000}}}}}};
   };
   timeline["segments"] = Json::array({clip(0), clip(2)});
   writeFileAtomically(package().timelinePath(), timeline.dump(2));

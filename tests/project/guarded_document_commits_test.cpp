@@ -68,8 +68,9 @@ TEST(ProjectStoreCommit, AConflictLeavesEveryByteUntouched) {
     EXPECT_EQ(e.expectedDigest(), stale);
     EXPECT_EQ(e.actualDigest(), f.store.timelineDigest(package));
   }
-  EXPECT_EQ(testing::thrownCase<ProjectStoreError>([&] { f.store.writeTimeline(timelineWithBlur(0.2), stale, package); }),
-            ProjectStoreError::Case::timelineDigestConflict);
+  EXPECT_EQ(
+      testing::thrownCase<ProjectStoreError>([&] { f.store.writeTimeline(timelineWithBlur(0.2), stale, package); }),
+      ProjectStoreError::Case::timelineDigestConflict);
   EXPECT_EQ(testing::thrownCase<ProjectStoreError>([&] {
               f.store.commitTimeline(timelineWithBlur(0.2), f.store.timelineDigest(package),
                                      std::string(ProjectStore::zeroByteDigest), package);
@@ -92,7 +93,8 @@ TEST(ProjectStoreCommit, WhiteSpaceAloneChangesTheDigestAndMakesAPreviewStale) {
   std::string digest = f.store.timelineDigest(package);
   writeFileAtomically(package.timelinePath(), readFile(package.timelinePath(), SIZE_MAX) + "\n");
   EXPECT_NE(f.store.timelineDigest(package), digest);
-  EXPECT_EQ(testing::thrownCase<ProjectStoreError>([&] { f.store.commitTimeline(timelineWithBlur(0.3), digest, std::nullopt, package); }),
+  EXPECT_EQ(testing::thrownCase<ProjectStoreError>(
+                [&] { f.store.commitTimeline(timelineWithBlur(0.3), digest, std::nullopt, package); }),
             ProjectStoreError::Case::timelineDigestConflict);
 }
 
@@ -113,7 +115,8 @@ TEST(ProjectStoreCommit, ALockThatCannotBeCreatedIsReportedAsSuch) {
   auto package = f.finishedProject();
   std::string digest = f.store.timelineDigest(package);
   fs::remove_all(package.editsDirectory());
-  EXPECT_EQ(testing::thrownCase<ProjectStoreError>([&] { f.store.commitTimeline(timelineWithBlur(0.3), digest, std::nullopt, package); }),
+  EXPECT_EQ(testing::thrownCase<ProjectStoreError>(
+                [&] { f.store.commitTimeline(timelineWithBlur(0.3), digest, std::nullopt, package); }),
             ProjectStoreError::Case::timelineLockUnavailable);
 }
 
@@ -245,8 +248,9 @@ TEST(ProjectStoreCaptions, TheFirstCaptionsCommitFromTheEmptyDigestAndThenHistor
   std::string third = f.store.writeCaptions(captionsWithCue("again"), second, package);
   EXPECT_EQ(third, f.store.captionsDigest(package));
   EXPECT_EQ(ProjectHistoryFiles::list(package.captionsHistoryDirectory()).size(), 1u);
-  EXPECT_EQ(testing::thrownCase<ProjectStoreError>([&] { f.store.writeCaptions(captionsWithCue("late"), second, package); }),
-            ProjectStoreError::Case::captionsDigestConflict);
+  EXPECT_EQ(
+      testing::thrownCase<ProjectStoreError>([&] { f.store.writeCaptions(captionsWithCue("late"), second, package); }),
+      ProjectStoreError::Case::captionsDigestConflict);
 
   for (int i = 0; i < 22; ++i)
     f.store.commitCaptions(captionsWithCue("n" + std::to_string(i)), f.store.captionsDigest(package), timeline,
@@ -347,7 +351,8 @@ TEST(ProjectStoreStaleTemporaries, AGuardedWriterRemovesWhatKilledWritersOfItsDo
   };
 
   // A writer that fails its check changes nothing, these files included.
-  EXPECT_EQ(testing::thrownCase<ProjectStoreError>([&] { f.store.commitTimeline(timelineWithBlur(0.3), stale, std::nullopt, package); }),
+  EXPECT_EQ(testing::thrownCase<ProjectStoreError>(
+                [&] { f.store.commitTimeline(timelineWithBlur(0.3), stale, std::nullopt, package); }),
             ProjectStoreError::Case::timelineDigestConflict);
   present(Goes::never);
   f.store.commitTimeline(timelineWithBlur(0.3), f.store.timelineDigest(package), std::nullopt, package);

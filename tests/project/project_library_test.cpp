@@ -89,7 +89,8 @@ TEST(ProjectStoreLookup, OnlyFinishedProjectsWithMediaAndAReadableManifestAreLis
   EXPECT_EQ(recent[0].duration, tenSeconds);
   EXPECT_FALSE(recent[0].hasWebcam);
   auto id = f.store.readManifest(noMedia).id.string();
-  EXPECT_EQ(testing::thrownCase<ProjectStoreError>([&] { f.store.project(id); }), ProjectStoreError::Case::projectNotFound);
+  EXPECT_EQ(testing::thrownCase<ProjectStoreError>([&] { f.store.project(id); }),
+            ProjectStoreError::Case::projectNotFound);
   EXPECT_EQ(testing::thrownCase<ProjectStoreError>([&] { f.store.project(recording.manifest.id.string()); }),
             ProjectStoreError::Case::projectNotFound);
 }

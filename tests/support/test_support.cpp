@@ -1,6 +1,8 @@
 #include "support/test_support.h"
 
 #include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -8,7 +10,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
-#include <thread>
 
 #include "shared/files.h"
 
@@ -50,19 +51,92 @@ std::filesystem::path vumoBinary() {
 }
 
 namespace {
-std::string drain(int fd) {
-  std::string out;
+// Appends what one read gives; false at the end of the stream.
+bool readSome(int fd, std::string& out) {
   char buffer[65536];
-  for (;;) {
-    ssize_t n = ::read(fd, buffer, sizeof buffer);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) break;
-    out.append(buffer, static_cast<std::size_t>(n));
-  }
-  ::close(fd);
-  return out;
+  ssize_t n = ::read(fd, buffer, sizeof buffer);
+  if (n < 0 && errno == EINTR) return true;
+  if (n > 0) out.append(buffer, static_cast<std::size_t>(n));
+  return n > 0;
 }
 }  // namespace
+
+ProcessResult run(const ProcessLaunch& launch) {
+  std::vector<std::string> words = launch.words;
+  std::vector<char*> argv;
+  for (auto& word : words) argv.push_back(word.data());
+  argv.push_back(nullptr);
+  std::map<std::string, std::string> merged;
+  for (char** e = environ; *e != nullptr; ++e) {
+    std::string entry = *e;
+    if (auto eq = entry.find('='); eq != std::string::npos) merged[entry.substr(0, eq)] = entry.substr(eq + 1);
+  }
+  for (const auto& [key, value] : launch.environment) {
+    if (value)
+      merged[key] = *value;
+    else
+      merged.erase(key);
+  }
+  std::vector<std::string> entries;
+  for (const auto& [key, value] : merged) entries.push_back(key + "=" + value);
+  std::vector<char*> envp;
+  for (auto& entry : entries) envp.push_back(entry.data());
+  envp.push_back(nullptr);
+
+  using Output = ProcessLaunch::Output;
+  int out[2], err[2];
+  if (::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+  if (launch.output == Output::file)
+    posix_spawn_file_actions_addopen(&actions, 1, launch.outputFile.c_str(), O_WRONLY, 0);
+  else
+    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
+  posix_spawn_file_actions_adddup2(&actions, err[1], 2);
+  if (!launch.workingDirectory.empty()) posix_spawn_file_actions_addchdir_np(&actions, launch.workingDirectory.c_str());
+  if (launch.output == Output::closedPipe) ::close(out[0]);
+  pid_t pid = 0;
+  int rc = ::posix_spawn(&pid, words.front().c_str(), &actions, nullptr, argv.data(), envp.data());
+  posix_spawn_file_actions_destroy(&actions);
+  ::close(out[1]);
+  ::close(err[1]);
+  if (rc != 0) {
+    ::close(err[0]);
+    if (launch.output != Output::closedPipe) ::close(out[0]);
+    throw std::runtime_error(std::string("spawn failed: ") + std::strerror(rc));
+  }
+  if (launch.whileRunning) launch.whileRunning(pid);
+
+  ProcessResult result;
+  const auto deadline = std::chrono::steady_clock::now() + launch.timeout;
+  std::vector<pollfd> open = {{err[0], POLLIN, 0}};
+  if (launch.output != Output::closedPipe) open.push_back({out[0], POLLIN, 0});
+  while (!open.empty()) {
+    auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()).count();
+    if (left <= 0) {
+      result.timedOut = true;
+      ::kill(pid, SIGKILL);
+      break;
+    }
+    if (::poll(open.data(), open.size(), static_cast<int>(left)) <= 0) continue;
+    for (auto it = open.begin(); it != open.end();) {
+      std::string& target = it->fd == err[0] ? result.standardError : result.standardOutput;
+      if (it->revents != 0 && !readSome(it->fd, target)) {
+        ::close(it->fd);
+        it = open.erase(it);
+      } else {
+        ++it;
+      }
+    }
+  }
+  for (const auto& still : open) ::close(still.fd);
+  int status = 0;
+  ::waitpid(pid, &status, 0);
+  result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  return result;
+}
 
 ProcessResult runVumo(const std::vector<std::string>& arguments,
                       const std::map<std::string, std::string>& environment) {
@@ -72,53 +146,12 @@ ProcessResult runVumo(const std::vector<std::string>& arguments,
 ProcessResult runProgram(const std::filesystem::path& program, const std::vector<std::string>& arguments,
                          const std::map<std::string, std::optional<std::string>>& environment,
                          const std::filesystem::path& workingDirectory) {
-  std::string binary = program.string();
-  std::vector<std::string> words{binary};
-  words.insert(words.end(), arguments.begin(), arguments.end());
-  std::vector<char*> argv;
-  for (auto& w : words) argv.push_back(w.data());
-  argv.push_back(nullptr);
-
-  std::map<std::string, std::string> merged;
-  for (char** e = environ; *e != nullptr; ++e) {
-    std::string entry = *e;
-    auto eq = entry.find('=');
-    if (eq != std::string::npos) merged[entry.substr(0, eq)] = entry.substr(eq + 1);
-  }
-  for (auto& [k, v] : environment) {
-    if (v)
-      merged[k] = *v;
-    else
-      merged.erase(k);
-  }
-  std::vector<std::string> envStrings;
-  for (auto& [k, v] : merged) envStrings.push_back(k + "=" + v);
-  std::vector<char*> envp;
-  for (auto& e : envStrings) envp.push_back(e.data());
-  envp.push_back(nullptr);
-
-  int out[2], err[2];
-  if (::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-  posix_spawn_file_actions_adddup2(&actions, err[1], 2);
-  if (!workingDirectory.empty()) posix_spawn_file_actions_addchdir_np(&actions, workingDirectory.c_str());
-  pid_t pid;
-  int rc = ::posix_spawn(&pid, binary.c_str(), &actions, nullptr, argv.data(), envp.data());
-  posix_spawn_file_actions_destroy(&actions);
-  ::close(out[1]);
-  ::close(err[1]);
-  if (rc != 0) throw std::runtime_error(std::string("spawn failed: ") + std::strerror(rc));
-  ProcessResult result;
-  std::thread errReader([&] { result.standardError = drain(err[0]); });
-  result.standardOutput = drain(out[0]);
-  errReader.join();
-  int status = 0;
-  ::waitpid(pid, &status, 0);
-  result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  return result;
+  ProcessLaunch launch;
+  launch.words = {program.string()};
+  launch.words.insert(launch.words.end(), arguments.begin(), arguments.end());
+  launch.environment = environment;
+  launch.workingDirectory = workingDirectory;
+  return run(launch);
 }
 
 }  // namespace vumo::testing

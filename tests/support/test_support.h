@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -50,13 +52,30 @@ class ScopedDataHome {
 };
 
 struct ProcessResult {
-  int status = -1;  // exit status, or 128 + signal
+  int status = -1;        // exit status, or 128 + signal
+  bool timedOut = false;  // killed after ProcessLaunch::timeout
   std::string standardOutput;
   std::string standardError;
 };
 
-// Runs a program with the given arguments and extra environment (a variable given none is removed)
-// in the given working folder (by default the test's own); standard input is empty.
+// One program run: the one way tests start processes. Standard input is empty; a run that outlives
+// its timeout is killed, so a hang fails the test instead of hanging the suite.
+struct ProcessLaunch {
+  std::vector<std::string> words;  // words[0] is the program's path
+  // Added to this process's environment; a variable given none is removed.
+  std::map<std::string, std::optional<std::string>> environment;
+  std::filesystem::path workingDirectory;  // by default the test's own
+  // Where standard output goes: a pipe that is read, an existing file, or a pipe whose reader has
+  // gone before the first byte is written.
+  enum class Output { pipe, file, closedPipe } output = Output::pipe;
+  std::filesystem::path outputFile;  // with Output::file
+  std::chrono::milliseconds timeout = std::chrono::seconds(60);
+  std::function<void(int pid)> whileRunning;  // called once the process has started
+};
+
+ProcessResult run(const ProcessLaunch& launch);
+
+// Runs a program with the given arguments and extra environment in the given working folder.
 ProcessResult runProgram(const std::filesystem::path& program, const std::vector<std::string>& arguments,
                          const std::map<std::string, std::optional<std::string>>& environment = {},
                          const std::filesystem::path& workingDirectory = {});
