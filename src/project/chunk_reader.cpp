@@ -1,14 +1,9 @@
 #include "project/chunk_reader.h"
 
-#include <fcntl.h>
-#include <fmt/format.h>
 #include <simdjson.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -265,20 +260,6 @@ constexpr std::size_t minimumEncodedBytes<CursorShapeSample>() {
   return 38;
 }
 
-class FileDescriptor {
- public:
-  explicit FileDescriptor(int fd) : fd_(fd) {}
-  ~FileDescriptor() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  FileDescriptor(const FileDescriptor&) = delete;
-  FileDescriptor& operator=(const FileDescriptor&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
-
 }  // namespace
 
 struct ChunkReader::State {
@@ -302,49 +283,23 @@ struct ChunkReader::State {
     capacity *= 2;
   }
 
-  // As shared/files.h's readFile, into the padded buffer: regular files only, opened without
-  // blocking (a FIFO under a chunk's name cannot stall the load) and within the chunk limit.
+  // As shared/files.h's readFile (regular files only, never blocking, within the chunk limit),
+  // into the padded buffer.
   std::string_view readFile(const std::filesystem::path& path) {
-    // As shared readFile: only a regular file within the chunk limit, opened without following a
-    // link or waiting on a FIFO, so a planted file can neither hang nor exhaust the reader.
-    auto failure = [&](const std::string& why) {
-      return FileError(fmt::format("Could not read {}: {}", path.string(), why));
-    };
-    FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC));
-    struct stat info {};
-    if (fd.get() < 0 || ::fstat(fd.get(), &info) != 0) {
-      int error = errno;
-      if (error == ELOOP) throw failure("it is a symbolic link");
-      if (isSystemFailure(error))
-        throw SystemFileError(fmt::format("Could not read {}: {}", path.string(), std::strerror(error)));
-      throw failure(std::strerror(error));
-    }
-    if (!S_ISREG(info.st_mode)) throw failure("not a regular file");
-    const auto limit = documentLimits::chunkBytes;
-    if (static_cast<std::uintmax_t>(info.st_size) > limit)
-      throw failure(fmt::format("{} bytes is more than the {} allowed", info.st_size, limit));
+    RegularFileReader file(path, documentLimits::chunkBytes);
     // One byte more than the size, so end of file is seen without growing.
-    reserve(static_cast<std::size_t>(info.st_size) + 1);
+    reserve(file.sizeAtOpening() + 1);
     std::size_t length = 0;
     for (;;) {
       std::size_t room = capacity - simdjson::SIMDJSON_PADDING - length;
       if (room == 0) {
-        if (length > limit) throw failure(fmt::format("more than the {} bytes allowed", limit));
-        grow(length);  // the file grew since fstat
+        grow(length);  // the file grew since it was opened
         continue;
       }
-      ssize_t n = ::read(fd.get(), buffer.get() + length, room);
-      if (n < 0) {
-        if (errno == EINTR) continue;
-        throw failure(std::strerror(errno));
-      }
+      std::size_t n = file.read(buffer.get() + length, room);
       if (n == 0) break;
-      length += static_cast<std::size_t>(n);
-      // The file may grow while it is read.
-      if (length > limit)
-        throw FileError(fmt::format("Could not read {}: more than the {} bytes allowed", path.string(), limit));
+      length += n;
     }
-    if (length > limit) throw failure(fmt::format("more than the {} bytes allowed", limit));
     std::memset(buffer.get() + length, 0, simdjson::SIMDJSON_PADDING);
     return {buffer.get(), length};
   }

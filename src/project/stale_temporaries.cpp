@@ -1,24 +1,13 @@
 #include "project/stale_temporaries.h"
 
-#include <algorithm>
-#include <cctype>
 #include <string>
 #include <system_error>
+
+#include "shared/files.h"
 
 namespace vumo {
 
 namespace fs = std::filesystem;
-
-std::optional<std::string_view> atomicWriteTarget(std::string_view fileName) {
-  constexpr std::size_t suffixLength = 7;  // ".XXXXXX"
-  if (fileName.size() < 1 + 1 + suffixLength || fileName.front() != '.') return std::nullopt;
-  std::string_view suffix = fileName.substr(fileName.size() - suffixLength);
-  bool random = suffix.front() == '.' && std::all_of(suffix.begin() + 1, suffix.end(), [](char c) {
-                  return std::isalnum(static_cast<unsigned char>(c)) != 0;
-                });
-  if (!random) return std::nullopt;
-  return fileName.substr(1, fileName.size() - 1 - suffixLength);
-}
 
 std::size_t removeStaleTemporaries(const fs::path& folder, const std::function<bool(std::string_view)>& owns,
                                    std::chrono::seconds minimumAge) {

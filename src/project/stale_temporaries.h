@@ -4,22 +4,16 @@
 #include <cstddef>
 #include <filesystem>
 #include <functional>
-#include <optional>
 #include <string_view>
 
 namespace vumo {
 
-// writeFileAtomically stages a document `<name>` as `.<name>.XXXXXX` (six letters or digits) in
-// the document's folder. A writer killed before its rename leaves that file behind for good, so
-// the writers that own a document clear up after the ones that died.
+// A writer killed before its rename leaves its temporary (shared/files.h, atomicWriteTarget)
+// behind for good, so the writers that own a document clear up after the ones that died.
 
 // How long a temporary of a document that someone may write without holding its lock is left
 // alone: far longer than any write takes, so a writer still at work never loses its file.
 inline constexpr std::chrono::minutes unguardedWriteGrace{10};
-
-// The document a temporary stands for ("timeline.json" for ".timeline.json.a1B2c3"), or none when
-// `fileName` is not such a temporary.
-std::optional<std::string_view> atomicWriteTarget(std::string_view fileName);
 
 // Removes from `folder` the temporaries (regular files only) of the documents `owns` accepts that
 // were last modified at least `minimumAge` ago. Best effort: what cannot be removed stays, and a

@@ -50,7 +50,8 @@ bool isSystemFailure(int error) {
          error == ENOBUFS;
 }
 
-std::string readFile(const std::filesystem::path& path, std::size_t maximumBytes) {
+RegularFileReader::RegularFileReader(const std::filesystem::path& path, std::size_t maximumBytes)
+    : path_(path), maximumBytes_(maximumBytes) {
   // Non-blocking, so that opening a FIFO planted under the name cannot stall; regular files
   // ignore the flag.
   FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC));
@@ -64,34 +65,57 @@ std::string readFile(const std::filesystem::path& path, std::size_t maximumBytes
   if (static_cast<std::uintmax_t>(status.st_size) > maximumBytes)
     throw FileError(fmt::format("Could not read {}: {} bytes is more than the {} allowed", path.string(),
                                 status.st_size, maximumBytes));
-  std::string bytes;
-  bytes.reserve(static_cast<std::size_t>(status.st_size));
-  char buffer[65536];
+  sizeAtOpening_ = static_cast<std::size_t>(status.st_size);
+  fd_ = fd.release();
+}
+
+RegularFileReader::~RegularFileReader() { ::close(fd_); }
+
+std::size_t RegularFileReader::read(char* into, std::size_t room) {
   for (;;) {
-    ssize_t n = ::read(fd.get(), buffer, sizeof buffer);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      throwErrno("read", path, errno);
-    }
-    if (n == 0) break;
-    // The file may grow while it is read.
-    if (bytes.size() + static_cast<std::size_t>(n) > maximumBytes)
-      throw FileError(fmt::format("Could not read {}: more than the {} bytes allowed", path.string(), maximumBytes));
-    bytes.append(buffer, static_cast<std::size_t>(n));
+    ssize_t n = ::read(fd_, into, room);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) throwErrno("read", path_, errno);
+    readSoFar_ += static_cast<std::size_t>(n);
+    if (readSoFar_ > maximumBytes_)
+      throw FileError(fmt::format("Could not read {}: more than the {} bytes allowed", path_.string(), maximumBytes_));
+    return static_cast<std::size_t>(n);
   }
+}
+
+std::string readFile(const std::filesystem::path& path, std::size_t maximumBytes) {
+  RegularFileReader file(path, maximumBytes);
+  // One byte more than the size, so the end is seen without growing.
+  std::string bytes(file.sizeAtOpening() + 1, '\0');
+  std::size_t length = 0;
+  for (;;) {
+    if (length == bytes.size()) bytes.resize(bytes.size() * 2);  // the file grew since it was opened
+    std::size_t n = file.read(bytes.data() + length, bytes.size() - length);
+    if (n == 0) break;
+    length += n;
+  }
+  bytes.resize(length);
   return bytes;
 }
 
 namespace {
+constexpr std::size_t temporarySuffixLength = 9;  // "." and eight hex digits
+}  // namespace
 
-// A hidden name beside the target that nothing else uses: the target's name, a dot and eight
-// random hex digits (fresh ones for every try, so a clash only costs another try).
-std::string temporaryName(const std::filesystem::path& path) {
+// Fresh random digits on every call, so a clash with a leftover only costs another try.
+std::string atomicWriteTemporaryName(const std::filesystem::path& target) {
   static thread_local std::mt19937_64 generator{std::random_device{}()};
-  return fmt::format(".{}.{:08x}", path.filename().string(), static_cast<std::uint32_t>(generator()));
+  return fmt::format(".{}.{:08x}", target.filename().string(), static_cast<std::uint32_t>(generator()));
 }
 
-}  // namespace
+std::optional<std::string_view> atomicWriteTarget(std::string_view fileName) {
+  if (fileName.size() < 2 + temporarySuffixLength || fileName.front() != '.') return std::nullopt;
+  std::string_view suffix = fileName.substr(fileName.size() - temporarySuffixLength);
+  if (suffix.front() != '.') return std::nullopt;
+  for (char c : suffix.substr(1))
+    if (!((c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'))) return std::nullopt;
+  return fileName.substr(1, fileName.size() - 1 - temporarySuffixLength);
+}
 
 void writeFileAtomically(const std::filesystem::path& path, std::string_view bytes) {
   std::filesystem::path folder = path.parent_path();
@@ -105,7 +129,7 @@ void writeFileAtomically(const std::filesystem::path& path, std::string_view byt
   std::filesystem::path temporary;
   int created = -1;
   for (int attempt = 0; created < 0; ++attempt) {
-    temporary = folder / temporaryName(path);
+    temporary = folder / atomicWriteTemporaryName(path);
     created = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
     if (created < 0 && (errno != EEXIST || attempt == 100)) throwErrno("write", path, errno);
   }

@@ -143,19 +143,19 @@ TEST_F(RecoveryTest, RecoveryRemovesOldTemporariesOfThePackagesDocumentsOnly) {
     bool removed;
   };
   const Case cases[] = {
-      {".manifest.json.a1b2c3", true, true},
-      {".manifest.json.d4e5f6", false, false},  // a writer of the package may still be at work
-      {"diagnostics/.report.json.a1b2c3", true, true},
-      {"edits/.timeline.json.a1b2c3", true, true},
-      {"edits/.captions.json.a1b2c3", true, true},
-      {"edits/.timeline.pre-schema5.json.a1b2c3", true, true},
-      {"edits/history/.2026-01-02T03-04-05.678Z-X.json.a1b2c3", true, true},
-      {"events/.active.tmp.a1b2c3", true, true},
-      {"geometry/.active.tmp.a1b2c3", true, true},
-      {"cursor/assets/.0123.png.a1b2c3", true, true},
+      {".manifest.json.a1b2c3d4", true, true},
+      {".manifest.json.d4e5f6a7", false, false},  // a writer of the package may still be at work
+      {"diagnostics/.report.json.a1b2c3d4", true, true},
+      {"edits/.timeline.json.a1b2c3d4", true, true},
+      {"edits/.captions.json.a1b2c3d4", true, true},
+      {"edits/.timeline.pre-schema5.json.a1b2c3d4", true, true},
+      {"edits/history/.2026-01-02T03-04-05.678Z-X.json.a1b2c3d4", true, true},
+      {"events/.active.tmp.a1b2c3d4", true, true},
+      {"geometry/.active.tmp.a1b2c3d4", true, true},
+      {"cursor/assets/.0123.png.a1b2c3d4", true, true},
       {"events/active.tmp", true, false},  // the chunk being written when the process died
-      {".notes.txt.a1b2c3", true, false},
-      {"media/.recording.mov.a1b2c3", true, false},
+      {".notes.txt.a1b2c3d4", true, false},
+      {"media/.recording.mov.a1b2c3d4", true, false},
       {"edits/.timeline.lock", true, false},
   };
   for (const auto& c : cases) {

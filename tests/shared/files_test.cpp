@@ -123,6 +123,33 @@ TEST(FilesTest, RunningOutOfDescriptorsIsASystemFailureNamingThePath) {
   expectSystemFailure([&] { writeFileAtomically(dir.path() / "timeline.json", "x"); }, "timeline.json");
 }
 
+TEST(FilesTest, TheNamesOfAtomicWriteTemporariesAndOnlyThose) {
+  // The writer's names are the ones the clean-up recognises, whatever the random part.
+  for (const char* document : {"timeline.json", "2026-01-02T03-04-05.678Z-X.json", "a"}) {
+    for (int i = 0; i < 50; ++i) {
+      std::string name = atomicWriteTemporaryName(std::filesystem::path("/p") / document);
+      EXPECT_EQ(atomicWriteTarget(name), std::optional<std::string_view>(document)) << name;
+    }
+  }
+  struct Case {
+    const char* name;
+    std::optional<std::string_view> document;
+  };
+  const Case cases[] = {
+      {".timeline.json.0a1b2c3d", "timeline.json"},
+      {".2026-01-02T03-04-05.678Z-X.json.00000000", "2026-01-02T03-04-05.678Z-X.json"},
+      {".a.ffffffff", "a"},
+      {".timeline.json.0a1b2c3", std::nullopt},    // seven digits, not eight
+      {".timeline.json.0a1b2c3d4", std::nullopt},  // nine
+      {".timeline.json.0a1b2c3g", std::nullopt},   // not a hexadecimal digit
+      {".timeline.json.0A1B2C3D", std::nullopt},   // the writer writes lower case
+      {"timeline.json.0a1b2c3d", std::nullopt},    // not hidden
+      {"..0a1b2c3d", std::nullopt},                // no document
+      {".timeline.lock", std::nullopt},
+  };
+  for (const auto& c : cases) EXPECT_EQ(atomicWriteTarget(c.name), c.document) << c.name;
+}
+
 TEST(FilesTest, SupportFolderFollowsXdgDataHome) {
   testing::ScopedDataHome home;
   EXPECT_EQ(vumoSupportDirectory(), home.path() / "Vumo");
