@@ -1,5 +1,6 @@
 #include "project/chunk_reader.h"
 
+#include <fmt/format.h>
 #include <simdjson.h>
 
 #include <algorithm>
