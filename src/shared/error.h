@@ -73,9 +73,8 @@ class Error : public std::runtime_error {
   const std::string& table() const noexcept { return table_; }
   std::string message() const { return what(); }
 
-  // The catalogue row's code and exit class. Virtual only so that a test can stand in for a
-  // family it does not want to build.
-  virtual ErrorClassification classification() const { return classification_; }
+  // The catalogue row's code and exit class.
+  const ErrorClassification& classification() const noexcept { return classification_; }
 
  protected:
   template <class Case>
@@ -83,17 +82,13 @@ class Error : public std::runtime_error {
       : Error(catalogue.table, catalogue[kind].key, catalogue[kind].englishText, payload,
               {std::string(catalogue[kind].code), catalogue[kind].exitClass}) {}
 
-  // An error outside any catalogue, reported as "execution".
-  Error(std::string localizationKey, std::string table, const std::string& englishText)
-      : std::runtime_error(englishText), key_(std::move(localizationKey)), table_(std::move(table)) {}
-
  private:
   Error(std::string_view table, std::string_view key, std::string_view englishText, std::string_view payload,
         ErrorClassification classification);
 
   std::string key_;
   std::string table_;
-  ErrorClassification classification_{"execution", ErrorKind::failure};
+  ErrorClassification classification_;
 };
 
 // A document that could not be read as its type (missing key, wrong type, bad value). The payload

@@ -11,6 +11,7 @@
 #include "cli/agent_help_catalog.h"
 #include "cli/cli_errors.h"
 #include "cli/signal_cancellation.h"
+#include "project/project_store_error.h"
 #include "shared/files.h"
 #include "shared/json.h"
 #include "support/test_support.h"
@@ -97,11 +98,7 @@ TEST(ClassifyTest, FamiliesDecideCodeAndStatus) {
   EXPECT_EQ(VumoCLI::classify(FileError("disk full")).code, "execution");
   EXPECT_EQ(VumoCLI::classify(std::runtime_error("boom")).code, "execution");
 
-  struct Conflict : Error {
-    Conflict() : Error("k", "Editor", "changed") {}
-    ErrorClassification classification() const override { return {"timeline_conflict", ErrorKind::conflict}; }
-  };
-  auto conflict = VumoCLI::classify(Conflict());
+  auto conflict = VumoCLI::classify(ProjectStoreError::timelineDigestConflict("expected", "actual"));
   EXPECT_EQ(conflict.code, "timeline_conflict");
   EXPECT_EQ(static_cast<int>(conflict.exitCode), 4);
 }
