@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <optional>
 #include <set>
+#include <thread>
 
 #include "captions/caption_errors.h"
 #include "project/project_history_files.h"
@@ -140,6 +141,9 @@ TEST(ProjectStoreHistory, TwentyOneCommitsKeepTheTwentyNewestReplacedStates) {
   for (int i = 1; i <= 21; ++i) {
     replaced.push_back(readFile(package.timelinePath(), SIZE_MAX));
     f.store.commitTimeline(timelineWithBlur(i / 100.0), f.store.timelineDigest(package), std::nullopt, package);
+    // History names order by millisecond; within one, by their random UUIDs. Commits this test
+    // means to order must therefore fall in different milliseconds.
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }
   auto history = f.store.timelineHistory(package);
   ASSERT_EQ(history.size(), 20u);
