@@ -134,6 +134,72 @@ void to_json(Json& j, const CLICaptionReadResponse& v) {
   json::setOptional(j, "hint", v.hint);
 }
 
+void to_json(Json& j, const CLIIdleResponse& v) {
+  j = Json{{"protocolVersion", v.protocolVersion},
+           {"projectID", v.projectID},
+           {"unit", v.unit},
+           {"analyzedTrack", v.analyzedTrack},
+           {"analysisMethod", v.analysisMethod},
+           {"bucketMilliseconds", v.bucketMilliseconds},
+           {"minimumDurationMilliseconds", v.minimumDurationMilliseconds},
+           {"silenceThresholdDecibels", v.silenceThresholdDecibels},
+           {"estimatedNoiseFloorDecibels", v.estimatedNoiseFloorDecibels},
+           {"recommendedSilenceDecibels", v.recommendedSilenceDecibels},
+           {"keepTailMilliseconds", v.keepTailMilliseconds},
+           {"minimumRemovalMilliseconds", v.minimumRemovalMilliseconds},
+           {"recommendedCuts", v.recommendedCuts},
+           {"idleSpans", v.idleSpans},
+           {"silenceSpans", v.silenceSpans},
+           {"quietSpans", v.quietSpans},
+           {"suggestedRate", v.suggestedRate},
+           {"hint", v.hint}};
+}
+
+void to_json(Json& j, const CLICaptionTimingAdjustmentDescription& v) {
+  j = Json{{"cueIndex", v.cueIndex},
+           {"originalRange", v.originalRange},
+           {"adjustedRange", v.adjustedRange},
+           {"action", v.action}};
+}
+
+void to_json(Json& j, const CLICaptionAudioAlignmentDescription& v) {
+  j = Json{{"analyzedTrack", v.analyzedTrack},
+           {"analysisMethod", v.analysisMethod},
+           {"bucketMilliseconds", v.bucketMilliseconds},
+           {"estimatedNoiseFloorDecibels", v.estimatedNoiseFloorDecibels},
+           {"activityThresholdDecibels", v.activityThresholdDecibels},
+           {"adjustments", v.adjustments}};
+}
+
+void to_json(Json& j, const CLICaptionImportResponse& v) {
+  j = Json{{"protocolVersion", v.protocolVersion},
+           {"applied", v.applied},
+           {"projectID", v.projectID},
+           {"cueCount", v.cueCount},
+           {"wordTimingCount", v.wordTimingCount},
+           {"highlightedCueCount", v.highlightedCueCount},
+           {"highlightCount", v.highlightCount},
+           {"timelineDigest", v.timelineDigest},
+           {"captionsDigest", v.captionsDigest},
+           {"warnings", v.warnings}};
+  json::setOptional(j, "resultingDigest", v.resultingDigest);
+  json::setOptional(j, "audioAlignment", v.audioAlignment);
+  json::setOptional(j, "confirmationArguments", v.confirmationArguments);
+}
+
+void to_json(Json& j, const CLICaptionGenerationResponse& v) {
+  j = Json{{"protocolVersion", v.protocolVersion},
+           {"projectID", v.projectID},
+           {"jobID", v.jobID},
+           {"sourceTrack", v.sourceTrack},
+           {"cueCount", v.cueCount},
+           {"wordTimingCount", v.wordTimingCount},
+           {"timelineDigest", v.timelineDigest},
+           {"captionsDigest", v.captionsDigest},
+           {"resultPath", v.resultPath},
+           {"confirmationArguments", v.confirmationArguments}};
+}
+
 }  // namespace vumo
 
 namespace vumo {

@@ -173,6 +173,77 @@ struct CLICaptionReadResponse {
 };
 void to_json(Json& j, const CLICaptionReadResponse& v);
 
+struct CLIIdleResponse {
+  int protocolVersion = 1;
+  std::string projectID;
+  std::string unit = "source milliseconds";
+  std::string analyzedTrack;  // the command line's word: "microphone" or "system-audio"
+  std::string analysisMethod = "peak-dBFS";
+  std::int64_t bucketMilliseconds = 20;
+  std::int64_t minimumDurationMilliseconds = 0;
+  double silenceThresholdDecibels = 0;
+  double estimatedNoiseFloorDecibels = 0;
+  double recommendedSilenceDecibels = 0;
+  std::int64_t keepTailMilliseconds = 0;
+  std::int64_t minimumRemovalMilliseconds = 0;
+  std::vector<CLIRange> recommendedCuts;
+  std::vector<CLISpanDescription> idleSpans;
+  std::vector<CLISpanDescription> silenceSpans;
+  std::vector<CLISpanDescription> quietSpans;
+  std::int64_t suggestedRate = 3;
+  std::string hint = "有声桶不会并入静默；recommendedCuts只来自无声且无鼠标操作的quietSpans；修改前仍必须预演。";
+};
+void to_json(Json& j, const CLIIdleResponse& v);
+
+struct CLICaptionTimingAdjustmentDescription {
+  std::int64_t cueIndex = 0;
+  CLIRange originalRange;
+  CLIRange adjustedRange;
+  std::string action;
+};
+void to_json(Json& j, const CLICaptionTimingAdjustmentDescription& v);
+
+struct CLICaptionAudioAlignmentDescription {
+  std::string analyzedTrack;  // the manifest's word: "systemAudio" or "microphone"
+  std::string analysisMethod = "adaptive-peak-dBFS";
+  std::int64_t bucketMilliseconds = 20;
+  double estimatedNoiseFloorDecibels = 0;
+  double activityThresholdDecibels = 0;
+  std::vector<CLICaptionTimingAdjustmentDescription> adjustments;
+};
+void to_json(Json& j, const CLICaptionAudioAlignmentDescription& v);
+
+struct CLICaptionImportResponse {
+  int protocolVersion = 1;
+  bool applied = false;
+  std::string projectID;
+  std::int64_t cueCount = 0;
+  std::int64_t wordTimingCount = 0;
+  std::int64_t highlightedCueCount = 0;
+  std::int64_t highlightCount = 0;
+  std::string timelineDigest;
+  std::string captionsDigest;
+  std::optional<std::string> resultingDigest;
+  std::optional<CLICaptionAudioAlignmentDescription> audioAlignment;
+  std::vector<std::string> warnings;
+  std::optional<std::vector<std::string>> confirmationArguments;
+};
+void to_json(Json& j, const CLICaptionImportResponse& v);
+
+struct CLICaptionGenerationResponse {
+  int protocolVersion = 1;
+  std::string projectID;
+  std::string jobID;
+  std::string sourceTrack;
+  std::int64_t cueCount = 0;
+  std::int64_t wordTimingCount = 0;
+  std::string timelineDigest;
+  std::string captionsDigest;
+  std::string resultPath;
+  std::vector<std::string> confirmationArguments;
+};
+void to_json(Json& j, const CLICaptionGenerationResponse& v);
+
 }  // namespace vumo
 
 namespace vumo {

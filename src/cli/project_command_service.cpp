@@ -190,10 +190,9 @@ ProjectCommandService::MutationResult ProjectCommandService::compute(const CLIMu
           return {store_.historyTimeline(m.index, project.package, duration, hasWebcam), {}, {}};
         } else {
           static_assert(std::is_same_v<T, CLIMutation::ZoomRegenerate>);
-          std::vector<MouseEvent> events;
-          for (const auto& event : snapshot.mouseEvents)
-            if (event.isVisibleInsideSource()) events.push_back(event);
-          auto zooms = AutoZoomEngine::standard().makeSegments(events, duration);
+          // The project's events as recorded: only a recording session, which saw where each
+          // press landed, leaves out the ones outside the source.
+          auto zooms = AutoZoomEngine::standard().makeSegments(snapshot.mouseEvents, duration);
           EditTimeline result = TimelineEffectEngine::replaceZooms(timeline, std::move(zooms), duration);
           return {TimelinePlanEngine::canonicalZoomIDs(result, timeline, segmentNamespace(result)), {}, {}};
         }

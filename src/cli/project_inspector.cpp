@@ -108,4 +108,16 @@ CLIProjectDescription ProjectInspector::describe(const ProjectSnapshot& snapshot
   return description;
 }
 
+std::vector<CLISpanDescription> ProjectInspector::spanDescriptions(const std::vector<ProjectTimeRange>& spans,
+                                                                   const TimelineMapper& mapper) {
+  std::vector<CLISpanDescription> descriptions;
+  descriptions.reserve(spans.size());
+  for (const auto& span : spans) {
+    CLISpanDescription description{span.start.cliMilliseconds(), span.end().cliMilliseconds(), {}};
+    for (const auto& range : mapper.projectedRanges(span)) description.sequenceRanges.push_back(CLIRange::from(range));
+    descriptions.push_back(std::move(description));
+  }
+  return descriptions;
+}
+
 }  // namespace vumo

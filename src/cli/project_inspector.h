@@ -20,6 +20,9 @@ struct ProjectInspector {
   // Sorted by start; the index is what `zoom-rm --index` takes.
   static std::vector<CLIZoomDescription> zoomDescriptions(const EditTimeline& timeline);
   static CLICaptionCueDescription cueDescription(const CaptionCue& cue, const TimelineMapper& mapper);
+  // Source spans with where each still plays; a span wholly in a cut has no sequence ranges.
+  static std::vector<CLISpanDescription> spanDescriptions(const std::vector<ProjectTimeRange>& spans,
+                                                          const TimelineMapper& mapper);
   // Zooms in the order that the descriptions number them.
   static std::vector<ZoomSegment> zoomsByStart(const EditTimeline& timeline);
 };

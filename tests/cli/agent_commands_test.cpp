@@ -89,7 +89,7 @@ TEST_F(AgentCommandsTest, ListAndDescribeReadTheProjectInMilliseconds) {
   EXPECT_FALSE(description.contains("captionLanguage"));
   EXPECT_EQ(description["timelineDigest"], sha256HexOfFile(package_->timelinePath(), SIZE_MAX));
   EXPECT_EQ(description["tracks"],
-            (Json{{"screen", true}, {"systemAudio", true}, {"microphone", false}, {"webcam", false}}));
+            (Json{{"screen", true}, {"systemAudio", true}, {"microphone", true}, {"webcam", false}}));
   EXPECT_GE(description["zooms"].size(), 1u);
 }
 

@@ -15,8 +15,8 @@ namespace {
 constexpr const char* usage =
     "usage: vumo-sample-project [--output <folder>]\n"
     "\n"
-    "Generates a finished sample project (a 12 s test pattern with a tone and five clicks, made\n"
-    "with ffmpeg) and prints its id.\n"
+    "Generates a finished sample project (a 12 s test pattern, a tone, a voice-like microphone\n"
+    "track with pauses and five clicks, made with ffmpeg) and prints its id.\n"
     "\n"
     "  --output <folder>  the projects folder to make it in, created if missing\n"
     "                     (default: $XDG_DATA_HOME/Vumo/Projects, else ~/.local/share/Vumo/Projects)\n"

@@ -5,6 +5,7 @@
 #include <spawn.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <cmath>
 
 #include "project/chunk_store.h"
@@ -47,6 +48,19 @@ MouseEvent pointerEvent(std::int64_t milliseconds, PointValue normalized, MouseP
   return event;
 }
 
+// A voice stand-in: a 150 Hz buzz with two overtones, its loudness rising and falling about six
+// times a second like syllables, inside the given spans, over a faint hiss everywhere.
+std::string speechExpression(const std::vector<std::pair<std::int64_t, std::int64_t>>& spans, double seconds) {
+  std::string gate = "0";
+  for (const auto& [start, end] : spans)
+    gate += fmt::format("+between(t,{:.3f},{:.3f})", static_cast<double>(start) / 1000.0,
+                        static_cast<double>(end) / 1000.0 - 1e-6);
+  return fmt::format(
+      "aevalsrc=exprs='0.004*(random(0)-0.5)+({})*(0.25+0.35*abs(sin(2*PI*3*t)))*"
+      "(sin(2*PI*150*t)+0.5*sin(2*PI*300*t)+0.25*sin(2*PI*450*t))/1.75':sample_rate=48000:duration={:.3f}",
+      gate, seconds);
+}
+
 }  // namespace
 
 ProjectPackage makeSampleProject(ProjectStore& store, const SampleProjectOptions& options) {
@@ -57,21 +71,31 @@ ProjectPackage makeSampleProject(ProjectStore& store, const SampleProjectOptions
   source.initialPixelSize = options.size;
   RecordingOptions recording;
   recording.capturesSystemAudio = options.withSystemAudio;
-  recording.capturesMicrophone = false;
+  recording.capturesMicrophone = options.withMicrophone;
   recording.framesPerSecond = options.framesPerSecond;
   CreatedProject created = store.createProject(source, recording, options.size, std::nullopt, std::nullopt);
 
   const double seconds = static_cast<double>(options.duration.nanoseconds) / 1e9;
+  // Inputs in the manifest's track order: screen, then system audio, then microphone.
   std::vector<std::string> arguments = {"-f", "lavfi", "-i",
                                         fmt::format("testsrc2=size={}x{}:rate={}:duration={:.3f}", options.size.width,
                                                     options.size.height, options.framesPerSecond, seconds)};
+  std::vector<std::string> maps = {"-map", "0:v"};
+  int input = 1;
   if (options.withSystemAudio) {
     arguments.insert(arguments.end(),
                      {"-f", "lavfi", "-i", fmt::format("sine=frequency=440:duration={:.3f}", seconds)});
-    arguments.insert(arguments.end(), {"-c:a", "aac", "-b:a", "64k"});
+    maps.insert(maps.end(), {"-map", fmt::format("{}:a", input++)});
   }
-  arguments.insert(arguments.end(), {"-c:v", "mpeg4", "-q:v", "8", "-pix_fmt", "yuv420p", "-shortest",
-                                     created.package.mediaPath().string()});
+  if (options.withMicrophone) {
+    arguments.insert(arguments.end(), {"-f", "lavfi", "-i", speechExpression(options.speechMilliseconds, seconds)});
+    maps.insert(maps.end(), {"-map", fmt::format("{}:a", input++)});
+  }
+  arguments.insert(arguments.end(), maps.begin(), maps.end());
+  if (options.withSystemAudio || options.withMicrophone)
+    arguments.insert(arguments.end(), {"-c:a", "aac", "-b:a", "64k"});
+  arguments.insert(arguments.end(), {"-c:v", "mpeg4", "-q:v", "8", "-pix_fmt", "yuv420p", "-t",
+                                     fmt::format("{:.3f}", seconds), created.package.mediaPath().string()});
   runFFmpeg(std::move(arguments));
 
   // The pointer wanders in a slow circle and clicks where asked.
@@ -85,13 +109,17 @@ ProjectPackage makeSampleProject(ProjectStore& store, const SampleProjectOptions
       return PointValue{0.5 + 0.3 * std::cos(angle), 0.5 + 0.3 * std::sin(angle)};
     };
     std::size_t nextClick = 0;
+    auto moving = [&](std::int64_t ms) {
+      return std::any_of(options.pointerMilliseconds.begin(), options.pointerMilliseconds.end(),
+                         [&](const auto& span) { return ms >= span.first && ms < span.second; });
+    };
     for (std::int64_t ms = 0; ms < totalMilliseconds; ms += 50) {
       while (nextClick < options.clickMilliseconds.size() && options.clickMilliseconds[nextClick] <= ms) {
         std::int64_t at = options.clickMilliseconds[nextClick++];
         events.push_back(pointerEvent(at, pointAt(at), MousePhase::down, options.size));
         events.push_back(pointerEvent(at + 80, pointAt(at), MousePhase::up, options.size));
       }
-      events.push_back(pointerEvent(ms, pointAt(ms), MousePhase::moved, options.size));
+      if (moving(ms)) events.push_back(pointerEvent(ms, pointAt(ms), MousePhase::moved, options.size));
     }
     std::stable_sort(events.begin(), events.end(),
                      [](const MouseEvent& a, const MouseEvent& b) { return a.time < b.time; });
