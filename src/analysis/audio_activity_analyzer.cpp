@@ -18,10 +18,7 @@ double AudioActivityAnalyzer::estimatedNoiseFloor(const WaveformEnvelope* envelo
   const std::size_t count = magnitudes.size();
   const std::size_t index = std::min(count / 4, count - 1);
   std::nth_element(magnitudes.begin(), magnitudes.begin() + static_cast<std::ptrdiff_t>(index), magnitudes.end());
-  const int magnitude = magnitudes[index];
-  WaveformPeak quartile{0, static_cast<std::int16_t>(std::min(magnitude, 32767))};
-  if (magnitude == PeakMagnitude::largest) quartile.minimum = -32768;
-  return peakLevelDecibels(quartile);
+  return PeakMagnitude::levelDecibels(magnitudes[index]);
 }
 
 double AudioActivityAnalyzer::recommendedThreshold(double noiseFloorDecibels) {

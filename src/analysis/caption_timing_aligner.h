@@ -54,8 +54,9 @@ struct CaptionTimingAligner {
   static constexpr ProjectTime tailPadding{150'000'000};
   // The shortest cue alignment makes, so that a caption stays readable.
   static constexpr ProjectTime minimumLength{300'000'000};
-  // How many cue indices the warning names.
+  // How many cue indices the warning names, and the key a translation of it is found under.
   static constexpr std::size_t listedIndexLimit = 20;
+  static constexpr std::string_view noActivityWarningKey = "media.captions.noActivity";
 
   static CaptionTimingAlignmentResult align(const CaptionDocument& document, const WaveformEnvelope& envelope);
 };

@@ -12,6 +12,8 @@ struct PeakMagnitude {
   static constexpr int largest = 32768;
 
   static int of(WaveformPeak peak);
+  // The level of a bucket of this magnitude, as peakLevelDecibels gives it.
+  static double levelDecibels(int magnitude);
   // The smallest magnitude whose level lies strictly above `thresholdDecibels`, or largest + 1
   // when none does (also for a threshold that is not a number).
   static int firstAbove(double thresholdDecibels);
