@@ -89,7 +89,7 @@ ExchangeRoot openExchangeRoot(bool create) {
 
 fs::path exchangeRootDirectory() { return vumoSupportDirectory() / rootFolderName; }
 
-fs::path createEditPlanDirectory(const Uuid& jobID) {
+fs::path createExchangeJobDirectory(const Uuid& jobID) {
   ExchangeRoot root = openExchangeRoot(true);
   std::string name = jobID.string();
   // Without parents, and failing on an existing entry of any kind: a job folder is never reused.

@@ -28,7 +28,9 @@ std::filesystem::path exchangeRootDirectory();
 // UUID in upper case, and returns its path. The root must be a real directory, not a symbolic
 // link, and the job folder must not exist yet; otherwise invalidDocument. Operating system
 // failures while creating are FileError.
-std::filesystem::path createEditPlanDirectory(const Uuid& jobID);
+// Edit plan and caption jobs share the root and these rules.
+std::filesystem::path createExchangeJobDirectory(const Uuid& jobID);
+inline std::filesystem::path createEditPlanDirectory(const Uuid& jobID) { return createExchangeJobDirectory(jobID); }
 
 // The bytes of `path`, which must name a regular file (no symbolic link, no second hard link)
 // in a folder that is a direct child of the exchange root, with neither the root nor the folder

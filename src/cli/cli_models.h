@@ -18,6 +18,7 @@
 #include "shared/project_time.h"
 #include "shared/uuid.h"
 #include "timeline/edit_timeline.h"
+#include "transcription/caption_track_selection.h"
 
 namespace vumo {
 
@@ -49,18 +50,6 @@ struct EnumNames<CLIAgentHelpTopic> {
       {CLIAgentHelpTopic::captions, "captions"},
       {CLIAgentHelpTopic::settings, "settings"},
       {CLIAgentHelpTopic::output, "output"},
-  }};
-};
-
-enum class CaptionTrackSelection { automatic, microphone, systemAudio };
-
-template <>
-struct EnumNames<CaptionTrackSelection> {
-  static constexpr std::string_view typeName = "caption track";
-  static constexpr NameTable<CaptionTrackSelection, 3> table{{
-      {CaptionTrackSelection::automatic, "auto"},
-      {CaptionTrackSelection::microphone, "microphone"},
-      {CaptionTrackSelection::systemAudio, "system-audio"},
   }};
 };
 
