@@ -53,10 +53,11 @@ using IOContextPtr = std::unique_ptr<AVIOContext, IOContextDeleter>;
 using InputFormatPtr = std::unique_ptr<AVFormatContext, InputFormatDeleter>;
 using AVBufferPtr = std::unique_ptr<std::uint8_t, AVBufferDeleter>;
 
-// av_strerror's text for a libav error code.
+// av_strerror's text for a libav error code; empty when libav has none for it, so that the
+// caller can say what it knows instead.
 inline std::string libavErrorText(int code) {
   char text[AV_ERROR_MAX_STRING_SIZE] = {};
-  av_strerror(code, text, sizeof text);
+  if (av_strerror(code, text, sizeof text) != 0) return {};
   return text;
 }
 

@@ -132,13 +132,15 @@ MediaContainer MediaContainer::open(const std::filesystem::path& path, std::stop
   int result = avformat_open_input(&format, nullptr, nullptr, nullptr);
   if (result < 0) {
     throwIfCancelled(state->stopToken);
-    throw MediaContainerError(MediaContainerError::Case::cannotOpen, "open: " + libavErrorText(result));
+    throw MediaContainerError(MediaContainerError::Case::cannotOpen,
+                              "open: " + libavErrorText(result) + " (" + std::to_string(result) + ")");
   }
   state->format.reset(format);
   result = avformat_find_stream_info(format, nullptr);
   if (result < 0) {
     throwIfCancelled(state->stopToken);
-    throw MediaContainerError(MediaContainerError::Case::cannotOpen, "stream information: " + libavErrorText(result));
+    throw MediaContainerError(MediaContainerError::Case::cannotOpen,
+                              "stream information: " + libavErrorText(result) + " (" + std::to_string(result) + ")");
   }
   throwIfCancelled(state->stopToken);
   return MediaContainer(std::move(state));

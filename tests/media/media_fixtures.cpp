@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <cmath>
+
 #include "shared/files.h"
 
 namespace vumo::testing {
@@ -70,6 +72,23 @@ ProjectSnapshot makePackage(const std::filesystem::path& root, const PackageFixt
   arguments.push_back((snapshot.packagePath / snapshot.manifest.media.relativePath).string());
   runFfmpeg(arguments);
   return snapshot;
+}
+
+ProjectSnapshot makeAudioPackage(const std::filesystem::path& root, const AudioPackage& audio) {
+  const double seconds = audio.startSeconds + static_cast<double>(audio.sampleCount) / 48'000.0;
+  PackageFixture fixture;
+  fixture.inputs = lavfiInput(smallVideoGraph(std::ceil(seconds)));
+  if (audio.startSeconds > 0) {
+    fixture.inputs.push_back("-itsoffset");
+    fixture.inputs.push_back(fmt::format("{}", audio.startSeconds));
+  }
+  auto input = lavfiInput(exactAudioGraph(audio.channelExpressions, std::ceil(seconds) + 1) +
+                          fmt::format(",atrim=end_sample={}", audio.sampleCount));
+  fixture.inputs.insert(fixture.inputs.end(), input.begin(), input.end());
+  fixture.outputOptions = {"-map", "0:v", "-map", "1:a", "-c:v", "mjpeg", "-c:a", "pcm_s16le"};
+  fixture.tracks = {{MediaTrackKind::screen, 0}, {audio.kind, 1}};
+  fixture.duration = ProjectTime{static_cast<std::int64_t>(std::ceil(seconds)) * 1'000'000'000};
+  return makePackage(root, fixture);
 }
 
 ProjectSnapshot snapshotWithoutMovie(const std::filesystem::path& root, std::vector<MediaTrack> tracks) {

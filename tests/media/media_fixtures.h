@@ -29,6 +29,17 @@ std::string smallVideoGraph(double seconds);
 std::string exactAudioGraph(const std::vector<std::string>& channelExpressions, double seconds,
                             int sampleRate = 48'000);
 
+// A package with a short screen track (stream 0) and one PCM audio track (stream 1) of `kind`
+// whose samples are `channelExpressions`; `sampleCount` frames at 48 kHz, starting
+// `startSeconds` into the recording.
+struct AudioPackage {
+  std::vector<std::string> channelExpressions;
+  std::int64_t sampleCount = 48'000;
+  double startSeconds = 0;
+  MediaTrackKind kind = MediaTrackKind::microphone;
+};
+ProjectSnapshot makeAudioPackage(const std::filesystem::path& root, const AudioPackage& audio);
+
 // A package folder in `root` (named Test.vumo) whose movie is written by ffmpeg from `inputs` and
 // `outputOptions`; the manifest lists `tracks`, an optional camera and `duration`, and the
 // timeline plays the whole source at normal speed.
