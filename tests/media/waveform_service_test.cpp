@@ -1,7 +1,7 @@
 #include "media/waveform_service.h"
 
-#include <gtest/gtest.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include "media/media_container.h"
