@@ -5,6 +5,9 @@
 // costs from what a command adds to it, and `describe` of a small project (a command that runs
 // long enough for a watcher that polls to make it wait):
 //   vumo cli list (empty library) - vumo cli version  ->  a millisecond or two, no fixed wait
+// `idle` on the generated sample recording, its waveform already cached in the package, is
+// measured beside `list` of the library that holds that one package: what the analysis adds to a
+// command that reads the same project folder.
 
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
@@ -21,6 +24,7 @@
 
 #include "project/project_store.h"
 #include "recording_reporter.h"
+#include "sample_project.h"
 #include "shared/files.h"
 
 extern char** environ;
@@ -29,6 +33,7 @@ namespace {
 
 std::string dataHome;
 std::string projectID;
+std::string sampleID;
 
 // A finished project without pointer events; describe never opens its movie.
 void makeSmallProject() {
@@ -92,6 +97,27 @@ void BM_VumoDescribeSmallProject(benchmark::State& state) {
   run(state, {vumoExecutable(), "cli", "describe", projectID.substr(0, 8)});
 }
 
+// The sample recording in a library of its own, its waveform cache written by one idle run.
+void useSampleLibrary() {
+  static const bool made = [] {
+    ::setenv("XDG_DATA_HOME", (dataHome + "/with-sample").c_str(), 1);
+    vumo::ProjectStore store;
+    sampleID = store.readManifest(vumo::makeSampleProject(store)).id.string();
+    return spawnAndWait({vumoExecutable(), "cli", "idle", sampleID.substr(0, 8)}) == 0;
+  }();
+  ::setenv("XDG_DATA_HOME", (dataHome + "/with-sample").c_str(), 1);
+  (void)made;
+}
+
+void BM_VumoListSampleLibrary(benchmark::State& state) {
+  useSampleLibrary();
+  run(state, {vumoExecutable(), "cli", "list"});
+}
+void BM_VumoIdleWarmCache(benchmark::State& state) {
+  useSampleLibrary();
+  run(state, {vumoExecutable(), "cli", "idle", sampleID.substr(0, 8)});
+}
+
 }  // namespace
 
 // Wall time: the work happens in the child, not in this process.
@@ -99,6 +125,8 @@ BENCHMARK(BM_True)->Unit(benchmark::kMillisecond)->MinTime(0.5)->UseRealTime();
 BENCHMARK(BM_VumoVersion)->Unit(benchmark::kMillisecond)->MinTime(0.5)->UseRealTime();
 BENCHMARK(BM_VumoListEmptyLibrary)->Unit(benchmark::kMillisecond)->MinTime(0.5)->UseRealTime();
 BENCHMARK(BM_VumoDescribeSmallProject)->Unit(benchmark::kMillisecond)->MinTime(0.5)->UseRealTime();
+BENCHMARK(BM_VumoListSampleLibrary)->Unit(benchmark::kMillisecond)->MinTime(0.5)->UseRealTime();
+BENCHMARK(BM_VumoIdleWarmCache)->Unit(benchmark::kMillisecond)->MinTime(0.5)->UseRealTime();
 
 int main(int argc, char** argv) {
   char pattern[] = "/tmp/vumo-bench-XXXXXX";
@@ -114,7 +142,14 @@ int main(int argc, char** argv) {
        {"vumo cli version / true", "BM_VumoVersion", "BM_True", {}, 1.0, Clock::wall},
        {"list beyond version / true", "BM_VumoListEmptyLibrary", "BM_True", "BM_VumoVersion", 1.0, Clock::wall},
        {"describe (small project) beyond version / true", "BM_VumoDescribeSmallProject", "BM_True", "BM_VumoVersion",
-        1.0, Clock::wall}});
+        1.0, Clock::wall},
+       {"idle (sample, warm cache) / list (same library)",
+        "BM_VumoIdleWarmCache",
+        "BM_VumoListSampleLibrary",
+        {},
+        1.0,
+        Clock::wall},
+       {"idle beyond version / true", "BM_VumoIdleWarmCache", "BM_True", "BM_VumoVersion", 1.0, Clock::wall}});
   std::error_code ignored;
   std::filesystem::remove_all(dataHome, ignored);
   return status;

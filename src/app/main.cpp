@@ -7,6 +7,7 @@
 #include <string_view>
 #include <vector>
 
+#include "cli/settings_command.h"
 #include "cli/signal_cancellation.h"
 #include "cli/vumo_cli.h"
 
@@ -37,6 +38,12 @@ struct VumoEntryPoint {
     return cli.run(arguments);
   }
 
+  static int runSettings(const std::vector<std::string>& arguments) {
+    SignalCancellation cancellation;
+    SettingsCommand settings(cancellation.token(), VumoCLI::Streams::process(), &SettingsCommand::readStandardInput);
+    return settings.run(arguments);
+  }
+
   static int runApplication() {
     std::fputs(
         "vumo: the desktop application is not available in this build; run `vumo cli` for the agent command line.\n",
@@ -45,10 +52,12 @@ struct VumoEntryPoint {
   }
 
   static int main(int argc, char** argv) {
-    if (argc < 2 || std::string_view(argv[1]) != "cli") return runApplication();
+    const std::string_view verb = argc < 2 ? std::string_view() : std::string_view(argv[1]);
+    if (verb != "cli" && verb != "settings") return runApplication();
     // A reader that went away is a failed write (EPIPE), reported like any other, not a silent
     // death by signal.
     std::signal(SIGPIPE, SIG_IGN);
+    if (verb == "settings") return runSettings({argv + 2, argv + argc});
     std::vector<std::string> arguments(argv + 2, argv + argc);
     if (!arguments.empty() && (arguments.front() == "version" || arguments.front() == "--version")) {
       return printVersion();

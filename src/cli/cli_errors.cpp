@@ -28,6 +28,14 @@ constexpr ErrorCase<Output> outputCases[] = {
 };
 static_assert(inCaseOrder(outputCases));
 
+constexpr ErrorCase<CLIIdleError::Case> idleCases[] = {
+    {CLIIdleError::Case::audioTrackUnavailable, "audioTrackUnavailable", "cli.error.idleTrack",
+     "项目不包含所选静默分析音轨：{}", "validation", ErrorKind::validation},
+    {CLIIdleError::Case::noAudioTrack, "noAudioTrack", "cli.error.idleNoAudio",
+     "项目没有可用于静默分析的麦克风或系统声音轨。", "validation", ErrorKind::validation},
+};
+static_assert(inCaseOrder(idleCases));
+
 constexpr ErrorCase<CLIUnavailableError::Case> unavailableCases[] = {
     {CLIUnavailableError::Case::unavailable, "unavailable", "cli.error.unavailable",
      "{} is not available in this build of Vumo.", "execution", ErrorKind::failure},
@@ -43,6 +51,11 @@ const ErrorCatalogue<Argument>& CLIArgumentError::catalogue() {
 
 const ErrorCatalogue<Output>& CLIOutputError::catalogue() {
   static constexpr ErrorCatalogue<Case> catalogue{"CLIOutputError", "CLI", outputCases};
+  return catalogue;
+}
+
+const ErrorCatalogue<CLIIdleError::Case>& CLIIdleError::catalogue() {
+  static constexpr ErrorCatalogue<Case> catalogue{"CLIIdleError", "CLI", idleCases};
   return catalogue;
 }
 

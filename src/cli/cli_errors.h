@@ -41,6 +41,22 @@ class CLIOutputError : public Error {
   Case kind_;
 };
 
+// `idle` was asked for an audio track the recording does not have. The text names the track by
+// its case name ("systemAudio"), as recorded in the manifest.
+class CLIIdleError : public Error {
+ public:
+  enum class Case { audioTrackUnavailable, noAudioTrack };
+
+  static CLIIdleError audioTrackUnavailable(std::string_view kind) { return {Case::audioTrackUnavailable, kind}; }
+  static CLIIdleError noAudioTrack() { return {Case::noAudioTrack, {}}; }
+  Case kind() const { return kind_; }
+  static const ErrorCatalogue<Case>& catalogue();
+
+ private:
+  CLIIdleError(Case kind, std::string_view payload) : Error(catalogue(), kind, payload), kind_(kind) {}
+  Case kind_;
+};
+
 // A command whose service this build does not have. It parses fully and then ends here, so an
 // agent gets a clear "execution" answer instead of a made-up result.
 class CLIUnavailableError : public Error {

@@ -187,6 +187,19 @@ void to_json(Json& j, const CLICaptionImportResponse& v) {
   json::setOptional(j, "confirmationArguments", v.confirmationArguments);
 }
 
+void to_json(Json& j, const CLICaptionPreparationResponse& v) {
+  j = Json{{"protocolVersion", v.protocolVersion},
+           {"projectID", v.projectID},
+           {"jobID", v.jobID},
+           {"audioPath", v.audioPath},
+           {"resultPath", v.resultPath},
+           {"sourceTrack", v.sourceTrack},
+           {"timeDomain", v.timeDomain},
+           {"timelineDigest", v.timelineDigest},
+           {"captionFormatExample", v.captionFormatExample},
+           {"instructions", v.instructions}};
+}
+
 void to_json(Json& j, const CLICaptionGenerationResponse& v) {
   j = Json{{"protocolVersion", v.protocolVersion},
            {"projectID", v.projectID},

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "agent/caption_exchange.h"
 #include "agent/edit_plan_exchange.h"
 #include "cli/cli_models.h"
 #include "shared/date.h"
@@ -229,6 +230,20 @@ struct CLICaptionImportResponse {
   std::optional<std::vector<std::string>> confirmationArguments;
 };
 void to_json(Json& j, const CLICaptionImportResponse& v);
+
+struct CLICaptionPreparationResponse {
+  int protocolVersion = 1;
+  std::string projectID;
+  std::string jobID;
+  std::string audioPath;
+  std::string resultPath;
+  std::string sourceTrack;
+  std::string timeDomain = "source milliseconds";
+  std::string timelineDigest;
+  CaptionExchangeDocument captionFormatExample;
+  std::vector<std::string> instructions;
+};
+void to_json(Json& j, const CLICaptionPreparationResponse& v);
 
 struct CLICaptionGenerationResponse {
   int protocolVersion = 1;

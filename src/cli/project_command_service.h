@@ -1,6 +1,9 @@
 #pragma once
 
+#include <functional>
+#include <memory>
 #include <optional>
+#include <stop_token>
 #include <string>
 #include <vector>
 
@@ -10,6 +13,7 @@
 #include "cli/cli_models.h"
 #include "cli/cli_responses.h"
 #include "project/project_store.h"
+#include "transcription/caption_transcription_service.h"
 
 namespace vumo {
 
@@ -17,9 +21,24 @@ namespace vumo {
 // project as it stands; a preview writes nothing, and a commit repeats the computation and
 // writes only through the store's digest-guarded commit. The program never merges.
 // One call at a time; the store is borrowed.
+class WaveformProviding;
+
 class ProjectCommandService {
  public:
-  explicit ProjectCommandService(ProjectStore& store) : store_(store) {}
+  // The media work behind the analysis and caption commands. Each member left empty gets the real
+  // one, which reads the package's movie (and, for generation, talks to the cloud service); tests
+  // hand in their own.
+  struct MediaServices {
+    std::shared_ptr<WaveformProviding> waveforms;
+    std::function<void(const ProjectSnapshot&, MediaTrackKind, const std::filesystem::path&, std::stop_token)>
+        exportCaptionAudio;
+    std::function<CaptionGenerationResult(const ProjectSnapshot&, CaptionTrackSelection, std::stop_token)>
+        generateCaptions;
+  };
+
+  // `cancellation` ends long media work (decoding, export, transcription) at its next check.
+  explicit ProjectCommandService(ProjectStore& store, std::stop_token cancellation = {}, MediaServices media = {});
+  ~ProjectCommandService();
   ProjectCommandService(const ProjectCommandService&) = delete;
   ProjectCommandService& operator=(const ProjectCommandService&) = delete;
 
@@ -37,6 +56,10 @@ class ProjectCommandService {
   CLIProjectDescription describe(const std::string& projectID);
   CLIHistoryResponse history(const std::string& projectID);
   CLICaptionReadResponse readCaptions(const std::string& projectID);
+  CLIIdleResponse idle(const CLICommand::Idle& request);
+  CLICaptionPreparationResponse prepareCaptions(const std::string& projectID, MediaTrackKind track);
+  CLICaptionImportResponse importCaptions(const CLICaptionImportRequest& request);
+  CLICaptionGenerationResponse generateBailianCaptions(const std::string& projectID, CaptionTrackSelection track);
   CLIMutationResponse mutate(const CLIMutationRequest& request);
   CLIEditPlanPreparationResponse prepareEditPlan(const std::string& projectID);
   CLIEditPlanResponse executeEditPlan(const CLIEditPlanRequest& request);
@@ -54,6 +77,8 @@ class ProjectCommandService {
   MutationResult compute(const CLIMutation& mutation, const LoadedProject& project);
 
   ProjectStore& store_;
+  std::stop_token cancellation_;
+  MediaServices media_;
 };
 
 }  // namespace vumo

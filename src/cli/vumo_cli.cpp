@@ -143,7 +143,7 @@ int VumoCLI::run(const std::vector<std::string>& arguments) {
 Json VumoCLI::execute(const CLICommand& command) {
   // Every command but help gets the store, so the projects folder exists after any command.
   ProjectStore store(std::nullopt, cancellation_);
-  ProjectCommandService service(store);
+  ProjectCommandService service(store, cancellation_);
   return std::visit(
       [&](const auto& request) -> Json {
         using T = std::decay_t<decltype(request)>;
@@ -168,13 +168,13 @@ Json VumoCLI::execute(const CLICommand& command) {
           service.load(request.projectID);
           throw CLIUnavailableError("Rendering a frame");
         } else if constexpr (std::is_same_v<T, CLICommand::Idle>) {
-          throw CLIUnavailableError("Idle analysis");
+          return service.idle(request);
         } else if constexpr (std::is_same_v<T, CLICommand::CaptionsPrepare>) {
-          throw CLIUnavailableError("Caption preparation");
+          return service.prepareCaptions(request.projectID, request.track);
         } else if constexpr (std::is_same_v<T, CLICommand::CaptionsGenerate>) {
-          throw CLIUnavailableError("Cloud caption generation");
+          return service.generateBailianCaptions(request.projectID, request.track);
         } else if constexpr (std::is_same_v<T, CLICommand::CaptionsImport>) {
-          throw CLIUnavailableError("Caption import");
+          return service.importCaptions(request.request);
         } else {
           static_assert(std::is_same_v<T, CLICommand::Help>, "every command needs a dispatch");
           throw CLIUnavailableError("Help");  // answered before any store exists

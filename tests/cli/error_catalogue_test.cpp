@@ -17,6 +17,7 @@
 #include "agent/timeline_plan_engine.h"
 #include "captions/caption_errors.h"
 #include "cli/cli_errors.h"
+#include "media/media_errors.h"
 #include "project/project_store_error.h"
 #include "timeline/device_frame_catalog.h"
 #include "timeline/timeline_edit_engine.h"
@@ -24,6 +25,7 @@
 #include "timeline/timeline_settings_engine.h"
 #include "timeline/timeline_speed_engine.h"
 #include "timeline/timeline_validation_error.h"
+#include "transcription/transcription_errors.h"
 
 #ifndef VUMO_ERROR_CATALOGUE_GOLDEN
 #error "VUMO_ERROR_CATALOGUE_GOLDEN must name the golden file"
@@ -43,6 +45,13 @@ std::string_view exitClassWord(ErrorKind kind) {
   return "?";
 }
 
+// A text that runs over several lines stays one line of the listing.
+std::string oneLine(std::string text) {
+  for (std::size_t at = text.find('\n'); at != std::string::npos; at = text.find('\n', at + 2))
+    text.replace(at, 1, "\\n");
+  return text;
+}
+
 [[noreturn]] void unlisted() { throw std::logic_error("a case the test does not know how to build"); }
 
 class CatalogueListing {
@@ -60,7 +69,7 @@ class CatalogueListing {
       ErrorClassification classification = base.classification();
       lines_.push_back(std::string(catalogue.family) + " | " + std::string(row.name) + " | " + base.localizationKey() +
                        " | " + base.table() + " | " + classification.code + " | " +
-                       std::string(exitClassWord(classification.kind)) + " | " + base.what());
+                       std::string(exitClassWord(classification.kind)) + " | " + oneLine(base.what()));
     }
   }
 
@@ -148,7 +157,43 @@ std::vector<std::string> everyCase() {
     }
     unlisted();
   });
+  listing.add<CLIIdleError>([](CLIIdleError::Case kind) {
+    return kind == CLIIdleError::Case::noAudioTrack ? CLIIdleError::noAudioTrack()
+                                                    : CLIIdleError::audioTrackUnavailable("systemAudio");
+  });
   listing.add<CLIUnavailableError>([](auto) { return CLIUnavailableError("Export"); });
+
+  listing.add<MediaContainerError>([](auto kind) { return MediaContainerError(kind, "Invalid data found"); });
+  listing.add<TimelineCompositionError>([](TimelineCompositionError::Case kind) {
+    using Case = TimelineCompositionError::Case;
+    switch (kind) {
+      case Case::missingScreenDescription: return TimelineCompositionError::missingScreenDescription();
+      case Case::mediaTypeMismatch: return TimelineCompositionError::mediaTypeMismatch(1, "video");
+      case Case::missingTrack: return TimelineCompositionError::missingTrack(3);
+      case Case::cannotCreateTrack: return TimelineCompositionError::cannotCreateTrack("audio");
+      case Case::durationMismatch: return TimelineCompositionError::durationMismatch();
+    }
+    unlisted();
+  });
+  listing.add<WaveformServiceError>(
+      [](auto kind) { return WaveformServiceError(kind, "The media reader did not finish"); });
+  listing.add<CaptionAudioExporterError>([](CaptionAudioExporterError::Case kind) {
+    return kind == CaptionAudioExporterError::Case::missingTrack
+               ? CaptionAudioExporterError::missingTrack(MediaTrackKind::microphone)
+               : CaptionAudioExporterError(kind);
+  });
+  listing.add<CaptionTranscriptionError>([](CaptionTranscriptionError::Case kind) {
+    using Case = CaptionTranscriptionError::Case;
+    const char* detail = R"({"header":{"event":"task-failed","error_code":"InvalidApiKey"}})";
+    switch (kind) {
+      case Case::invalidResponse: return CaptionTranscriptionError::invalidResponse(detail);
+      case Case::missingTimestamps: return CaptionTranscriptionError::missingTimestamps("");
+      case Case::requestFailed: return CaptionTranscriptionError::requestFailed(detail);
+      case Case::missingTrack: return CaptionTranscriptionError::missingTrack();
+    }
+    unlisted();
+  });
+  listing.add<CloudCredentialError>([](auto kind) { return CloudCredentialError(kind); });
   return listing.lines();
 }
 

@@ -11,6 +11,7 @@
 #include "cli/agent_help_catalog.h"
 #include "cli/cli_errors.h"
 #include "cli/signal_cancellation.h"
+#include "project/project_store.h"
 #include "project/project_store_error.h"
 #include "shared/files.h"
 #include "shared/json.h"
@@ -76,10 +77,15 @@ TEST_F(DriverTest, SystemInfoAnswersOneDocumentWithoutIdentifyingTheMachine) {
 }
 
 TEST_F(DriverTest, CommandsWithoutAServiceFailAsExecutionNamingTheCapability) {
-  EXPECT_EQ(run({"idle", "abc"}), 6);
+  ProjectStore store;
+  auto created = store.createProject({}, {}, {640, 360}, std::nullopt, std::nullopt);
+  writeFileAtomically(created.package.mediaPath(), "movie");
+  created.manifest.duration = ProjectTime::fromMilliseconds(1'000);
+  store.finish(created.package, created.manifest);
+  EXPECT_EQ(run({"frame", created.manifest.id.string().substr(0, 8), "--ms", "0", "--out", "f.jpg"}), 6);
   Json envelope = Json::parse(captured.err);
   EXPECT_EQ(envelope["error"], "execution");
-  EXPECT_NE(envelope["message"].get<std::string>().find("Idle analysis"), std::string::npos);
+  EXPECT_NE(envelope["message"].get<std::string>().find("Rendering a frame"), std::string::npos);
   EXPECT_TRUE(captured.out.empty());
 }
 

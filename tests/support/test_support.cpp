@@ -84,11 +84,19 @@ ProcessResult run(const ProcessLaunch& launch) {
   envp.push_back(nullptr);
 
   using Output = ProcessLaunch::Output;
-  int out[2], err[2];
-  if (::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+  int out[2], err[2], in[2];
+  if (::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0 || ::pipe2(in, O_CLOEXEC) != 0)
+    throw std::runtime_error("pipe failed");
+  // The whole input fits the pipe's buffer, so it is written before the program starts and read
+  // to its end without a writer to wait for.
+  if (launch.standardInput.size() > 60'000) throw std::runtime_error("standard input too long for a test");
+  if (!launch.standardInput.empty() && ::write(in[1], launch.standardInput.data(), launch.standardInput.size()) !=
+                                           static_cast<ssize_t>(launch.standardInput.size()))
+    throw std::runtime_error("could not write standard input");
+  ::close(in[1]);
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+  posix_spawn_file_actions_adddup2(&actions, in[0], 0);
   if (launch.output == Output::file)
     posix_spawn_file_actions_addopen(&actions, 1, launch.outputFile.c_str(), O_WRONLY, 0);
   else
@@ -99,6 +107,7 @@ ProcessResult run(const ProcessLaunch& launch) {
   pid_t pid = 0;
   int rc = ::posix_spawn(&pid, words.front().c_str(), &actions, nullptr, argv.data(), envp.data());
   posix_spawn_file_actions_destroy(&actions);
+  ::close(in[0]);
   ::close(out[1]);
   ::close(err[1]);
   if (rc != 0) {

@@ -58,13 +58,15 @@ struct ProcessResult {
   std::string standardError;
 };
 
-// One program run: the one way tests start processes. Standard input is empty; a run that outlives
-// its timeout is killed, so a hang fails the test instead of hanging the suite.
+// One program run: the one way tests start processes. Standard input is `standardInput` (empty by
+// default) followed by its end; a run that outlives its timeout is killed, so a hang fails the test
+// instead of hanging the suite.
 struct ProcessLaunch {
   std::vector<std::string> words;  // words[0] is the program's path
   // Added to this process's environment; a variable given none is removed.
   std::map<std::string, std::optional<std::string>> environment;
   std::filesystem::path workingDirectory;  // by default the test's own
+  std::string standardInput;
   // Where standard output goes: a pipe that is read, an existing file, or a pipe whose reader has
   // gone before the first byte is written.
   enum class Output { pipe, file, closedPipe } output = Output::pipe;
