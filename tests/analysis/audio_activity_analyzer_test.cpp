@@ -6,18 +6,14 @@
 #include <string>
 #include <vector>
 
-#include "envelope_builder.h"
 #include "support/builders.h"
+#include "support/envelope_builder.h"
 
 namespace vumo {
 namespace {
 
 using namespace vumo::testing;
 using Ranges = std::vector<ProjectTimeRange>;
-
-WaveformPeak peakOf(int magnitude) {
-  return {static_cast<std::int16_t>(-magnitude), static_cast<std::int16_t>(std::min(magnitude, 32767))};
-}
 
 WaveformEnvelope envelopeOfMagnitudes(const std::vector<int>& magnitudes) {
   WaveformEnvelope envelope;

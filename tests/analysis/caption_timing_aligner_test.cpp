@@ -7,8 +7,8 @@
 #include <utility>
 #include <vector>
 
-#include "envelope_builder.h"
 #include "support/builders.h"
+#include "support/envelope_builder.h"
 
 namespace vumo {
 namespace {

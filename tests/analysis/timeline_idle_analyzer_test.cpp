@@ -9,18 +9,14 @@
 #include <vector>
 
 #include "analysis/audio_activity_analyzer.h"
-#include "envelope_builder.h"
 #include "support/builders.h"
+#include "support/envelope_builder.h"
 
 namespace vumo {
 namespace {
 
 using namespace vumo::testing;
 using Ranges = std::vector<ProjectTimeRange>;
-
-WaveformPeak peakOf(int magnitude) {
-  return {static_cast<std::int16_t>(-magnitude), static_cast<std::int16_t>(std::min(magnitude, 32767))};
-}
 
 TEST(TimelineIdleAnalyzerTest, MergeJoinsWithinTheGapAndDropsEmptyRanges) {
   struct Case {

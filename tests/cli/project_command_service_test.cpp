@@ -15,6 +15,7 @@
 #include "project/project_store_error.h"
 #include "shared/digest.h"
 #include "shared/json.h"
+#include "support/envelope_builder.h"
 #include "support/test_support.h"
 
 namespace vumo {
@@ -43,14 +44,12 @@ void writeEvents(const ProjectPackage& package, const std::vector<MouseEvent>& e
   chunks.flush();
 }
 
-// Loud (-6 dB) in the given millisecond spans, digital silence elsewhere, one peak per 20 ms.
+// Loud (-6 dB) in the given millisecond spans, digital silence elsewhere.
 WaveformEnvelope envelopeOf(MediaTrackKind kind, std::int64_t milliseconds,
                             const std::vector<std::pair<std::int64_t, std::int64_t>>& loud) {
-  WaveformEnvelope envelope{kind, std::vector<WaveformPeak>(static_cast<std::size_t>(milliseconds / 20))};
-  for (const auto& [start, end] : loud)
-    for (std::int64_t at = start; at < end; at += 20)
-      envelope.peaks[static_cast<std::size_t>(at / 20)] = {-16'384, 16'384};
-  return envelope;
+  testing::EnvelopeBuilder builder(kind);
+  for (const auto& [start, end] : loud) builder.burst(start, end);
+  return builder.silenceUntil(milliseconds).build();
 }
 
 struct FakeWaveforms : WaveformProviding {

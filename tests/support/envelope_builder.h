@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <string_view>
 
@@ -9,6 +10,11 @@ namespace vumo::testing {
 
 // Magnitudes with round levels: 16384 lies at -6.02 dB, 328 at -39.99 dB, 0 is digital silence.
 constexpr std::int16_t loud = 16384;
+
+// A bucket whose loudest sample has `magnitude` (0...32768) on both sides of zero.
+inline WaveformPeak peakOf(int magnitude) {
+  return {static_cast<std::int16_t>(-magnitude), static_cast<std::int16_t>(std::min(magnitude, 32767))};
+}
 
 // An envelope drawn one bucket (20 ms) per character: '.' digital silence, '#' loud.
 inline WaveformEnvelope envelopeOf(std::string_view buckets) {
@@ -23,6 +29,7 @@ inline WaveformEnvelope envelopeOf(std::string_view buckets) {
 // An envelope built from stretches of whole milliseconds (multiples of 20).
 class EnvelopeBuilder {
  public:
+  explicit EnvelopeBuilder(MediaTrackKind kind = MediaTrackKind::microphone) { envelope_.kind = kind; }
   EnvelopeBuilder& then(std::int64_t milliseconds, std::int16_t magnitude) {
     for (std::int64_t i = 0; i < milliseconds / WaveformEnvelope::bucketMilliseconds; ++i)
       envelope_.peaks.push_back({static_cast<std::int16_t>(-magnitude), magnitude});
