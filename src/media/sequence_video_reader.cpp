@@ -104,6 +104,7 @@ struct SequenceVideoReader::State {
 
   void position(std::int64_t sourceNanoseconds);
   void seekTo(std::int64_t sourceNanoseconds);
+  void seekDemuxer(std::int64_t sourceNanoseconds);
   std::optional<std::int64_t> keyframeTicksAtOrBefore(std::int64_t ticks) const;
   std::optional<TimedFrame> decodeNext(const std::optional<TimedFrame>& previous);
   void feed();
@@ -197,6 +198,26 @@ void SequenceVideoReader::State::position(std::int64_t sourceNanoseconds) {
 }
 
 void SequenceVideoReader::State::seekTo(std::int64_t sourceNanoseconds) {
+  // A keyframe may follow pictures that show earlier and lean on the group before it (an open
+  // group of pictures); those are not decodable after a seek, so the first picture can come out
+  // later than the time asked for. Then the reader seeks further back, each time twice as far,
+  // until a picture at or before the time comes first or the seek has reached the stream's start.
+  const std::int64_t streamStart = container.streamTimeRange(index).start.nanoseconds;
+  ++seekCount;
+  std::int64_t backoff = 0;
+  for (;;) {
+    const std::int64_t target = sourceNanoseconds - backoff;
+    seekDemuxer(target);
+    current = decodeNext(std::nullopt);
+    next = current ? decodeNext(current) : std::nullopt;
+    if (!current || current->nanoseconds <= sourceNanoseconds || target <= streamStart) break;
+    backoff = backoff == 0 ? nanosecondsPerSecond : backoff * 2;
+  }
+  currentPicture.reset();
+  if (current) currentCoversFrom = std::min(current->nanoseconds, sourceNanoseconds);
+}
+
+void SequenceVideoReader::State::seekDemuxer(std::int64_t sourceNanoseconds) {
   const std::int64_t ticks = av_rescale_q_rnd(sourceNanoseconds, AVRational{1, static_cast<int>(nanosecondsPerSecond)},
                                               timeBase, AV_ROUND_DOWN);
   AVFormatContext* format = container.formatContext();
@@ -205,11 +226,6 @@ void SequenceVideoReader::State::seekTo(std::int64_t sourceNanoseconds) {
   if (result < 0) result = avformat_seek_file(format, index, INT64_MIN, ticks, INT64_MAX, 0);
   if (result < 0) throwDecoding(stopToken(), "seek", result);
   avcodec_flush_buffers(codec.get());
-  ++seekCount;
-  currentPicture.reset();
-  current = decodeNext(std::nullopt);
-  next = current ? decodeNext(current) : std::nullopt;
-  if (current) currentCoversFrom = std::min(current->nanoseconds, sourceNanoseconds);
 }
 
 std::optional<std::int64_t> SequenceVideoReader::State::keyframeTicksAtOrBefore(std::int64_t ticks) const {

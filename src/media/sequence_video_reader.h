@@ -68,8 +68,8 @@ class SequenceVideoReader {
   // CancelledError.
   std::optional<VideoFrame> frameAt(ProjectTime sequenceTime);
 
-  // How often the reader has positioned the demuxer, for tests and measurements of access
-  // patterns.
+  // How often the reader has jumped (seeking, then decoding up to the time) instead of decoding
+  // forward: for tests and measurements of access patterns.
   std::int64_t seekCount() const;
 
  private:
