@@ -19,6 +19,7 @@ constexpr std::int64_t codedStream = 1;     // 4 s; sample n is (n mod 32000, fl
 constexpr std::int64_t constantStream = 2;  // 2 s; 8000 on both channels
 constexpr std::int64_t sineStream = 3;      // 4 s; 440 Hz at half scale on both channels
 constexpr std::int64_t quietStream = 4;     // 4 s; 2000 left, -2000 right
+constexpr std::int64_t monoStream = 5;      // 4 s; 8000 on its one channel
 
 constexpr int rate = 48'000;
 
@@ -41,10 +42,10 @@ class SequenceAudio : public ::testing::Test {
     fixture.inputs = lavfiInput(smallVideoGraph(4));
     for (const auto& input : {audioInput({"mod(n,32000)", "floor(n/32000)*1000"}, 4), audioInput({"8000", "8000"}, 2),
                               audioInput({"16384*sin(2*PI*440*n/48000)", "16384*sin(2*PI*440*n/48000)"}, 4),
-                              audioInput({"2000", "-2000"}, 4)})
+                              audioInput({"2000", "-2000"}, 4), audioInput({"8000"}, 4)})
       fixture.inputs.insert(fixture.inputs.end(), input.begin(), input.end());
-    fixture.outputOptions = {"-map", "0:v",  "-map", "1:a",  "-map",  "2:a",  "-map",
-                             "3:a",  "-map", "4:a",  "-c:v", "mjpeg", "-c:a", "pcm_s16le"};
+    fixture.outputOptions = {"-map", "0:v", "-map", "1:a", "-map", "2:a",   "-map", "3:a",
+                             "-map", "4:a", "-map", "5:a", "-c:v", "mjpeg", "-c:a", "pcm_s16le"};
     fixture.tracks = {{MediaTrackKind::screen, screenStream},
                       {MediaTrackKind::systemAudio, codedStream},
                       {MediaTrackKind::microphone, constantStream}};
@@ -321,6 +322,18 @@ TEST_F(SequenceAudio, ResamplesToTheOutputFormat) {
     // Well inside the first piece the level is the source's on the front channels.
     const std::size_t middle = static_cast<std::size_t>(row.frames / 4 * row.format.channelCount);
     EXPECT_NEAR(all[middle] * 32768.0, row.level, 40);
+  }
+}
+
+TEST_F(SequenceAudio, AMonoSourceIsHeardAtItsLevelOnEveryChannel) {
+  const TimelineCompositionPlan plan =
+      planOf({audioTrack(monoStream, {piece(rangeMs(0, 1000), ms(0), ms(1000))})}, ms(1000));
+  for (int channels : {1, 2, 6}) {
+    SCOPED_TRACE(channels);
+    SequenceAudioReader reader(open(), plan, {48'000, channels});
+    std::vector<float> all = readAll(reader);
+    ASSERT_EQ(all.size(), static_cast<std::size_t>(48'000 * channels));
+    for (int c = 0; c < channels; ++c) EXPECT_EQ(all[static_cast<std::size_t>(24'000 * channels + c)] * 32768, 8000);
   }
 }
 
