@@ -36,6 +36,12 @@ constexpr ErrorCase<CLIIdleError::Case> idleCases[] = {
 };
 static_assert(inCaseOrder(idleCases));
 
+constexpr ErrorCase<MediaModuleError::Case> moduleCases[] = {
+    {MediaModuleError::Case::unavailable, "unavailable", "media.module.unavailable",
+     "The media component of Vumo could not be loaded: {}", "execution", ErrorKind::failure},
+};
+static_assert(inCaseOrder(moduleCases));
+
 constexpr ErrorCase<CLIUnavailableError::Case> unavailableCases[] = {
     {CLIUnavailableError::Case::unavailable, "unavailable", "cli.error.unavailable",
      "{} is not available in this build of Vumo.", "execution", ErrorKind::failure},
@@ -56,6 +62,11 @@ const ErrorCatalogue<Output>& CLIOutputError::catalogue() {
 
 const ErrorCatalogue<CLIIdleError::Case>& CLIIdleError::catalogue() {
   static constexpr ErrorCatalogue<Case> catalogue{"CLIIdleError", "CLI", idleCases};
+  return catalogue;
+}
+
+const ErrorCatalogue<MediaModuleError::Case>& MediaModuleError::catalogue() {
+  static constexpr ErrorCatalogue<Case> catalogue{"MediaModuleError", "Media", moduleCases};
   return catalogue;
 }
 

@@ -57,6 +57,18 @@ class CLIIdleError : public Error {
   Case kind_;
 };
 
+// The media engine, a part of the program loaded on demand, cannot be used: a broken or partial
+// installation. Reported as "execution".
+class MediaModuleError : public Error {
+ public:
+  enum class Case { unavailable };
+  static MediaModuleError unavailable(std::string_view reason) { return MediaModuleError(reason); }
+  static const ErrorCatalogue<Case>& catalogue();
+
+ private:
+  explicit MediaModuleError(std::string_view reason) : Error(catalogue(), Case::unavailable, reason) {}
+};
+
 // A command whose service this build does not have. It parses fully and then ends here, so an
 // agent gets a clear "execution" answer instead of a made-up result.
 class CLIUnavailableError : public Error {

@@ -10,10 +10,9 @@
 #include "analysis/timeline_idle_analyzer.h"
 #include "captions/caption_coverage.h"
 #include "cli/cli_errors.h"
+#include "cli/media_module_loader.h"
 #include "cli/project_command_service.h"
 #include "cli/project_inspector.h"
-#include "media/caption_audio_exporter.h"
-#include "media/waveform_service.h"
 #include "shared/digest.h"
 #include "shared/files.h"
 #include "shared/json.h"
@@ -64,15 +63,30 @@ const std::vector<std::string>& captionInstructions() {
 
 CLIRange millisecondRange(const ProjectTimeRange& range) { return CLIRange::from(range); }
 
+// The engine's waveform service, made on first use.
+class LoadedWaveforms final : public WaveformProviding {
+ public:
+  WaveformEnvelope envelope(MediaTrackKind kind, const ProjectSnapshot& snapshot,
+                            const std::function<void(double)>& progress, std::stop_token stop) override {
+    if (!service_) service_ = MediaModuleLoader::load().makeWaveformService();
+    return service_->envelope(kind, snapshot, progress, std::move(stop));
+  }
+
+ private:
+  std::shared_ptr<WaveformProviding> service_;
+};
+
 }  // namespace
 
 ProjectCommandService::ProjectCommandService(ProjectStore& store, std::stop_token cancellation, MediaServices media)
     : store_(store), cancellation_(std::move(cancellation)), media_(std::move(media)) {
-  if (!media_.waveforms) media_.waveforms = std::make_shared<WaveformService>();
+  // The real engine is loaded only when a command first needs it, so commands that never decode
+  // start without FFmpeg.
+  if (!media_.waveforms) media_.waveforms = std::make_shared<LoadedWaveforms>();
   if (!media_.exportCaptionAudio)
     media_.exportCaptionAudio = [](const ProjectSnapshot& snapshot, MediaTrackKind kind, const fs::path& target,
                                    std::stop_token cancellation) {
-      CaptionAudioExporter::exportAudio(snapshot, kind, target, std::move(cancellation));
+      MediaModuleLoader::load().exportCaptionAudio(snapshot, kind, target, std::move(cancellation));
     };
   if (!media_.generateCaptions) {
     auto exporter = media_.exportCaptionAudio;
@@ -135,6 +149,15 @@ CLICaptionPreparationResponse ProjectCommandService::prepareCaptions(const std::
   const ProjectSnapshot& snapshot = project.snapshot;
   const Uuid jobID = Uuid::random();
   const fs::path folder = createExchangeJobDirectory(jobID);
+  // A job is whole or absent: an agent that lists the exchange never meets audio without its job.
+  struct HalfMadeJob {
+    const fs::path& folder;
+    bool finished = false;
+    ~HalfMadeJob() {
+      std::error_code ignored;
+      if (!finished) fs::remove_all(folder, ignored);
+    }
+  } halfMade{folder};
   const fs::path audio = folder / captionExchangeAudioFileName;
   media_.exportCaptionAudio(snapshot, track, audio, cancellation_);
 
@@ -147,6 +170,7 @@ CLICaptionPreparationResponse ProjectCommandService::prepareCaptions(const std::
   job.sourceDurationMilliseconds = snapshot.manifest.duration.cliMilliseconds();
   job.createdAt = Timestamp::now();
   writeFileAtomically(folder / exchangeJobFileName, encodeCaptionExchangeJob(job));
+  halfMade.finished = true;
 
   // One cue and one word that fit inside the recording, however short it is.
   const std::int64_t duration = job.sourceDurationMilliseconds;

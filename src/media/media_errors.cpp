@@ -119,4 +119,27 @@ const ErrorCatalogue<CaptionAudioExporterError::Case>& CaptionAudioExporterError
   return catalogue;
 }
 
+namespace {
+
+using Reader = SequenceReaderError::Case;
+constexpr ErrorCase<Reader> readerCases[] = {
+    {Reader::unsupportedStream, "unsupportedStream", "media.reader.stream",
+     "The project media track cannot be decoded: {}", "execution", ErrorKind::failure},
+    {Reader::decodingFailed, "decodingFailed", "media.reader.decode", "The project media could not be decoded: {}",
+     "execution", ErrorKind::failure},
+    {Reader::conversionFailed, "conversionFailed", "media.reader.convert",
+     "The decoded project media could not be converted: {}", "execution", ErrorKind::failure},
+};
+static_assert(inCaseOrder(readerCases));
+
+}  // namespace
+
+SequenceReaderError::SequenceReaderError(Case kind, std::string_view detail)
+    : Error(catalogue(), kind, detail), kind_(kind) {}
+
+const ErrorCatalogue<SequenceReaderError::Case>& SequenceReaderError::catalogue() {
+  static constexpr ErrorCatalogue<Case> catalogue{"SequenceReaderError", mediaLocalizationTable, readerCases};
+  return catalogue;
+}
+
 }  // namespace vumo

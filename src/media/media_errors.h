@@ -95,4 +95,21 @@ class CaptionAudioExporterError : public Error {
   Case kind_;
 };
 
+// A stream that the sequence readers (audio and video) cannot decode, a decoder or demuxer that
+// failed, or a conversion step (resampler, time stretcher, scaler) that failed. One family for
+// both readers, so a caller handles one whichever failed; the payload names the stage and libav's
+// text.
+class SequenceReaderError : public Error {
+ public:
+  enum class Case { unsupportedStream, decodingFailed, conversionFailed };
+
+  explicit SequenceReaderError(Case kind, std::string_view detail = {});
+
+  Case kind() const noexcept { return kind_; }
+  static const ErrorCatalogue<Case>& catalogue();
+
+ private:
+  Case kind_;
+};
+
 }  // namespace vumo

@@ -10,7 +10,7 @@
 #include <optional>
 
 #include "media/media_container.h"
-#include "media/sequence_reader_support.h"
+#include "media/media_errors.h"
 #include "media/timeline_composition.h"
 #include "shared/project_time.h"
 

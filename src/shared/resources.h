@@ -1,8 +1,9 @@
 #pragma once
 
 // Files the program reads at run time besides projects: the device frame catalogue and its images
-// today. They are installed in `share/vumo` beside `bin/vumo`, and the build keeps the same layout
-// (`<build>/share/vumo`), so a program finds them from where it runs, built or installed, and no
+// in `share/vumo`, and the parts of the program it loads on demand (the media engine) in
+// `lib/vumo`, both beside `bin/vumo`. The build keeps the same layout (`<build>/share/vumo`,
+// `<build>/lib/vumo`), so a program finds them from where it runs, built or installed, and no
 // folder of the machine that built it is written into it.
 
 #include <filesystem>
@@ -19,6 +20,11 @@ struct ResourceLocator {
   // `<prefix>/share/vumo` for `<prefix>/bin/vumo`, `<build>/share/vumo` for anything built in
   // `<build>`. None when there is no such folder.
   static std::optional<std::filesystem::path> forExecutable(const std::filesystem::path& executable);
+
+  // The folder of the loadable parts, found the same way: $VUMO_MODULE_DIR, else the first
+  // `lib/vumo` folder in or above the executable's folder.
+  static std::optional<std::filesystem::path> moduleDirectory();
+  static std::optional<std::filesystem::path> modulesForExecutable(const std::filesystem::path& executable);
 };
 
 }  // namespace vumo

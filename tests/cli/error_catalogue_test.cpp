@@ -162,6 +162,8 @@ std::vector<std::string> everyCase() {
                                                     : CLIIdleError::audioTrackUnavailable("systemAudio");
   });
   listing.add<CLIUnavailableError>([](auto) { return CLIUnavailableError("Export"); });
+  listing.add<MediaModuleError>(
+      [](auto) { return MediaModuleError::unavailable("no lib/vumo folder beside the program"); });
 
   listing.add<MediaContainerError>([](auto kind) { return MediaContainerError(kind, "Invalid data found"); });
   listing.add<TimelineCompositionError>([](TimelineCompositionError::Case kind) {
@@ -177,6 +179,7 @@ std::vector<std::string> everyCase() {
   });
   listing.add<WaveformServiceError>(
       [](auto kind) { return WaveformServiceError(kind, "The media reader did not finish"); });
+  listing.add<SequenceReaderError>([](auto kind) { return SequenceReaderError(kind, "Invalid data found"); });
   listing.add<CaptionAudioExporterError>([](CaptionAudioExporterError::Case kind) {
     return kind == CaptionAudioExporterError::Case::missingTrack
                ? CaptionAudioExporterError::missingTrack(MediaTrackKind::microphone)

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "project/project_store.h"
+#include "sample_project.h"
 #include "shared/files.h"
 #include "shared/json.h"
 #include "support/test_support.h"
@@ -69,14 +70,39 @@ TEST(InstalledProgram, RunsFromAnywhereWithItsResourcesAndNoBuildPaths) {
   EXPECT_EQ(Json::parse(stranded.standardError)["message"],
             TimelineValidationError::of(TimelineValidationError::Case::invalidDeviceFrame).what());
 
+  // The media engine is loaded from lib/vumo of the prefix only when a command decodes: the copy
+  // without it still lists, and says what is missing when asked to listen.
+  std::string sample;
+  {
+    testing::ScopedEnvironmentVariable home("XDG_DATA_HOME", dataHome.path().string());
+    ProjectStore store;
+    sample = store.readManifest(makeSampleProject(store)).id.string();
+  }
+  ASSERT_TRUE(fs::is_regular_file(prefix.path() / "lib" / "vumo" / "vumo-media.so"));
+  auto idle = testing::runProgram(program, {"cli", "idle", sample.substr(0, 8)}, plain, elsewhere.path());
+  EXPECT_EQ(idle.status, 0) << idle.standardError;
+  EXPECT_EQ(Json::parse(idle.standardOutput)["analyzedTrack"], "microphone");
+  const auto withoutModules = [&] {
+    auto environment = plain;
+    environment["VUMO_MODULE_DIR"] = std::nullopt;
+    return environment;
+  }();
+  EXPECT_EQ(testing::runProgram(elsewhere.path() / "vumo", {"cli", "list"}, withoutModules).status, 0);
+  auto deaf = testing::runProgram(elsewhere.path() / "vumo", {"cli", "idle", sample.substr(0, 8)}, withoutModules);
+  EXPECT_EQ(deaf.status, 6);
+  EXPECT_EQ(Json::parse(deaf.standardError)["message"],
+            "The media component of Vumo could not be loaded: no lib/vumo folder beside the program");
+
   // No path of the machine that built it: not the sources, not the build folder. (The sanitizers'
   // source locations keep header paths whatever the prefix maps say; that build is never shipped.)
 #ifdef VUMO_SANITIZED_BUILD
   return;
 #endif
-  const std::string bytes = readFile(program, SIZE_MAX);
-  for (const fs::path& folder : {fs::path(VUMO_TEST_SOURCE_DIR), build})
-    EXPECT_EQ(bytes.find(folder.lexically_normal().string()), std::string::npos) << folder;
+  for (const fs::path& file : {program, prefix.path() / "lib" / "vumo" / "vumo-media.so"}) {
+    const std::string bytes = readFile(file, SIZE_MAX);
+    for (const fs::path& folder : {fs::path(VUMO_TEST_SOURCE_DIR), build})
+      EXPECT_EQ(bytes.find(folder.lexically_normal().string()), std::string::npos) << file << " names " << folder;
+  }
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 #include "project/chunk_store.h"
 #include "project/project_fixtures.h"
 #include "project/project_store_error.h"
+#include "shared/cancellation.h"
 #include "shared/digest.h"
 #include "shared/json.h"
 #include "support/envelope_builder.h"
@@ -235,6 +236,18 @@ TEST_F(CaptionExchangeCommandsTest, PrepareWritesTheAudioAndAJobBoundToIt) {
   ASSERT_EQ(example.cues.size(), 1u);
   EXPECT_EQ(example.cues[0].endMilliseconds, 1'000);
   EXPECT_EQ(job.instructions.size(), 3u);
+}
+
+TEST_F(CaptionExchangeCommandsTest, AFailedPreparationLeavesNoHalfMadeJob) {
+  ProjectCommandService::MediaServices media;
+  media.waveforms = waveforms;
+  media.exportCaptionAudio = [](const ProjectSnapshot&, MediaTrackKind, const fs::path& target, std::stop_token) {
+    writeFileAtomically(target, "RIFF");  // part of the audio, then Ctrl-C
+    throw CancelledError();
+  };
+  ProjectCommandService cancelled(fixture.store, {}, media);
+  EXPECT_THROW(cancelled.prepareCaptions(id, MediaTrackKind::microphone), CancelledError);
+  EXPECT_TRUE(fs::is_empty(exchangeRootDirectory()));
 }
 
 TEST_F(CaptionExchangeCommandsTest, ImportPreviewWritesNothingAndItsCommitStoresWhatItShowed) {

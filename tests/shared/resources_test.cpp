@@ -44,6 +44,32 @@ TEST(ResourceLocator, FindsShareVumoBesideTheExecutableOrAboveIt) {
   EXPECT_EQ(ResourceLocator::forExecutable(""), std::nullopt);
 }
 
+TEST(ResourceLocator, FindsTheLoadablePartsInLibVumoTheSameWay) {
+  struct Case {
+    const char* name;
+    const char* executable;
+    const char* folder;
+    const char* expected;
+  } cases[] = {
+      {"installed", "prefix/bin/vumo", "prefix/lib/vumo", "prefix/lib/vumo"},
+      {"in a build tree", "build/src/app/vumo", "build/lib/vumo", "build/lib/vumo"},
+      {"resources are not modules", "prefix/bin/vumo", "prefix/share/vumo", nullptr},
+  };
+  testing::ScopedEnvironmentVariable noOverride("VUMO_MODULE_DIR", std::nullopt);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    testing::TemporaryDirectory root;
+    createDirectories(root.path() / c.folder);
+    std::optional<fs::path> found = ResourceLocator::modulesForExecutable(root.path() / c.executable);
+    if (c.expected == nullptr)
+      EXPECT_EQ(found, std::nullopt);
+    else
+      EXPECT_EQ(found, root.path() / c.expected);
+  }
+  testing::ScopedEnvironmentVariable override("VUMO_MODULE_DIR", "/opt/vumo-modules");
+  EXPECT_EQ(ResourceLocator::modulesForExecutable("/usr/bin/vumo"), fs::path("/opt/vumo-modules"));
+}
+
 TEST(ResourceLocator, TheEnvironmentOverridesUnlessEmpty) {
   testing::TemporaryDirectory root;
   createDirectories(root.path() / "share/vumo");
