@@ -18,6 +18,7 @@ extern "C" {
 #include <string>
 #include <vector>
 
+#include "media/waveform_cache.h"
 #include "media/waveform_service.h"
 #include "recording_reporter.h"
 #include "shared/files.h"
@@ -71,7 +72,7 @@ void BM_WaveformEnvelope(benchmark::State& state) {
   WaveformService service;
   for (auto _ : state) {
     state.PauseTiming();
-    fs::remove(WaveformService::cachePath(snapshot, MediaTrackKind::systemAudio));
+    fs::remove(WaveformCache::path(snapshot, MediaTrackKind::systemAudio));
     state.ResumeTiming();
     WaveformEnvelope envelope = service.envelope(MediaTrackKind::systemAudio, snapshot, {}, {});
     benchmark::DoNotOptimize(envelope.peaks.data());

@@ -13,6 +13,7 @@
 #include "cli/media_module_loader.h"
 #include "cli/project_command_service.h"
 #include "cli/project_inspector.h"
+#include "media/waveform_cache.h"
 #include "shared/digest.h"
 #include "shared/files.h"
 #include "shared/json.h"
@@ -63,11 +64,16 @@ const std::vector<std::string>& captionInstructions() {
 
 CLIRange millisecondRange(const ProjectTimeRange& range) { return CLIRange::from(range); }
 
-// The engine's waveform service, made on first use.
+// The engine's waveform service, made on first use. A current cache is read here first: an agent
+// that asks `idle` again with other thresholds then never waits for the engine to load.
 class LoadedWaveforms final : public WaveformProviding {
  public:
   WaveformEnvelope envelope(MediaTrackKind kind, const ProjectSnapshot& snapshot,
                             const std::function<void(double)>& progress, std::stop_token stop) override {
+    if (auto cached = WaveformCache::current(snapshot, kind)) {
+      if (progress) progress(1.0);
+      return std::move(*cached);
+    }
     if (!service_) service_ = MediaModuleLoader::load().makeWaveformService();
     return service_->envelope(kind, snapshot, progress, std::move(stop));
   }

@@ -15,6 +15,7 @@
 #include "media/media_container.h"
 #include "media/media_errors.h"
 #include "media/timeline_track_resolver.h"
+#include "media/waveform_cache.h"
 #include "project/project_package.h"
 #include "shared/cancellation.h"
 #include "shared/files.h"
@@ -27,24 +28,8 @@ namespace {
 
 static_assert(std::endian::native == std::endian::little, "PCM buffers are read as native 16-bit samples");
 
-constexpr char cacheMagic[4] = {'C', 'S', 'W', 'F'};
-constexpr std::uint16_t cacheVersion = 1;
 constexpr int decodingRate = 48'000;
 constexpr int progressEveryBuffers = 50;
-
-template <class T>
-T readLittleEndian(const std::string& bytes, std::size_t offset) {
-  std::make_unsigned_t<T> value = 0;
-  for (std::size_t i = 0; i < sizeof(T); ++i)
-    value |= static_cast<std::make_unsigned_t<T>>(static_cast<unsigned char>(bytes[offset + i])) << (8 * i);
-  return static_cast<T>(value);
-}
-
-template <class T>
-void appendLittleEndian(std::string& bytes, T value) {
-  auto bits = static_cast<std::make_unsigned_t<T>>(value);
-  for (std::size_t i = 0; i < sizeof(T); ++i) bytes.push_back(static_cast<char>((bits >> (8 * i)) & 0xff));
-}
 
 const MediaTrack* manifestTrack(const ProjectManifest& manifest, MediaTrackKind kind) {
   for (const MediaTrack& track : manifest.media.tracks)
@@ -159,7 +144,7 @@ std::vector<WaveformPeak> decode(const MediaContainer& container, std::int64_t s
       if (buffer.presentationNanoseconds) {
         const std::int64_t bucket =
             std::max<std::int64_t>(*buffer.presentationNanoseconds, 0) / WaveformEnvelope::bucketNanoseconds;
-        if (bucket <= static_cast<std::int64_t>(WaveformService::maximumCachedPeaks)) accumulator.padTo(bucket);
+        if (bucket <= static_cast<std::int64_t>(WaveformCache::maximumCachedPeaks)) accumulator.padTo(bucket);
       }
       processedSamples += static_cast<std::int64_t>(buffer.sampleCount);
       accumulator.add(buffer.samples, buffer.sampleCount);
@@ -176,68 +161,6 @@ std::vector<WaveformPeak> decode(const MediaContainer& container, std::int64_t s
 
 }  // namespace
 
-std::filesystem::path WaveformService::cachePath(const ProjectSnapshot& snapshot, MediaTrackKind kind) {
-  return ProjectPackage{snapshot.packagePath}.waveformCacheDirectory() / (std::string(nameOf(kind)) + ".cswf");
-}
-
-MediaFingerprint WaveformService::fingerprint(const std::filesystem::path& media) {
-  struct stat status {};
-  if (::lstat(media.c_str(), &status) != 0) {
-    std::string text = fmt::format("Could not read the attributes of {}: {}", media.string(), std::strerror(errno));
-    if (isSystemFailure(errno)) throw SystemFileError(text);
-    throw FileError(text);
-  }
-  if (!S_ISREG(status.st_mode)) throw MediaContainerError(MediaContainerError::Case::notRegularFile);
-  // The time goes through a double count of seconds, as the cache files written so far have it.
-  const double seconds = static_cast<double>(status.st_mtim.tv_sec) + static_cast<double>(status.st_mtim.tv_nsec) / 1e9;
-  return {static_cast<std::uint64_t>(status.st_size), static_cast<std::int64_t>(seconds * 1'000'000'000.0)};
-}
-
-WaveformEnvelope WaveformService::readCache(const std::filesystem::path& path, MediaTrackKind kind,
-                                            std::int64_t trackIndex, const MediaFingerprint& fingerprint) {
-  const std::string bytes = readFile(path, cacheHeaderBytes + 4 * maximumCachedPeaks);
-  auto invalid = [] { return WaveformServiceError(WaveformServiceError::Case::invalidCache); };
-  if (bytes.size() < cacheHeaderBytes || std::memcmp(bytes.data(), cacheMagic, 4) != 0) throw invalid();
-  if (readLittleEndian<std::uint16_t>(bytes, 4) != cacheVersion) throw invalid();
-  if (readLittleEndian<std::uint16_t>(bytes, 6) != trackIndex) throw invalid();
-  if (readLittleEndian<std::uint64_t>(bytes, 8) != fingerprint.size ||
-      readLittleEndian<std::int64_t>(bytes, 16) != fingerprint.modifiedNanoseconds)
-    throw invalid();
-  if (readLittleEndian<std::uint64_t>(bytes, 24) != static_cast<std::uint64_t>(WaveformEnvelope::bucketNanoseconds))
-    throw invalid();
-  const std::int64_t count = readLittleEndian<std::int64_t>(bytes, 32);
-  if (count < 0 || count > std::numeric_limits<std::int64_t>::max() / 4) throw invalid();
-  if (bytes.size() - cacheHeaderBytes != static_cast<std::uint64_t>(count) * 4) throw invalid();
-
-  WaveformEnvelope envelope;
-  envelope.kind = kind;
-  envelope.peaks.resize(static_cast<std::size_t>(count));
-  for (std::size_t i = 0; i < envelope.peaks.size(); ++i) {
-    const std::size_t offset = cacheHeaderBytes + 4 * i;
-    envelope.peaks[i] = {readLittleEndian<std::int16_t>(bytes, offset),
-                         readLittleEndian<std::int16_t>(bytes, offset + 2)};
-  }
-  return envelope;
-}
-
-void WaveformService::writeCache(const std::filesystem::path& path, const WaveformEnvelope& envelope,
-                                 std::int64_t trackIndex, const MediaFingerprint& fingerprint) {
-  std::string bytes;
-  bytes.reserve(cacheHeaderBytes + 4 * envelope.peaks.size());
-  bytes.append(cacheMagic, 4);
-  appendLittleEndian<std::uint16_t>(bytes, cacheVersion);
-  appendLittleEndian<std::uint16_t>(bytes, static_cast<std::uint16_t>(std::clamp<std::int64_t>(trackIndex, 0, 65535)));
-  appendLittleEndian<std::uint64_t>(bytes, fingerprint.size);
-  appendLittleEndian<std::int64_t>(bytes, fingerprint.modifiedNanoseconds);
-  appendLittleEndian<std::uint64_t>(bytes, static_cast<std::uint64_t>(WaveformEnvelope::bucketNanoseconds));
-  appendLittleEndian<std::uint64_t>(bytes, envelope.peaks.size());
-  for (const WaveformPeak& peak : envelope.peaks) {
-    appendLittleEndian<std::int16_t>(bytes, peak.minimum);
-    appendLittleEndian<std::int16_t>(bytes, peak.maximum);
-  }
-  writeFileAtomically(path, bytes);
-}
-
 WaveformEnvelope WaveformService::envelope(MediaTrackKind kind, const ProjectSnapshot& snapshot,
                                            const std::function<void(double)>& progress, std::stop_token stopToken) {
   std::lock_guard lock(oneRequestAtATime_);
@@ -248,12 +171,12 @@ WaveformEnvelope WaveformService::envelope(MediaTrackKind kind, const ProjectSna
   if (described == nullptr) throw WaveformServiceError(WaveformServiceError::Case::cannotReadTrack);
   createDirectories(ProjectPackage{snapshot.packagePath}.waveformCacheDirectory());
   const std::filesystem::path movie = MediaContainer::moviePath(snapshot);
-  const MediaFingerprint print = fingerprint(movie);
-  const std::filesystem::path cache = cachePath(snapshot, kind);
+  const MediaFingerprint print = WaveformCache::fingerprint(movie);
+  const std::filesystem::path cache = WaveformCache::path(snapshot, kind);
 
   // A damaged, stale or unreadable cache only costs a decode; it is never reported.
   try {
-    WaveformEnvelope cached = readCache(cache, kind, described->trackIndex, print);
+    WaveformEnvelope cached = WaveformCache::read(cache, kind, described->trackIndex, print);
     if (progress) progress(1.0);
     return cached;
   } catch (const std::exception&) {
@@ -268,7 +191,7 @@ WaveformEnvelope WaveformService::envelope(MediaTrackKind kind, const ProjectSna
   result.kind = kind;
   result.peaks = decode(container, track->streamIndex, snapshot.manifest.duration, progress, stopToken);
   throwIfCancelled(stopToken);  // a cancelled decode leaves no cache behind
-  writeCache(cache, result, described->trackIndex, print);
+  WaveformCache::write(cache, result, described->trackIndex, print);
   if (progress) progress(1.0);
   return result;
 }

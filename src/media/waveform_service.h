@@ -32,35 +32,12 @@ class WaveformProviding {
                                     const std::function<void(double)>& progress, std::stop_token stopToken) = 0;
 };
 
-// The identity of a movie's bytes as far as the cache is concerned.
-struct MediaFingerprint {
-  std::uint64_t size = 0;
-  std::int64_t modifiedNanoseconds = 0;
-  friend bool operator==(const MediaFingerprint&, const MediaFingerprint&) = default;
-};
-
-// Keeps no state but the files: every request reads the cache anew. Requests to one service run
+// Keeps no state but the files: every request reads the cache (waveform_cache.h) anew. Requests to one service run
 // one after the other.
 class WaveformService final : public WaveformProviding {
  public:
-  // A cache that would hold more peaks than 48 hours of audio is not read.
-  static constexpr std::uint64_t maximumCachedPeaks = 48ull * 3600 * 50;
-  static constexpr std::size_t cacheHeaderBytes = 40;
-
   WaveformEnvelope envelope(MediaTrackKind kind, const ProjectSnapshot& snapshot,
                             const std::function<void(double)>& progress, std::stop_token stopToken) override;
-
-  static std::filesystem::path cachePath(const ProjectSnapshot& snapshot, MediaTrackKind kind);
-  // Size and modification time of a regular file (the time as whole nanoseconds of a double
-  // count of seconds, truncated). Throws FileError, MediaContainerError::notRegularFile.
-  static MediaFingerprint fingerprint(const std::filesystem::path& media);
-  // Throws WaveformServiceError::invalidCache for a file that fails any check, FileError when it
-  // cannot be read (or is no regular file, or is too large to be a cache).
-  static WaveformEnvelope readCache(const std::filesystem::path& path, MediaTrackKind kind, std::int64_t trackIndex,
-                                    const MediaFingerprint& fingerprint);
-  // One atomic replace. Throws FileError.
-  static void writeCache(const std::filesystem::path& path, const WaveformEnvelope& envelope, std::int64_t trackIndex,
-                         const MediaFingerprint& fingerprint);
 
  private:
   std::mutex oneRequestAtATime_;

@@ -6,6 +6,7 @@
 
 #include "media/media_container.h"
 #include "media/media_errors.h"
+#include "media/waveform_cache.h"
 #include "media_fixtures.h"
 #include "shared/files.h"
 
@@ -79,10 +80,10 @@ TEST_F(WaveformServiceTest, WritesTheCacheAndAnswersFromItWithoutReadingTheMovie
   ASSERT_EQ(first.envelope.peaks, patternPeaks(50));
 
   const std::filesystem::path cache = snapshot.packagePath / "cache" / "waveform" / "systemAudio.cswf";
-  ASSERT_EQ(WaveformService::cachePath(snapshot, MediaTrackKind::systemAudio), cache);
+  ASSERT_EQ(WaveformCache::path(snapshot, MediaTrackKind::systemAudio), cache);
   const std::string bytes = fileBytes(cache);
   ASSERT_EQ(bytes.size(), 40u + 4 * 50);
-  MediaFingerprint print = WaveformService::fingerprint(movie);
+  MediaFingerprint print = WaveformCache::fingerprint(movie);
   EXPECT_EQ(print.size, std::filesystem::file_size(movie));
   auto le = [&](std::size_t offset, std::size_t size) {
     std::uint64_t value = 0;
@@ -120,7 +121,7 @@ TEST_F(WaveformServiceTest, WritesTheCacheAndAnswersFromItWithoutReadingTheMovie
 
 TEST_F(WaveformServiceTest, RebuildsAStaleOrDamagedCacheWithoutComplaint) {
   ProjectSnapshot snapshot = makeAudioPackage(folder.path(), {{risingPattern}, 48'000});
-  const std::filesystem::path cache = WaveformService::cachePath(snapshot, MediaTrackKind::microphone);
+  const std::filesystem::path cache = WaveformCache::path(snapshot, MediaTrackKind::microphone);
   request(service, snapshot);
   const std::string good = fileBytes(cache);
 
@@ -173,11 +174,11 @@ TEST_F(WaveformServiceTest, RebuildsAStaleOrDamagedCacheWithoutComplaint) {
 
 TEST_F(WaveformServiceTest, AValidCacheWithoutPeaksIsAnEmptyEnvelope) {
   ProjectSnapshot snapshot = makeAudioPackage(folder.path(), {{risingPattern}, 48'000});
-  const std::filesystem::path cache = WaveformService::cachePath(snapshot, MediaTrackKind::microphone);
+  const std::filesystem::path cache = WaveformCache::path(snapshot, MediaTrackKind::microphone);
   createDirectories(cache.parent_path());
   WaveformEnvelope empty;
   empty.kind = MediaTrackKind::microphone;
-  WaveformService::writeCache(cache, empty, 1, WaveformService::fingerprint(MediaContainer::moviePath(snapshot)));
+  WaveformCache::write(cache, empty, 1, WaveformCache::fingerprint(MediaContainer::moviePath(snapshot)));
   EXPECT_EQ(fileBytes(cache).size(), 40u);
   Recorded recorded = request(service, snapshot);
   EXPECT_EQ(recorded.envelope, empty);
@@ -186,7 +187,7 @@ TEST_F(WaveformServiceTest, AValidCacheWithoutPeaksIsAnEmptyEnvelope) {
 
 TEST_F(WaveformServiceTest, ProgressStaysBelowOneUntilTheEndAndCancellationWritesNoCache) {
   ProjectSnapshot snapshot = makeAudioPackage(folder.path(), {{"1000"}, 48'000 * 12});
-  const std::filesystem::path cache = WaveformService::cachePath(snapshot, MediaTrackKind::microphone);
+  const std::filesystem::path cache = WaveformCache::path(snapshot, MediaTrackKind::microphone);
 
   std::stop_source stop;
   auto cancelling = [&](double) { stop.request_stop(); };
