@@ -118,18 +118,20 @@ TEST_F(MediaCommandsTest, RegeneratedZoomsCountEveryRecordedPressWhereverItLande
 }
 
 // Sound in [0, 2 s) and [6 s, 7 s); the pointer moves at 1 s and 8 s, and a press outside the
-// source at 4 s does not count. The timeline has [3 s, 4 s) cut out.
+// source at 4 s does not count. The timeline has [3 s, 4 s) cut out and plays the rest twice as
+// fast, so 4 s of source land at 3 s of the film and every later second takes half a second.
 //   pointer windows [0.5, 1.5) and [7.5, 8.5) -> idle [1.5, 7.5) and [8.5, 10) (exactly the minimum)
 //   silence [2, 6) and [7, 10) -> quiet [2, 6) and [8.5, 10); [7, 7.5) is too short
-//   cuts: [2, 5.5) less the 500 ms tail, split by the timeline's cut, and [8.5, 9.5)
+//   cuts (source time): [2, 5.5) less the 500 ms tail, split by the timeline's cut, and [8.5, 9.5)
 TEST_F(MediaCommandsTest, IdleFindsQuietSpansAndProposesCutsOnlyInPlayedMaterial) {
   ProjectPackage package = project(true, true);
   writeEvents(package, {pointerEvent(1'000, MousePhase::moved), pointerEvent(4'000, MousePhase::down, false),
                         pointerEvent(8'000, MousePhase::moved)});
   EditTimeline timeline = fixture.store.loadSnapshot(package).timeline;
+  timeline.schemaVersion = EditTimeline::currentSchemaVersion;
   timeline.segments = {
       {Uuid::random(), ProjectTimeRange::fromStartEnd(ms(0), ms(3'000)), TimelinePlaybackRate::normal()},
-      {Uuid::random(), ProjectTimeRange::fromStartEnd(ms(4'000), ms(10'000)), TimelinePlaybackRate::normal()}};
+      {Uuid::random(), ProjectTimeRange::fromStartEnd(ms(4'000), ms(10'000)), TimelinePlaybackRate{2'000}}};
   fixture.store.commitTimeline(timeline, fixture.store.timelineDigest(package), std::nullopt, package);
   waveforms->envelopes[MediaTrackKind::microphone] =
       envelopeOf(MediaTrackKind::microphone, 10'000, {{0, 2'000}, {6'000, 7'000}});
@@ -143,14 +145,14 @@ TEST_F(MediaCommandsTest, IdleFindsQuietSpansAndProposesCutsOnlyInPlayedMaterial
       {"startMilliseconds":4000,"endMilliseconds":5500},{"startMilliseconds":8500,"endMilliseconds":9500}])"));
   EXPECT_EQ(answer["idleSpans"], parseJson(R"([
       {"sourceStartMilliseconds":1500,"sourceEndMilliseconds":7500,"sequenceRanges":[
-        {"startMilliseconds":1500,"endMilliseconds":3000},{"startMilliseconds":3000,"endMilliseconds":6500}]},
+        {"startMilliseconds":1500,"endMilliseconds":3000},{"startMilliseconds":3000,"endMilliseconds":4750}]},
       {"sourceStartMilliseconds":8500,"sourceEndMilliseconds":10000,"sequenceRanges":[
-        {"startMilliseconds":7500,"endMilliseconds":9000}]}])"));
+        {"startMilliseconds":5250,"endMilliseconds":6000}]}])"));
   EXPECT_EQ(answer["quietSpans"], parseJson(R"([
       {"sourceStartMilliseconds":2000,"sourceEndMilliseconds":6000,"sequenceRanges":[
-        {"startMilliseconds":2000,"endMilliseconds":3000},{"startMilliseconds":3000,"endMilliseconds":5000}]},
+        {"startMilliseconds":2000,"endMilliseconds":3000},{"startMilliseconds":3000,"endMilliseconds":4000}]},
       {"sourceStartMilliseconds":8500,"sourceEndMilliseconds":10000,"sequenceRanges":[
-        {"startMilliseconds":7500,"endMilliseconds":9000}]}])"));
+        {"startMilliseconds":5250,"endMilliseconds":6000}]}])"));
   EXPECT_EQ(answer["silenceSpans"].size(), 2u);
   // 150 loud buckets of 500: the lower quartile is digital silence.
   EXPECT_EQ(answer["estimatedNoiseFloorDecibels"], -96.0);
