@@ -59,6 +59,18 @@ std::string SettingsCommand::usageText() {
 }
 
 std::string SettingsCommand::readStandardInput(std::size_t limit, std::stop_token cancellation) {
+  // A person at a terminal is asked; a script that pipes the key in is not.
+  const bool typed = ::isatty(STDIN_FILENO) == 1;
+  if (typed) {
+    constexpr std::string_view prompt = "Alibaba Cloud Bailian API key (not shown): ";
+    (void)!::write(STDERR_FILENO, prompt.data(), prompt.size());
+  }
+  struct EndOfPrompt {
+    bool typed;
+    ~EndOfPrompt() {
+      if (typed) (void)!::write(STDERR_FILENO, "\n", 1);
+    }
+  } endOfPrompt{typed};
   HiddenTerminalInput hidden(STDIN_FILENO);
   std::string bytes;
   char buffer[512];
