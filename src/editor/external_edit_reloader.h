@@ -29,18 +29,19 @@ inline constexpr EditorMessageText watcherUnavailable{"editor.external.watcher",
 // only; the shell owns one per open project.
 class ExternalEditReloader {
  public:
+  // Each may be left empty.
   struct Targets {
     // The timeline session's applyExternalTimeline.
-    std::function<void(const EditTimeline&)> applyTimeline;
+    std::function<void(const EditTimeline&)> applyTimeline{};
     // The open caption session, or none.
-    std::function<CaptionEditingSession*()> captionSession;
+    std::function<CaptionEditingSession*()> captionSession{};
     // Called instead when no caption session is open and a valid caption document appeared: the
     // document in its normal form and the digest of its bytes, for a new session and its saves.
-    std::function<void(const CaptionDocument& document, const std::string& digest)> openCaptionSession;
+    std::function<void(const CaptionDocument& document, const std::string& digest)> openCaptionSession{};
     // The caption saves of the open session, or none: a reload tells them what is on disk.
-    std::function<CaptionSaveChain*()> captionSaves;
+    std::function<CaptionSaveChain*()> captionSaves{};
     // The editor's error line.
-    std::function<void(std::string message)> reportError;
+    std::function<void(std::string message)> reportError{};
   };
 
   // `sourceDuration` and `hasWebcam` come from the manifest: the timeline read is normalised as

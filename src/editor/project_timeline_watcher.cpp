@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstring>
 #include <string_view>
+#include <system_error>
 #include <utility>
 
 namespace vumo {
@@ -90,22 +91,30 @@ void ProjectTimelineWatcher::start(const std::filesystem::path& directory, std::
   onChange_ = std::move(onChange);
   watchToken_ = std::make_shared<int>(0);
   std::weak_ptr<int> token = watchToken_;
-  reader_ = std::thread([this, token, inotifyDescriptor, stopDescriptor] {
-    pollfd descriptors[2] = {{stopDescriptor, POLLIN, 0}, {inotifyDescriptor, POLLIN, 0}};
-    for (;;) {
-      // No time-out: the stop descriptor wakes the thread the moment `stop` wants it gone.
-      if (::poll(descriptors, 2, -1) < 0) {
-        if (errno == EINTR) continue;
-        return;
-      }
-      if (descriptors[0].revents != 0) return;
-      if ((descriptors[1].revents & (POLLERR | POLLNVAL)) != 0) return;
-      if (drainEvents(inotifyDescriptor))
-        loop_.post([this, token] {
-          if (token.lock()) eventArrived();
-        });
+  try {
+    reader_ = std::thread(
+        [this, token, inotifyDescriptor, stopDescriptor] { readEvents(token, inotifyDescriptor, stopDescriptor); });
+  } catch (const std::system_error&) {
+    stop();
+    throw ProjectTimelineWatcherError();
+  }
+}
+
+void ProjectTimelineWatcher::readEvents(const std::weak_ptr<int>& token, int inotifyDescriptor, int stopDescriptor) {
+  pollfd descriptors[2] = {{stopDescriptor, POLLIN, 0}, {inotifyDescriptor, POLLIN, 0}};
+  for (;;) {
+    // No time-out: the stop descriptor wakes the thread the moment `stop` wants it gone.
+    if (::poll(descriptors, 2, -1) < 0) {
+      if (errno == EINTR) continue;
+      return;
     }
-  });
+    if (descriptors[0].revents != 0) return;
+    if ((descriptors[1].revents & (POLLERR | POLLNVAL)) != 0) return;
+    if (drainEvents(inotifyDescriptor))
+      loop_.post([this, token] {
+        if (token.lock()) eventArrived();
+      });
+  }
 }
 
 void ProjectTimelineWatcher::stop() {

@@ -50,6 +50,9 @@ class ProjectTimelineWatcher {
   int descriptor() const { return inotifyDescriptor_; }
 
  private:
+  // The reader thread: waits on both descriptors, without a time-out, until the stop descriptor
+  // is written.
+  void readEvents(const std::weak_ptr<int>& token, int inotifyDescriptor, int stopDescriptor);
   void eventArrived();
 
   MainLoop& loop_;
