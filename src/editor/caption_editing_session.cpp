@@ -194,14 +194,14 @@ void CaptionEditingSession::applyExternalDocument(const CaptionDocument& documen
   if (document == document_) return;
   if (gestureBaseline_) {
     pendingExternalDocument_ = document;
-    message_ = std::string(captionEditorMessages::externalPending.text);
+    message_ = editorMessageText(EditorMessageID::captionsExternalPending);
     return;
   }
   CaptionDocument accepted;
   try {
     accepted = document.validated(sourceDuration_);
   } catch (const Error& error) {
-    message_ = std::string(captionEditorMessages::externalInvalid.text) + error.message();
+    message_ = editorMessageText(EditorMessageID::captionsExternalInvalid, error.message());
     return;
   }
   // A file in another normal form than the session's (white space, highlight order) is the same
@@ -212,7 +212,7 @@ void CaptionEditingSession::applyExternalDocument(const CaptionDocument& documen
   document_ = std::move(accepted);
   restoreSelection();
   onChange_(document_, true, false);
-  message_ = std::string(captionEditorMessages::externalLoaded.text);
+  message_ = editorMessageText(EditorMessageID::captionsExternalLoaded);
 }
 
 void CaptionEditingSession::pushUndo(CaptionDocument document) {
@@ -308,7 +308,7 @@ void CaptionSaveChain::finished(const std::optional<std::string>& digest, const 
     if (hooks_.reloadExternalEdits) hooks_.reloadExternalEdits();
   } else if (failure && !failureReported_) {
     failureReported_ = true;
-    if (hooks_.reportFailure) hooks_.reportFailure(std::string(captionEditorMessages::saveFailed.text) + *failure);
+    if (hooks_.reportFailure) hooks_.reportFailure(editorMessageText(EditorMessageID::saveCaptionsFailed, *failure));
   }
 }
 

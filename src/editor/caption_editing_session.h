@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "captions/caption_document.h"
+#include "editor/editor_messages.h"
 #include "editor/main_loop.h"
 #include "project/project_package.h"
 #include "project/serial_work_queue.h"
@@ -20,25 +21,6 @@
 namespace vumo {
 
 class ProjectStore;
-
-// A text the editor shows, with the localisation key it is looked up by. A text ending in
-// ": " is followed by the text of the error it reports.
-struct EditorMessageText {
-  std::string_view key;
-  std::string_view text;
-};
-
-namespace captionEditorMessages {
-// The keys live in the captions' own localisation table.
-inline constexpr std::string_view table = "EditorCaptions";
-inline constexpr EditorMessageText externalPending{
-    "captions.external.pending", "External captions detected. They will load after the current operation finishes."};
-inline constexpr EditorMessageText externalInvalid{"captions.external.invalid", "Invalid external captions: "};
-inline constexpr EditorMessageText externalLoaded{"captions.external.loaded",
-                                                  "External captions loaded. Press Ctrl+Z to undo."};
-// In the editor's table ("Editor"), with the other failures of saving and reloading.
-inline constexpr EditorMessageText saveFailed{"editor.external.saveCaptions", "Captions could not be saved: "};
-}  // namespace captionEditorMessages
 
 // The one owner of the open project's caption document in the editor. Every edit is one pure call
 // of CaptionDocumentEngine; the session keeps its own undo and redo history (apart from the

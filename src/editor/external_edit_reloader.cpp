@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "project/project_store.h"
+#include "shared/digest.h"
 #include "shared/document_limits.h"
 #include "shared/files.h"
 
@@ -22,17 +23,24 @@ ExternalEditReloader::~ExternalEditReloader() = default;
 void ExternalEditReloader::reload() {
   EditTimeline timeline;
   CaptionsState captions;
+  TimelinePersistence* timelineSaves = targets_.timelineSaves ? targets_.timelineSaves() : nullptr;
+  bool ownTimeline = false;
   try {
-    timeline = decodeEditTimeline(readFile(package_.timelinePath(), documentLimits::timelineBytes))
-                   .normalized(sourceDuration_, hasWebcam_);
+    const std::string bytes = readFile(package_.timelinePath(), documentLimits::timelineBytes);
+    const std::string digest = sha256Hex(bytes);
+    // The bytes of one of the session's own saves: the session is at that state or beyond it.
+    ownTimeline = timelineSaves && timelineSaves->isOwnSave(digest);
+    // Whatever else is on disk is what the next save must expect, decodable or not.
+    if (timelineSaves && !ownTimeline) timelineSaves->adoptLoadedDigest(digest);
+    if (!ownTimeline) timeline = decodeEditTimeline(bytes).normalized(sourceDuration_, hasWebcam_);
     captions = store_->captionsState(package_);
   } catch (const Error& error) {
     if (targets_.reportError)
-      targets_.reportError(std::string(externalEditMessages::loadFailed.text) + error.message());
+      targets_.reportError(editorMessageText(EditorMessageID::externalLoadFailed, error.message()));
     return;
   }
 
-  if (targets_.applyTimeline) targets_.applyTimeline(timeline);
+  if (targets_.applyTimeline && !ownTimeline) targets_.applyTimeline(timeline);
 
   // Captions that were removed from disk leave the open session alone: its next save writes them
   // back.
@@ -50,7 +58,7 @@ void ExternalEditReloader::reload() {
     accepted = captions.document->validated(sourceDuration_);
   } catch (const Error& error) {
     if (targets_.reportError)
-      targets_.reportError(std::string(captionEditorMessages::externalInvalid.text) + error.message());
+      targets_.reportError(editorMessageText(EditorMessageID::captionsExternalInvalid, error.message()));
     return;
   }
   if (targets_.openCaptionSession) targets_.openCaptionSession(*accepted, captions.digest);
@@ -62,7 +70,7 @@ bool ExternalEditReloader::startWatching(ProjectTimelineWatcher& watcher) {
     return true;
   } catch (const Error& error) {
     if (targets_.reportError)
-      targets_.reportError(std::string(externalEditMessages::watcherUnavailable.text) + error.message());
+      targets_.reportError(editorMessageText(EditorMessageID::watcherUnavailable, error.message()));
     return false;
   }
 }

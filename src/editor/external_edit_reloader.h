@@ -6,7 +6,9 @@
 
 #include "captions/caption_document.h"
 #include "editor/caption_editing_session.h"
+#include "editor/editor_messages.h"
 #include "editor/project_timeline_watcher.h"
+#include "editor/timeline_persistence.h"
 #include "project/project_package.h"
 #include "shared/project_time.h"
 #include "timeline/edit_timeline.h"
@@ -14,14 +16,6 @@
 namespace vumo {
 
 class ProjectStore;
-
-namespace externalEditMessages {
-// The editor's own localisation table.
-inline constexpr std::string_view table = "Editor";
-inline constexpr EditorMessageText loadFailed{"editor.external.load", "External edits could not be loaded: "};
-inline constexpr EditorMessageText watcherUnavailable{"editor.external.watcher",
-                                                      "Monitoring external edits is unavailable: "};
-}  // namespace externalEditMessages
 
 // What the editor does when the watcher reports a change of the open project's edit documents:
 // reads the timeline and the captions as they now stand and hands them to the editing sessions,
@@ -33,6 +27,9 @@ class ExternalEditReloader {
   struct Targets {
     // The timeline session's applyExternalTimeline.
     std::function<void(const EditTimeline&)> applyTimeline{};
+    // The timeline saves of the open session, or none: a reload skips the echo of their own
+    // writes and tells them what else is on disk.
+    std::function<TimelinePersistence*()> timelineSaves{};
     // The open caption session, or none.
     std::function<CaptionEditingSession*()> captionSession{};
     // Called instead when no caption session is open and a valid caption document appeared: the

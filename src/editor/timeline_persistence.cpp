@@ -1,6 +1,8 @@
 #include "editor/timeline_persistence.h"
 
+#include <algorithm>
 #include <exception>
+#include <mutex>
 #include <utility>
 
 #include "editor/editor_messages.h"
@@ -29,7 +31,16 @@ struct TimelinePersistence::State {
   bool cancelled = false;
   // The text of the last failure told, until a save lands.
   std::optional<std::string> failureShown;
+  // Digests this editor wrote, newest last, recorded by the worker as soon as each file is in
+  // place: the watcher may report a save before its answer reaches the main thread, and that echo
+  // must not come back as an external edit.
+  mutable std::mutex ownMutex;
+  std::deque<std::string> ownDigests;
 };
+
+namespace {
+constexpr std::size_t ownDigestsKept = 64;
+}  // namespace
 
 TimelinePersistence::TimelinePersistence(MainLoop& loop, std::unique_ptr<TimelineDocumentWriter> writer,
                                          std::string loadedDigest, TimelinePersistenceHooks hooks)
@@ -53,6 +64,11 @@ void TimelinePersistence::scheduleTimelinePersistence(EditTimeline timeline) {
 const std::string& TimelinePersistence::lastKnownTimelineDigest() const { return state_->digest; }
 
 void TimelinePersistence::adoptLoadedDigest(std::string digest) { state_->digest = std::move(digest); }
+
+bool TimelinePersistence::isOwnSave(const std::string& digest) const {
+  std::lock_guard lock(state_->ownMutex);
+  return std::find(state_->ownDigests.begin(), state_->ownDigests.end(), digest) != state_->ownDigests.end();
+}
 
 std::size_t TimelinePersistence::outstandingSaves() const { return state_->waiting.size() + (state_->writing ? 1 : 0); }
 
@@ -80,6 +96,11 @@ void TimelinePersistence::startNext() {
         std::string failure;
         try {
           digest = writer->replaceTimeline(timeline, expected);
+          if (auto state = weak.lock()) {
+            std::lock_guard lock(state->ownMutex);
+            state->ownDigests.push_back(*digest);
+            if (state->ownDigests.size() > ownDigestsKept) state->ownDigests.pop_front();
+          }
         } catch (const ProjectStoreError& error) {
           conflict = error.kind() == ProjectStoreError::Case::timelineDigestConflict;
           failure = error.what();

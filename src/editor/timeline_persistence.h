@@ -78,6 +78,9 @@ class TimelinePersistence {
   const std::string& lastKnownTimelineDigest() const;
   // After a reload: the file's digest becomes the expected one.
   void adoptLoadedDigest(std::string digest);
+  // Whether `digest` is of a file this editor wrote (one of its recent saves), even one whose
+  // answer has not reached the main thread yet. Any thread.
+  bool isOwnSave(const std::string& digest) const;
 
   // Saves queued and not yet answered, the one being written included.
   std::size_t outstandingSaves() const;
