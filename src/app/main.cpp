@@ -7,6 +7,8 @@
 #include <string_view>
 #include <vector>
 
+#include "agent/agent_prompt_builder.h"
+#include "cli/prompt_command.h"
 #include "cli/settings_command.h"
 #include "cli/signal_cancellation.h"
 #include "cli/vumo_cli.h"
@@ -44,6 +46,12 @@ struct VumoEntryPoint {
     return settings.run(arguments);
   }
 
+  static int runPrompt(const std::vector<std::string>& arguments) {
+    SignalCancellation cancellation;
+    PromptCommand prompt(cancellation.token(), VumoCLI::Streams::process(), runningExecutablePath());
+    return prompt.run(arguments);
+  }
+
   static int runApplication() {
     std::fputs(
         "vumo: the desktop application is not available in this build; run `vumo cli` for the agent command line.\n",
@@ -53,11 +61,12 @@ struct VumoEntryPoint {
 
   static int main(int argc, char** argv) {
     const std::string_view verb = argc < 2 ? std::string_view() : std::string_view(argv[1]);
-    if (verb != "cli" && verb != "settings") return runApplication();
+    if (verb != "cli" && verb != "settings" && verb != "prompt") return runApplication();
     // A reader that went away is a failed write (EPIPE), reported like any other, not a silent
     // death by signal.
     std::signal(SIGPIPE, SIG_IGN);
     if (verb == "settings") return runSettings({argv + 2, argv + argc});
+    if (verb == "prompt") return runPrompt({argv + 2, argv + argc});
     std::vector<std::string> arguments(argv + 2, argv + argc);
     if (!arguments.empty() && (arguments.front() == "version" || arguments.front() == "--version")) {
       return printVersion();

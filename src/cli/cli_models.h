@@ -11,6 +11,7 @@
 #include <variant>
 #include <vector>
 
+#include "agent/agent_help_topic.h"
 #include "shared/geometry.h"
 #include "shared/json_fwd.h"
 #include "shared/media_track_kind.h"
@@ -38,20 +39,6 @@ void to_json(Json& j, const CLIRange& r);
 void from_json(const Json& j, CLIRange& r);
 
 enum class CLITimeDomain { sequence, source };
-
-enum class CLIAgentHelpTopic { workflow, editPlan, captions, settings, output };
-
-template <>
-struct EnumNames<CLIAgentHelpTopic> {
-  static constexpr std::string_view typeName = "help topic";
-  static constexpr NameTable<CLIAgentHelpTopic, 5> table{{
-      {CLIAgentHelpTopic::workflow, "workflow"},
-      {CLIAgentHelpTopic::editPlan, "edit-plan"},
-      {CLIAgentHelpTopic::captions, "captions"},
-      {CLIAgentHelpTopic::settings, "settings"},
-      {CLIAgentHelpTopic::output, "output"},
-  }};
-};
 
 struct CLIMutation {
   struct Cut {
