@@ -45,7 +45,7 @@ const std::array<AgentEditingCapabilityDefinition, 14> AgentEditingCapabilityCat
     {ID::prepareCaptions, Group::captions, "Generate Captions", "Create or replace from available audio",
      Topic::captions, "Example: Prefer microphone audio and preserve the existing caption style."},
     {ID::correctTerminology, Group::captions, "Correct Technical Terms", "Correct errors using the full transcript",
-     Topic::captions, "Example: Pay special attention to SwiftUI, Metal, and ScreenCaptureKit."},
+     Topic::captions, "Example: Pay special attention to Qt, OpenGL, and X11."},
     {ID::highlightKeywords, Group::captions, "Highlight Keywords", "Highlight key concepts and steps sparingly",
      Topic::captions, "Example: Highlight only action names, key numbers, and final conclusions."},
     {ID::setAspectRatio, Group::appearance, "Adjust Aspect Ratio", "Reframe the project and check the preview",

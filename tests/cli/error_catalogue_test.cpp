@@ -13,10 +13,13 @@
 #include <string>
 #include <vector>
 
+#include "agent/agent_editing_template_store.h"
 #include "agent/edit_plan_exchange.h"
 #include "agent/timeline_plan_engine.h"
 #include "captions/caption_errors.h"
 #include "cli/cli_errors.h"
+#include "cli/prompt_command.h"
+#include "editor/project_timeline_watcher.h"
 #include "media/media_errors.h"
 #include "project/project_store_error.h"
 #include "timeline/device_frame_catalog.h"
@@ -162,6 +165,16 @@ std::vector<std::string> everyCase() {
                                                     : CLIIdleError::audioTrackUnavailable("systemAudio");
   });
   listing.add<CLIUnavailableError>([](auto) { return CLIUnavailableError("Export"); });
+  listing.add<CLIPromptError>([](CLIPromptError::Case kind) {
+    return kind == CLIPromptError::Case::noCaptionAudio ? CLIPromptError::noCaptionAudio()
+                                                        : CLIPromptError::capabilityUnavailable("style-webcam");
+  });
+  listing.add<AgentEditingTemplateStoreError>([](AgentEditingTemplateStoreError::Case kind) {
+    return kind == AgentEditingTemplateStoreError::Case::unsupportedSchema
+               ? AgentEditingTemplateStoreError::unsupportedSchema(2)
+               : AgentEditingTemplateStoreError(kind);
+  });
+  listing.add<ProjectTimelineWatcherError>([](auto) { return ProjectTimelineWatcherError(); });
   listing.add<MediaModuleError>(
       [](auto) { return MediaModuleError::unavailable("no lib/vumo folder beside the program"); });
 

@@ -4,8 +4,10 @@
 #include <string>
 #include <tuple>
 
+#include "agent/agent_editing_capability.h"
 #include "agent/edit_plan_exchange.h"
 #include "agent/timeline_plan_engine.h"
+#include "analysis/caption_timing_aligner.h"
 #include "captions/caption_document.h"
 #include "cli/cli_models.h"
 #include "project/project_manifest.h"
@@ -23,7 +25,9 @@ using EveryNamedEnumeration =
                CanvasBackgroundMediaKind, ClickEffectStyle, WebcamAspectRatio, DeviceFrameContentMode, AnnotationKind,
                TextAnnotationOutlineColor, DeviceFrameFamily, MouseButton, MousePhase, ProjectState, CaptureSourceKind,
                CaptionAppearance, EditPlanOperationType, ZoomReconciliationAction, CLIAgentHelpTopic,
-               CaptionTrackSelection>;
+               CaptionTrackSelection, CaptionTimingAlignmentAction, AgentEditingCapabilityID,
+               AgentEditingCapabilityGroup, AgentEditingPreset, AgentEditingAspectRatio, AgentEditingClickStyle,
+               AgentEditingWebcamShape>;
 
 // A word listed twice would leave one of its cases unreadable, and a case's first word is the one
 // every writer uses, so it must read back as that case, through JSON too.
