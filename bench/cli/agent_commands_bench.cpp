@@ -14,7 +14,7 @@
 
 #include "agent/agent_exchange.h"
 #include "cli/project_command_service.h"
-#include "cli/project_inspector.h"
+#include "cli/project_descriptions.h"
 #include "project/chunk_store.h"
 #include "recording_reporter.h"
 #include "shared/files.h"

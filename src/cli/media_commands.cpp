@@ -12,7 +12,7 @@
 #include "cli/cli_errors.h"
 #include "cli/media_module_loader.h"
 #include "cli/project_command_service.h"
-#include "cli/project_inspector.h"
+#include "cli/project_descriptions.h"
 #include "media/waveform_cache.h"
 #include "shared/digest.h"
 #include "shared/files.h"

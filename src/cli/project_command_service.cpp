@@ -6,7 +6,7 @@
 
 #include "agent/agent_exchange.h"
 #include "captions/caption_coverage.h"
-#include "cli/project_inspector.h"
+#include "cli/project_descriptions.h"
 #include "shared/digest.h"
 #include "shared/json.h"
 #include "timeline/auto_zoom_engine.h"

@@ -15,7 +15,7 @@
 #include "cli/cli_errors.h"
 #include "cli/output_destination.h"
 #include "cli/project_command_service.h"
-#include "cli/system_capability_inspector.h"
+#include "cli/system_capabilities.h"
 #include "project/project_store.h"
 #include "shared/files.h"
 #include "shared/json.h"

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "media/libav_handles.h"
+#include "media/sequence_reader_support.h"
 #include "shared/cancellation.h"
 
 extern "C" {
@@ -32,21 +33,6 @@ constexpr std::int64_t nanosecondsPerSecond = 1'000'000'000;
 // Decoding starts this long before a piece, so that a codec whose frames overlap (AAC) has settled
 // by the first sample that is kept.
 constexpr std::int64_t prerollNanoseconds = 100'000'000;
-
-// floor(a × b / c) and ceil(a × b / c) for c > 0, exact for every time a recording can have.
-std::int64_t mulDivFloor(std::int64_t a, std::int64_t b, std::int64_t c) {
-  __int128 product = static_cast<__int128>(a) * b;
-  __int128 quotient = product / c;
-  if (product % c != 0 && product < 0) --quotient;
-  return static_cast<std::int64_t>(quotient);
-}
-
-std::int64_t mulDivCeil(std::int64_t a, std::int64_t b, std::int64_t c) {
-  __int128 product = static_cast<__int128>(a) * b;
-  __int128 quotient = product / c;
-  if (product % c != 0 && product > 0) ++quotient;
-  return static_cast<std::int64_t>(quotient);
-}
 
 struct FilterGraphDeleter {
   void operator()(AVFilterGraph* graph) const { avfilter_graph_free(&graph); }
@@ -89,17 +75,6 @@ class ChannelLayout {
  private:
   AVChannelLayout layout_{};
 };
-
-[[noreturn]] void throwDecoding(const std::stop_token& stop, std::string_view stage, int code) {
-  throwIfCancelled(stop);
-  throw SequenceReaderError(SequenceReaderError::Case::decodingFailed,
-                            fmt::format("{}: {}", stage, libavErrorText(code)));
-}
-
-[[noreturn]] void throwConversion(std::string_view stage, int code) {
-  throw SequenceReaderError(SequenceReaderError::Case::conversionFailed,
-                            fmt::format("{}: {}", stage, libavErrorText(code)));
-}
 
 // One audio stream of one container: its demuxer and decoder. Seeks and decodes forward.
 class TrackDecoder {

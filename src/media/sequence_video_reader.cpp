@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "media/libav_handles.h"
+#include "media/sequence_reader_support.h"
 #include "shared/cancellation.h"
 
 extern "C" {
@@ -28,22 +29,6 @@ struct ScalerDeleter {
   void operator()(SwsContext* context) const { sws_freeContext(context); }
 };
 using ScalerPtr = std::unique_ptr<SwsContext, ScalerDeleter>;
-
-// floor(a × b / c) for a ≥ 0 and c > 0.
-std::int64_t mulDivFloor(std::int64_t a, std::int64_t b, std::int64_t c) {
-  return static_cast<std::int64_t>(static_cast<__int128>(a) * b / c);
-}
-
-[[noreturn]] void throwDecoding(const std::stop_token& stop, std::string_view stage, int code) {
-  throwIfCancelled(stop);
-  throw SequenceReaderError(SequenceReaderError::Case::decodingFailed,
-                            fmt::format("{}: {}", stage, libavErrorText(code)));
-}
-
-[[noreturn]] void throwConversion(std::string_view stage, int code) {
-  throw SequenceReaderError(SequenceReaderError::Case::conversionFailed,
-                            fmt::format("{}: {}", stage, libavErrorText(code)));
-}
 
 // A decoded frame with its presentation time in the stream's ticks and in nanoseconds.
 struct TimedFrame {

@@ -15,6 +15,7 @@
 #include <thread>
 
 #include "sample_project.h"
+#include "sample_project_suite.h"
 #include "shared/digest.h"
 #include "shared/files.h"
 #include "shared/json.h"
@@ -37,16 +38,8 @@ std::uint16_t littleEndian16(const std::string& bytes, std::size_t at) {
                                     (static_cast<unsigned char>(bytes[at + 1]) << 8));
 }
 
-class MediaCommandsEndToEndTest : public ::testing::Test {
+class MediaCommandsEndToEndTest : public testing::SampleProjectSuite {
  protected:
-  static void SetUpTestSuite() {
-    home_ = new testing::ScopedDataHome();
-    ProjectStore store;
-    ProjectPackage package = makeSampleProject(store);
-    id_ = store.readManifest(package).id.string();
-  }
-  static void TearDownTestSuite() { delete home_; }
-
   testing::ProcessLaunch launch(std::vector<std::string> words,
                                 std::map<std::string, std::optional<std::string>> env = {}) {
     testing::ProcessLaunch l;
@@ -70,8 +63,6 @@ class MediaCommandsEndToEndTest : public ::testing::Test {
     return fs::exists(captions) && !fs::is_empty(captions);
   }
 
-  static inline testing::ScopedDataHome* home_ = nullptr;
-  static inline std::string id_;
   testing::TemporaryDirectory temporary_;
 };
 

@@ -8,21 +8,15 @@
 
 #include "agent/agent_editing_template_store.h"
 #include "sample_project.h"
+#include "sample_project_suite.h"
 #include "shared/json.h"
 #include "support/test_support.h"
 
 namespace vumo {
 namespace {
 
-class PromptCommandTest : public ::testing::Test {
+class PromptCommandTest : public testing::SampleProjectSuite {
  protected:
-  static void SetUpTestSuite() {
-    home_ = new testing::ScopedDataHome();
-    ProjectStore store;
-    ProjectPackage package = makeSampleProject(store);
-    id_ = store.readManifest(package).id.string();
-  }
-  static void TearDownTestSuite() { delete home_; }
   void SetUp() override { std::filesystem::remove(home_->path() / "Vumo" / "AgentEditingTemplates.json"); }
 
   // APPIMAGE is removed unless a test sets it: the briefing must name the binary itself.
@@ -45,9 +39,6 @@ class PromptCommandTest : public ::testing::Test {
     return Json::parse(result.standardError);
   }
   static std::string prefix() { return id_.substr(0, 8); }
-
-  static inline testing::ScopedDataHome* home_ = nullptr;
-  static inline std::string id_;
 };
 
 // The lines of `text` that start with `start`.

@@ -91,7 +91,7 @@ TEST(CaptionEditingSessionTest, RemovingTheSelectedCueClearsTheSelectionAndUndoB
   EXPECT_EQ(r.cue(2).highlights, (std::vector<CaptionHighlight>{{"cat", 2}}));
 }
 
-TEST(CaptionEditingSessionTest, InspectorEditsAreOneStepEachAndARefusedEditKeepsTheDocument) {
+TEST(CaptionEditingSessionTest, PanelEditsAreOneStepEachAndARefusedEditKeepsTheDocument) {
   Recorded r;
   // New text: words and highlights belonged to the old one.
   ASSERT_TRUE(r.session.updateText(cueId(1), "Hello small world"));

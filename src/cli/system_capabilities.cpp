@@ -1,4 +1,4 @@
-#include "cli/system_capability_inspector.h"
+#include "cli/system_capabilities.h"
 
 #include <EGL/egl.h>
 #include <EGL/eglext.h>

@@ -1,4 +1,4 @@
-#include "cli/project_inspector.h"
+#include "cli/project_descriptions.h"
 
 #include <algorithm>
 
