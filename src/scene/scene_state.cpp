@@ -1,0 +1,1 @@
+#include "scene/scene_state.h"
