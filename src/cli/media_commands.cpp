@@ -11,9 +11,12 @@
 #include "captions/caption_coverage.h"
 #include "cli/cli_errors.h"
 #include "cli/media_module_loader.h"
+#include "cli/output_destination.h"
 #include "cli/project_command_service.h"
 #include "cli/project_descriptions.h"
+#include "media/media_module.h"
 #include "media/waveform_cache.h"
+#include "shared/cancellation.h"
 #include "shared/digest.h"
 #include "shared/files.h"
 #include "shared/json.h"
@@ -94,6 +97,9 @@ ProjectCommandService::ProjectCommandService(ProjectStore& store, std::stop_toke
                                    std::stop_token cancellation) {
       MediaModuleLoader::load().exportCaptionAudio(snapshot, kind, target, std::move(cancellation));
     };
+  if (!media_.makeStillRenderer) {
+    media_.makeStillRenderer = [] { return MediaModuleLoader::load().makeStillRenderer(); };
+  }
   if (!media_.generateCaptions) {
     auto exporter = media_.exportCaptionAudio;
     media_.generateCaptions = [exporter](const ProjectSnapshot& snapshot, CaptionTrackSelection selection,
@@ -284,6 +290,29 @@ CLICaptionGenerationResponse ProjectCommandService::generateBailianCaptions(cons
   response.resultPath = fs::absolute(resultPath).string();
   response.confirmationArguments = {"captions-import", response.projectID, "--job", response.jobID};
   return response;
+}
+
+CLIOutputResponse ProjectCommandService::frame(const CLICommand::Frame& request) {
+  const fs::path output = prepareOutputPath(request.outputPath, request.replace);
+  LoadedProject project = load(request.projectID);
+  const std::shared_ptr<ProjectStillRendering> renderer = media_.makeStillRenderer();
+  std::string extension = output.extension().string();
+  std::transform(extension.begin(), extension.end(), extension.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  StillImageFormat format;
+  if (extension == ".jpg" || extension == ".jpeg") {
+    format = StillImageFormat::jpeg;
+  } else if (extension == ".png") {
+    format = StillImageFormat::png;
+  } else {
+    throw CLIArgumentError::invalidValue("--out必须为jpg/jpeg/png");
+  }
+  const std::string picture =
+      renderer->render(project.snapshot, ProjectTime::fromMilliseconds(request.milliseconds),
+                       static_cast<int>(request.width), format, cancellation_);
+  throwIfCancelled(cancellation_);
+  writeFileAtomically(output, picture);
+  return CLIOutputResponse{1, project.snapshot.manifest.id.string(), output.string()};
 }
 
 }  // namespace vumo

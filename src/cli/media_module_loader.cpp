@@ -20,7 +20,8 @@ const MediaModule& MediaModuleLoader::loadFrom(const std::filesystem::path& file
   if (entry == nullptr) throw MediaModuleError::unavailable(file.string() + " has no entry point");
   const MediaModule* module = entry();
   if (module == nullptr || module->interfaceVersion != MediaModule::currentInterfaceVersion ||
-      module->makeWaveformService == nullptr || module->exportCaptionAudio == nullptr)
+      module->makeWaveformService == nullptr || module->exportCaptionAudio == nullptr ||
+      module->makeStillRenderer == nullptr)
     throw MediaModuleError::unavailable(file.string() + " was built for another version of Vumo");
   return *module;
 }

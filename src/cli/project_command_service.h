@@ -22,6 +22,7 @@ namespace vumo {
 // writes only through the store's digest-guarded commit. The program never merges.
 // One call at a time; the store is borrowed.
 class WaveformProviding;
+class ProjectStillRendering;
 
 class ProjectCommandService {
  public:
@@ -34,6 +35,8 @@ class ProjectCommandService {
         exportCaptionAudio;
     std::function<CaptionGenerationResult(const ProjectSnapshot&, CaptionTrackSelection, std::stop_token)>
         generateCaptions;
+    // Sets up the GPU context and the renderer (the engine's, on first use).
+    std::function<std::shared_ptr<ProjectStillRendering>()> makeStillRenderer;
   };
 
   // `cancellation` ends long media work (decoding, export, transcription) at its next check.
@@ -63,6 +66,9 @@ class ProjectCommandService {
   CLIMutationResponse mutate(const CLIMutationRequest& request);
   CLIEditPlanPreparationResponse prepareEditPlan(const std::string& projectID);
   CLIEditPlanResponse executeEditPlan(const CLIEditPlanRequest& request);
+  // The output is prepared before the project is looked up; the extension is checked only after
+  // the project and the GPU are ready; the picture replaces the output in one atomic step.
+  CLIOutputResponse frame(const CLICommand::Frame& request);
 
   // The words that, after `vumo cli`, commit exactly the previewed mutation.
   static std::vector<std::string> confirmationArguments(const CLIMutation& mutation, const std::string& projectID,

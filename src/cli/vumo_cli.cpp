@@ -164,9 +164,7 @@ Json VumoCLI::execute(const CLICommand& command) {
         } else if constexpr (std::is_same_v<T, CLICommand::EditPlan>) {
           return service.executeEditPlan(request.request);
         } else if constexpr (std::is_same_v<T, CLICommand::Frame>) {
-          prepareOutputPath(request.outputPath, request.replace);
-          service.load(request.projectID);
-          throw CLIUnavailableError("Rendering a frame");
+          return service.frame(request);
         } else if constexpr (std::is_same_v<T, CLICommand::Idle>) {
           return service.idle(request);
         } else if constexpr (std::is_same_v<T, CLICommand::CaptionsPrepare>) {

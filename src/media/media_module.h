@@ -10,16 +10,27 @@
 #include <memory>
 #include <stop_token>
 
+#include "media/still_image.h"
 #include "media/waveform_service.h"
 #include "project/project_snapshot.h"
 #include "shared/media_track_kind.h"
 
 namespace vumo {
 
+// Stills of edited projects on one GPU context, made once and used for any number of pictures.
+class ProjectStillRendering {
+ public:
+  virtual ~ProjectStillRendering() = default;
+  // The encoded picture of `snapshot` at `sequenceTime`, `width` pixels wide (the height follows
+  // the canvas; both even). Throws ProjectFrameRendererError, the media errors, or CancelledError.
+  virtual std::string render(const ProjectSnapshot& snapshot, ProjectTime sequenceTime, int width,
+                             StillImageFormat format, std::stop_token stop) = 0;
+};
+
 struct MediaModule {
   // Raised whenever a member changes meaning, so a program never calls into an engine built for
   // another one.
-  static constexpr int currentInterfaceVersion = 1;
+  static constexpr int currentInterfaceVersion = 2;
   static constexpr const char* fileName = "vumo-media.so";
   static constexpr const char* entryPointName = "vumoMediaModule";
 
@@ -27,6 +38,8 @@ struct MediaModule {
   std::shared_ptr<WaveformProviding> (*makeWaveformService)() = nullptr;
   void (*exportCaptionAudio)(const ProjectSnapshot& snapshot, MediaTrackKind track, const std::filesystem::path& target,
                              std::stop_token stop) = nullptr;
+  // Creates the GPU context and the renderer on it; throws RenderingContextError.
+  std::shared_ptr<ProjectStillRendering> (*makeStillRenderer)() = nullptr;
 };
 
 using MediaModuleEntryPoint = const MediaModule* (*)();

@@ -21,7 +21,9 @@
 #include "cli/prompt_command.h"
 #include "editor/project_timeline_watcher.h"
 #include "media/media_errors.h"
+#include "media/still_image.h"
 #include "project/project_store_error.h"
+#include "rendering/rendering_errors.h"
 #include "timeline/device_frame_catalog.h"
 #include "timeline/timeline_edit_engine.h"
 #include "timeline/timeline_effect_engine.h"
@@ -193,6 +195,10 @@ std::vector<std::string> everyCase() {
   listing.add<WaveformServiceError>(
       [](auto kind) { return WaveformServiceError(kind, "The media reader did not finish"); });
   listing.add<SequenceReaderError>([](auto kind) { return SequenceReaderError(kind, "Invalid data found"); });
+  listing.add<StillImageError>([](auto kind) { return StillImageError(kind, "40000x40000 pixels"); });
+  listing.add<RenderingContextError>([](auto kind) { return RenderingContextError(kind, "1282"); });
+  listing.add<SceneRendererError>([](auto kind) { return SceneRendererError(kind); });
+  listing.add<ProjectFrameRendererError>([](auto kind) { return ProjectFrameRendererError(kind, "12"); });
   listing.add<CaptionAudioExporterError>([](CaptionAudioExporterError::Case kind) {
     return kind == CaptionAudioExporterError::Case::missingTrack
                ? CaptionAudioExporterError::missingTrack(MediaTrackKind::microphone)
