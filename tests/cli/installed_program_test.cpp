@@ -98,6 +98,18 @@ TEST(InstalledProgram, RunsFromAnywhereWithItsResourcesAndNoBuildPaths) {
   EXPECT_EQ(cached.status, 0) << cached.standardError;
   EXPECT_EQ(cached.standardOutput, idle.standardOutput);
 
+  // The installed shaders, fonts and arrow draw a still; the stray copy has none of them.
+  testing::TemporaryDirectory cache;
+  auto drawing = plain;
+  drawing["XDG_CACHE_HOME"] = cache.path().string();
+  const fs::path still = elsewhere.path() / "still.png";
+  auto frame = testing::runProgram(
+      program, {"cli", "frame", sample.substr(0, 8), "--ms", "1000", "--out", still.string(), "--width", "320"},
+      drawing, elsewhere.path());
+  EXPECT_EQ(frame.status, 0) << frame.standardError;
+  EXPECT_EQ(Json::parse(frame.standardOutput)["outputPath"], still.string());
+  EXPECT_EQ(readFile(still, 16 << 20).substr(1, 3), "PNG");
+
   // No path of the machine that built it: not the sources, not the build folder. (The sanitizers'
   // source locations keep header paths whatever the prefix maps say; that build is never shipped.)
 #ifdef VUMO_SANITIZED_BUILD
