@@ -88,7 +88,14 @@ struct SceneState {
   friend bool operator==(const SceneState&, const SceneState&) = default;
 };
 
-// The diagnostic JSON form, with exactly the member names above.
+// The diagnostic JSON form, with exactly the member names above: one object per part, absent
+// optionals left out.
+void to_json(Json& j, const CameraState& camera);
+void to_json(Json& j, const ScreenState& screen);
+void to_json(Json& j, const CursorState& cursor);
+void to_json(Json& j, const WebcamState& webcam);
+void to_json(Json& j, const ClickEffectState& effect);
+void to_json(Json& j, const CaptionState& caption);
 void to_json(Json& j, const SceneState& state);
 
 }  // namespace vumo
