@@ -65,7 +65,8 @@ AppearanceColours appearanceColours(CaptionAppearance appearance) {
   return {white, std::nullopt, warmYellow, true};
 }
 
-constexpr std::size_t cacheCapacity = 64;
+constexpr std::size_t cacheEntryLimit = 64;
+constexpr std::size_t cacheByteLimit = std::size_t{128} << 20;
 
 bool isUsableOutput(PixelSize outputSize) {
   constexpr std::int64_t largestSide = 1 << 16;
@@ -291,7 +292,7 @@ std::vector<std::string> captionFontFamilies(std::string_view text) {
 }
 
 struct CaptionTextureRenderer::State {
-  TextRasterCache cache{cacheCapacity};
+  TextRasterCache cache{cacheEntryLimit, cacheByteLimit};
 };
 
 CaptionTextureRenderer::CaptionTextureRenderer() : state_(std::make_unique<State>()) {}

@@ -23,7 +23,8 @@ constexpr double outlineStrokeWidth = 0.1;
 constexpr double inkMargin = 1;
 constexpr double largestFontSize = 4096;
 constexpr double largestOutputSide = 1 << 16;
-constexpr std::size_t cacheCapacity = 64;
+constexpr std::size_t cacheEntryLimit = 64;
+constexpr std::size_t cacheByteLimit = std::size_t{128} << 20;
 
 double channel(double value) { return std::isfinite(value) ? std::clamp(value, 0.0, 1.0) : 0.0; }
 
@@ -126,7 +127,7 @@ double textAnnotationFontSize(double fontSize, PixelSize outputSize) {
 }
 
 struct TextAnnotationRenderer::State {
-  TextRasterCache cache{cacheCapacity};
+  TextRasterCache cache{cacheEntryLimit, cacheByteLimit};
 };
 
 TextAnnotationRenderer::TextAnnotationRenderer() : state_(std::make_unique<State>()) {}

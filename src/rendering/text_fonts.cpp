@@ -130,12 +130,12 @@ GObjectPointer<PangoLayout> TextFonts::makeLayout(TextFontRole role, double pixe
 
   // Unhinted outlines at fractional positions: a layout then scales in proportion to its size, so
   // shrinking a caption never adds a line break and an annotation looks the same at any output.
-  cairo_font_options_t* options = cairo_font_options_create();
-  cairo_font_options_set_antialias(options, CAIRO_ANTIALIAS_GRAY);
-  cairo_font_options_set_hint_style(options, CAIRO_HINT_STYLE_NONE);
-  cairo_font_options_set_hint_metrics(options, CAIRO_HINT_METRICS_OFF);
-  pango_cairo_context_set_font_options(context.get(), options);
-  cairo_font_options_destroy(options);
+  std::unique_ptr<cairo_font_options_t, decltype(&cairo_font_options_destroy)> options(cairo_font_options_create(),
+                                                                                       &cairo_font_options_destroy);
+  cairo_font_options_set_antialias(options.get(), CAIRO_ANTIALIAS_GRAY);
+  cairo_font_options_set_hint_style(options.get(), CAIRO_HINT_STYLE_NONE);
+  cairo_font_options_set_hint_metrics(options.get(), CAIRO_HINT_METRICS_OFF);
+  pango_cairo_context_set_font_options(context.get(), options.get());
   pango_context_set_round_glyph_positions(context.get(), FALSE);
 
   GObjectPointer<PangoLayout> layout(pango_layout_new(context.get()));
@@ -155,15 +155,15 @@ std::vector<std::string> TextFonts::familiesUsed(TextFontRole role, std::string_
   auto layout = makeLayout(role, 48);
   if (!layout) return families;
   pango_layout_set_text(layout.get(), text.data(), static_cast<int>(text.size()));
-  PangoLayoutIter* iterator = pango_layout_get_iter(layout.get());
+  std::unique_ptr<PangoLayoutIter, decltype(&pango_layout_iter_free)> iterator(pango_layout_get_iter(layout.get()),
+                                                                               &pango_layout_iter_free);
   do {
-    PangoLayoutRun* run = pango_layout_iter_get_run_readonly(iterator);
+    PangoLayoutRun* run = pango_layout_iter_get_run_readonly(iterator.get());
     if (!run) continue;
     FontDescriptionPointer description(pango_font_describe(run->item->analysis.font));
     const char* family = description ? pango_font_description_get_family(description.get()) : nullptr;
     families.emplace_back(family ? family : "");
-  } while (pango_layout_iter_next_run(iterator));
-  pango_layout_iter_free(iterator);
+  } while (pango_layout_iter_next_run(iterator.get()));
   return families;
 }
 

@@ -1,5 +1,7 @@
 #pragma once
-// A bounded cache of drawn text: the least recently used entry goes when it is full. The lock is
+// A bounded cache of drawn text, in entries and in pixel bytes (a full-screen annotation at 4K is
+// some 30 MB): the least recently used entries go when either is exceeded, though the newest always
+// stays. The lock is
 // held for a lookup or an insertion only, never while drawing, so two threads may draw the same key
 // at once; the first insertion wins and both get its raster.
 
@@ -16,7 +18,7 @@ namespace vumo {
 
 class TextRasterCache {
  public:
-  explicit TextRasterCache(std::size_t capacity) : capacity_(capacity) {}
+  TextRasterCache(std::size_t entryLimit, std::size_t byteLimit) : entryLimit_(entryLimit), byteLimit_(byteLimit) {}
 
   SharedTextRaster find(const std::string& key) {
     std::lock_guard guard(lock_);
@@ -33,9 +35,11 @@ class TextRasterCache {
       entries_.splice(entries_.begin(), entries_, found->second);
       return found->second->second;
     }
+    bytes_ += byteSize(raster);
     entries_.emplace_front(key, std::move(raster));
     index_.emplace(key, entries_.begin());
-    while (entries_.size() > capacity_) {
+    while (entries_.size() > 1 && (entries_.size() > entryLimit_ || bytes_ > byteLimit_)) {
+      bytes_ -= byteSize(entries_.back().second);
       index_.erase(entries_.back().first);
       entries_.pop_back();
     }
@@ -44,8 +48,13 @@ class TextRasterCache {
 
  private:
   using Entry = std::pair<std::string, SharedTextRaster>;
+
+  static std::size_t byteSize(const SharedTextRaster& raster) { return raster ? raster->image.pixels.size() : 0; }
+
   std::mutex lock_;
-  std::size_t capacity_;
+  std::size_t entryLimit_;
+  std::size_t byteLimit_;
+  std::size_t bytes_ = 0;
   std::list<Entry> entries_;  // most recently used first
   std::unordered_map<std::string, std::list<Entry>::iterator> index_;
 };

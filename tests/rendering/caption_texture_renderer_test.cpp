@@ -294,6 +294,23 @@ TEST_F(CaptionTextureRendererTest, TheCacheAnswersTheSameInputsWithTheSameRaster
   EXPECT_EQ(renderer.asset(base, fullHD), first);
 }
 
+TEST_F(CaptionTextureRendererTest, TheCacheForgetsTheLeastRecentlyUsedBeyondSixtyFour) {
+  CaptionTextureRenderer renderer;
+  constexpr PixelSize small{320, 180};
+  const auto numbered = [](int i) { return caption(fmt::format("Cue {}", i)); };
+  const auto kept = renderer.asset(numbered(0), small);
+  const auto dropped = renderer.asset(numbered(1), small);
+  ASSERT_TRUE(kept && dropped);
+  for (int i = 2; i < 64; ++i) renderer.asset(numbered(i), small);
+  EXPECT_EQ(renderer.asset(numbered(0), small), kept);  // now the most recent
+  renderer.asset(numbered(64), small);                  // the 65th pushes out the oldest
+  EXPECT_EQ(renderer.asset(numbered(0), small), kept);
+  const auto redrawn = renderer.asset(numbered(1), small);
+  ASSERT_TRUE(redrawn);
+  EXPECT_NE(redrawn, dropped);
+  EXPECT_EQ(redrawn->image, dropped->image);
+}
+
 TEST_F(CaptionTextureRendererTest, ThreadsDrawingAtOnceGetWhatOneThreadDraws) {
   std::vector<CaptionState> states;
   for (int i = 0; i < 12; ++i) {
