@@ -10,6 +10,9 @@
 
 namespace vumo {
 
+// The pixel size of a text annotation's font: `fontSize` is given for a 1080-pixel-high output.
+double textAnnotationFontSize(double fontSize, PixelSize outputSize);
+
 class TextAnnotationRenderer {
  public:
   TextAnnotationRenderer();
