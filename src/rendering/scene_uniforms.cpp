@@ -154,7 +154,12 @@ SceneUniforms sceneUniforms(const SceneState& state, const SceneUniformInputs& i
   const double outW = static_cast<double>(in.outputSize.width);
   const double outH = static_cast<double>(in.outputSize.height);
 
-  v[0] = {f(outW), f(outH), f(g.screenCornerRadius), static_cast<float>(in.background)};
+  // A picture shows only when the renderer has one; otherwise the canvas says solid or gradient.
+  const bool picture = in.background == BackgroundKind::image || in.background == BackgroundKind::video;
+  const BackgroundKind background = picture                                              ? in.background
+                                    : state.canvas.background == CanvasBackground::solid ? BackgroundKind::solid
+                                                                                         : BackgroundKind::gradient;
+  v[0] = {f(outW), f(outH), f(g.screenCornerRadius), static_cast<float>(background)};
   v[1] = rect4(g.screenRect);
   v[2] = rect4(g.contentRect);
   v[3] = g.hasDeviceFrame ? rect4(g.deviceFrameRect) : Vec4{};

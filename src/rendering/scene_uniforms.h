@@ -127,6 +127,7 @@ struct SceneUniformInputs {
   PixelSize sourceSize;
   PixelSize outputSize;
   std::optional<DeviceFrameLayout> deviceFrame;
+  // `image` or `video` when that picture is bound; anything else follows the canvas.
   BackgroundKind background = BackgroundKind::gradient;
   PixelSize backgroundPictureSize;  // the image or video shown as background
   PlaneFormat screenPlanes;
