@@ -24,7 +24,7 @@ float outputHeight() { return header[0].y; }
 
 vec3 sceneAt(vec2 p) {
   ivec2 size = textureSize(sceneImage, 0);
-  ivec2 texel = clamp(ivec2(int(p.x), int(outputHeight() - 1.0 - p.y)), ivec2(0), size - 1);
+  ivec2 texel = clamp(ivec2(floor(vec2(p.x, outputHeight() - p.y))), ivec2(0), size - 1);
   return texelFetch(sceneImage, texel, 0).rgb;
 }
 

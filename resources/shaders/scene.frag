@@ -2,6 +2,11 @@
 // The scene pass: background, screen, device frame, cursor, click effect, camera overlay and
 // caption, composited in that order. Positions are output pixels with the origin at the top left;
 // the vector layout of SceneBlock is documented in src/rendering/scene_uniforms.h.
+//
+// The program is compiled once per combination of the features a frame uses (MOTION_BLUR,
+// SCREEN_SHADOW, DEVICE_FRAME, CURSOR, CLICK_EFFECT, CAMERA, CAPTION, BACKGROUND_IMAGE,
+// BACKGROUND_VIDEO, defined by the renderer after the version line): a software rasteriser runs
+// every instruction of a shader for every pixel, taken branch or not.
 precision highp float;
 precision highp int;
 
@@ -74,6 +79,7 @@ vec3 sampleScreen(vec2 local, vec3 camera) {
   return samplePlanes(screenY, screenU, screenV, u[17], u[6].xy + source * u[6].zw);
 }
 
+#ifdef MOTION_BLUR
 vec3 screenColour(vec2 local) {
   int samples = int(u[4].w + 0.5);
   if (samples < 2) return sampleScreen(local, u[4].xyz);
@@ -85,7 +91,11 @@ vec3 screenColour(vec2 local) {
   }
   return sum / float(samples);
 }
+#else
+vec3 screenColour(vec2 local) { return sampleScreen(local, u[4].xyz); }
+#endif
 
+#ifdef CLICK_EFFECT
 float clickAlpha(vec2 p) {
   float progress = u[11].z;
   float base = u[12].z;
@@ -104,6 +114,7 @@ float clickAlpha(vec2 p) {
   }
   return alpha;
 }
+#endif
 
 void main() {
   vec2 outputSize = u[0].xy;
@@ -111,23 +122,23 @@ void main() {
   vec2 fraction = p / outputSize;
 
   vec3 colour;
-  float kind = u[0].w;
-  vec2 pictureUV = fraction * u[9].xy + u[9].zw;
-  if (kind > 2.5) {
-    colour = samplePlanes(backgroundY, backgroundU, backgroundV, u[19], pictureUV);
-  } else if (kind > 1.5) {
-    colour = over(texture(backgroundY, pictureUV), u[7].rgb, 1.0);
-  } else {
-    colour = mix(u[7].rgb, u[8].rgb, clamp((fraction.x + fraction.y) * 0.5, 0.0, 1.0));
-  }
+#if defined(BACKGROUND_VIDEO)
+  colour = samplePlanes(backgroundY, backgroundU, backgroundV, u[19], fraction * u[9].xy + u[9].zw);
+#elif defined(BACKGROUND_IMAGE)
+  colour = over(texture(backgroundY, fraction * u[9].xy + u[9].zw), u[7].rgb, 1.0);
+#else
+  colour = mix(u[7].rgb, u[8].rgb, clamp((fraction.x + fraction.y) * 0.5, 0.0, 1.0));
+#endif
 
   vec4 screenRect = u[1];
   float radius = u[0].z;
-  if (u[5].w > 0.5) {
+#ifdef SCREEN_SHADOW
+  {
     float blur = max(outputSize.y * 0.025, 1.0);
     float d = roundedBoxDistance(p - vec2(0.0, blur * 0.4), screenRect, radius);
     colour *= 1.0 - 0.45 * (1.0 - smoothstep(-blur, blur, d));
   }
+#endif
 
   float screenCover = clamp(0.5 - roundedBoxDistance(p, screenRect, radius), 0.0, 1.0);
   if (screenRect.z > 0.0 && screenCover > 0.0) {
@@ -136,21 +147,26 @@ void main() {
     colour = mix(colour, content, screenCover);
   }
 
-  if (u[3].z > 0.0) {
+#ifdef DEVICE_FRAME
+  {
     vec2 local = (p - u[3].xy) / u[3].zw;
     if (inside(local)) colour = over(texture(deviceFrame, local), colour, 1.0);
   }
+#endif
 
-  if (u[11].x > 0.5 && screenCover > 0.0) {
+#ifdef CURSOR
+  if (screenCover > 0.0) {
     vec2 local = (p - u[10].xy) / u[10].zw;
     if (inside(local)) colour = over(texture(cursorImage, local), colour, screenCover);
   }
+#endif
 
-  if (u[11].y > 0.5 && screenCover > 0.0) {
-    colour = mix(colour, vec3(1.0), clickAlpha(p) * screenCover);
-  }
+#ifdef CLICK_EFFECT
+  if (screenCover > 0.0) colour = mix(colour, vec3(1.0), clickAlpha(p) * screenCover);
+#endif
 
-  if (u[15].x > 0.5) {
+#ifdef CAMERA
+  {
     vec4 rect = vec4(u[13].xy * outputSize, u[13].zw * outputSize);
     float progress = u[15].y;
     float cameraRadius = u[14].y * 0.5 * min(rect.z, rect.w) * (1.0 - progress);
@@ -170,11 +186,14 @@ void main() {
       colour = mix(colour, camera, cover);
     }
   }
+#endif
 
-  if (u[16].z > 0.0) {
+#ifdef CAPTION
+  {
     vec2 local = (p - u[16].xy) / u[16].zw;
     if (inside(local)) colour = over(texture(captionImage, local), colour, 1.0);
   }
+#endif
 
   fragColor = vec4(colour, 1.0);
 }

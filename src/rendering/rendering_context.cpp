@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cstring>
+#include <map>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -13,6 +14,7 @@
 #include "media/still_image.h"
 #include "rendering/gl_objects.h"
 #include "rendering/rendering_errors.h"
+#include "rendering/scene_uniforms.h"
 #include "shared/document_limits.h"
 #include "shared/files.h"
 #include "shared/json.h"
@@ -77,13 +79,37 @@ EGLContext openContext(EGLDisplay display) {
   return context;
 }
 
-gl::Shader compile(GLenum stage, const std::filesystem::path& file) {
-  std::string source;
+std::string readShader(const std::filesystem::path& file) {
   try {
-    source = readFile(file, shaderBytes);
+    return readFile(file, shaderBytes);
   } catch (const Error&) {
     unavailable();
   }
+}
+
+// Feature switches go right after the version line, which must come first in GLSL ES.
+std::string withDefines(const std::string& source, std::uint32_t features) {
+  static constexpr std::pair<SceneFeature, const char*> names[] = {
+      {motionBlurFeature, "MOTION_BLUR"},
+      {screenShadowFeature, "SCREEN_SHADOW"},
+      {deviceFrameFeature, "DEVICE_FRAME"},
+      {cursorFeature, "CURSOR"},
+      {clickEffectFeature, "CLICK_EFFECT"},
+      {cameraFeature, "CAMERA"},
+      {captionFeature, "CAPTION"},
+      {backgroundImageFeature, "BACKGROUND_IMAGE"},
+      {backgroundVideoFeature, "BACKGROUND_VIDEO"},
+  };
+  const std::size_t lineEnd = source.find('\n');
+  if (source.rfind("#version", 0) != 0 || lineEnd == std::string::npos) unavailable();
+  std::string result = source.substr(0, lineEnd + 1);
+  for (const auto& [feature, name] : names)
+    if (features & feature) result += std::string("#define ") + name + " 1\n";
+  result += source.substr(lineEnd + 1);
+  return result;
+}
+
+gl::Shader compile(GLenum stage, const std::string& source) {
   gl::Shader shader(glCreateShader(stage));
   const char* text = source.c_str();
   const GLint length = static_cast<GLint>(source.size());
@@ -96,6 +122,7 @@ gl::Shader compile(GLenum stage, const std::filesystem::path& file) {
 }
 
 gl::Program link(const gl::Shader& vertex, const gl::Shader& fragment) {
+  if (!vertex || !fragment) unavailable();
   gl::Program program(glCreateProgram());
   glAttachShader(program.get(), vertex.get());
   glAttachShader(program.get(), fragment.get());
@@ -122,10 +149,22 @@ void bindSlots(GLuint program, const std::vector<std::string_view>& samplers,
   glUseProgram(0);
 }
 
+const std::vector<std::string_view> sceneSamplers = {"screenY",     "screenU",     "screenV",     "cameraY",
+                                                     "cameraU",     "cameraV",     "backgroundY", "backgroundU",
+                                                     "backgroundV", "deviceFrame", "cursorImage", "captionImage"};
+
+gl::Program sceneVariant(const gl::Shader& vertex, const std::string& source, std::uint32_t features) {
+  gl::Program program = link(vertex, compile(GL_FRAGMENT_SHADER, withDefines(source, features)));
+  bindSlots(program.get(), sceneSamplers, {"SceneBlock"});
+  return program;
+}
+
 }  // namespace
 
 struct RenderingContext::Objects {
-  gl::Program scene;
+  gl::Shader vertex;
+  std::string sceneSource;
+  std::map<std::uint32_t, gl::Program> scenes;
   gl::Program annotation;
   gl::Sampler sampler;
   gl::Texture cursor;
@@ -140,15 +179,13 @@ std::shared_ptr<RenderingContext> RenderingContext::create(const std::filesystem
 
   Current current(*result);
   const std::filesystem::path shaders = resourceDirectory / "shaders";
-  gl::Shader vertex = compile(GL_VERTEX_SHADER, shaders / "scene.vert");
-  gl::Shader sceneFragment = compile(GL_FRAGMENT_SHADER, shaders / "scene.frag");
-  gl::Shader annotationFragment = compile(GL_FRAGMENT_SHADER, shaders / "annotation.frag");
-  gl::Program scene = link(vertex, sceneFragment);
-  gl::Program annotation = link(vertex, annotationFragment);
-  bindSlots(scene.get(),
-            {"screenY", "screenU", "screenV", "cameraY", "cameraU", "cameraV", "backgroundY", "backgroundU",
-             "backgroundV", "deviceFrame", "cursorImage", "captionImage"},
-            {"SceneBlock"});
+  Objects& objects = *result->objects_;
+  objects.vertex = compile(GL_VERTEX_SHADER, readShader(shaders / "scene.vert"));
+  objects.sceneSource = readShader(shaders / "scene.frag");
+  gl::Program annotation = link(objects.vertex, compile(GL_FRAGMENT_SHADER, readShader(shaders / "annotation.frag")));
+  // The fullest and the barest scene program, so a broken shader file fails here and not mid-export.
+  for (const std::uint32_t features : {allSceneFeatures, 0u})
+    objects.scenes.emplace(features, sceneVariant(objects.vertex, objects.sceneSource, features));
   bindSlots(annotation.get(), {"sceneImage", "textAtlas"},
             {"AnnotationHeaderBlock", "AnnotationBlock", "TextPlacementBlock"});
 
@@ -185,7 +222,6 @@ std::shared_ptr<RenderingContext> RenderingContext::create(const std::filesystem
   glGetIntegerv(GL_MAX_TEXTURE_SIZE, &maximumSize);
   if (maximumSize > 0) result->maximumTextureSize_ = maximumSize;
 
-  result->objects_->scene = std::move(scene);
   result->objects_->annotation = std::move(annotation);
   result->objects_->sampler = std::move(samplerOwner);
   result->objects_->cursor = std::move(cursor);
@@ -218,7 +254,12 @@ RenderingContext::Current::~Current() {
   eglMakeCurrent(static_cast<EGLDisplay>(context_.display_), EGL_NO_SURFACE, EGL_NO_SURFACE, EGL_NO_CONTEXT);
 }
 
-std::uint32_t RenderingContext::sceneProgram() const { return objects_->scene.get(); }
+std::uint32_t RenderingContext::sceneProgram(std::uint32_t features) {
+  auto found = objects_->scenes.find(features);
+  if (found == objects_->scenes.end())
+    found = objects_->scenes.emplace(features, sceneVariant(objects_->vertex, objects_->sceneSource, features)).first;
+  return found->second.get();
+}
 std::uint32_t RenderingContext::annotationProgram() const { return objects_->annotation.get(); }
 std::uint32_t RenderingContext::sampler() const { return objects_->sampler.get(); }
 std::uint32_t RenderingContext::cursorTexture() const { return objects_->cursor.get(); }

@@ -39,7 +39,9 @@ class RenderingContext {
 
   const std::filesystem::path& resourceDirectory() const { return resourceDirectory_; }
   // GL names, valid while the context lives; use them only while it is current.
-  std::uint32_t sceneProgram() const;
+  // The scene program with exactly the parts in `features` (SceneFeature bits), compiled on first
+  // use and kept. Only while the context is current. Throws RenderingContextError::unavailable.
+  std::uint32_t sceneProgram(std::uint32_t features);
   std::uint32_t annotationProgram() const;
   std::uint32_t sampler() const;
   std::uint32_t cursorTexture() const;

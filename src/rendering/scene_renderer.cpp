@@ -398,16 +398,24 @@ void SceneRenderer::encode(const SceneState& state, const SceneFrames& frames, P
 
   const SceneUniforms uniforms = sceneUniforms(state, inputs);
 
-  // Scene pass.
-  ensureTarget(gpu.intermediate, gpu.intermediateFramebuffer, gpu.intermediateSize, outputSize);
+  // Scene pass: into the intermediate texture when annotations follow, else straight into the
+  // target, which saves a full-frame pass.
+  const bool annotated = !state.annotations.empty();
   const GLsizei width = static_cast<GLsizei>(outputSize.width);
   const GLsizei height = static_cast<GLsizei>(outputSize.height);
-  glBindFramebuffer(GL_FRAMEBUFFER, gpu.intermediateFramebuffer.get());
+  if (annotated) {
+    ensureTarget(gpu.intermediate, gpu.intermediateFramebuffer, gpu.intermediateSize, outputSize);
+    glBindFramebuffer(GL_FRAMEBUFFER, gpu.intermediateFramebuffer.get());
+  } else {
+    glBindFramebuffer(GL_FRAMEBUFFER, framebuffer);
+    if (glCheckFramebufferStatus(GL_FRAMEBUFFER) != GL_FRAMEBUFFER_COMPLETE)
+      throw SceneRendererError(SceneRendererError::Case::encoderUnavailable);
+  }
   glViewport(0, 0, width, height);
   glDisable(GL_BLEND);
   glDisable(GL_DEPTH_TEST);
   glDisable(GL_SCISSOR_TEST);
-  glUseProgram(context_->sceneProgram());
+  glUseProgram(context_->sceneProgram(sceneFeatures(uniforms)));
   glBindVertexArray(gpu.vertexArray.get());
   fillBlock(gpu.sceneBlock, sceneBinding, &uniforms, sizeof uniforms);
   auto plane = [&](int index) {
@@ -432,6 +440,11 @@ void SceneRenderer::encode(const SceneState& state, const SceneFrames& frames, P
   bindUnit(captionUnit, captionTexture != 0 ? captionTexture : gpu.standby.get(), sampler);
   glDrawArrays(GL_TRIANGLES, 0, 3);
   if (glGetError() != GL_NO_ERROR) throw SceneRendererError(SceneRendererError::Case::encoderUnavailable);
+  if (!annotated) {
+    glBindVertexArray(0);
+    glUseProgram(0);
+    return;
+  }
 
   // Annotation pass: the text rasters packed into one atlas, in annotation order, on shelves.
   std::vector<SharedTextRaster> rasters(state.annotations.size());

@@ -205,6 +205,21 @@ SceneUniforms sceneUniforms(const SceneState& state, const SceneUniformInputs& i
   return u;
 }
 
+std::uint32_t sceneFeatures(const SceneUniforms& uniforms) {
+  const auto& v = uniforms.vectors;
+  std::uint32_t features = 0;
+  if (v[4].w > 1) features |= motionBlurFeature;
+  if (v[5].w > 0.5f) features |= screenShadowFeature;
+  if (v[3].z > 0) features |= deviceFrameFeature;
+  if (v[11].x > 0.5f && v[10].z > 0) features |= cursorFeature;
+  if (v[11].y > 0.5f) features |= clickEffectFeature;
+  if (v[15].x > 0.5f) features |= cameraFeature;
+  if (v[16].z > 0) features |= captionFeature;
+  if (v[0].w == static_cast<float>(BackgroundKind::image)) features |= backgroundImageFeature;
+  if (v[0].w == static_cast<float>(BackgroundKind::video)) features |= backgroundVideoFeature;
+  return features;
+}
+
 AnnotationHeader annotationHeader(PixelSize outputSize, std::size_t count, PixelSize atlasSize) {
   AnnotationHeader h;
   const double minSide = static_cast<double>(std::min(outputSize.width, outputSize.height));

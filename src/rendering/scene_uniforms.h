@@ -149,6 +149,23 @@ SceneUniforms sceneUniforms(const SceneState& state, const SceneUniformInputs& i
 RectValue cursorRect(const SceneState& state, const SceneGeometry& geometry, SizeValue contentSize,
                      SizeValue logicalSize, PointValue hotSpot);
 
+// The optional parts of the scene program; a frame's program has exactly the parts it uses.
+enum SceneFeature : std::uint32_t {
+  motionBlurFeature = 1u << 0,
+  screenShadowFeature = 1u << 1,
+  deviceFrameFeature = 1u << 2,
+  cursorFeature = 1u << 3,
+  clickEffectFeature = 1u << 4,
+  cameraFeature = 1u << 5,
+  captionFeature = 1u << 6,
+  backgroundImageFeature = 1u << 7,
+  backgroundVideoFeature = 1u << 8,
+};
+inline constexpr std::uint32_t allSceneFeatures = (1u << 9) - 1;
+
+// Read off the packed block, so the program and the numbers cannot disagree.
+std::uint32_t sceneFeatures(const SceneUniforms& uniforms);
+
 // Header of the annotation pass.
 AnnotationHeader annotationHeader(PixelSize outputSize, std::size_t count, PixelSize atlasSize);
 

@@ -380,6 +380,18 @@ TEST_F(SceneRendererTest, ShapeAnnotationsDrawOverTheScene) {
   EXPECT_COLOUR(pixel(image, 240, 45), (Rgb{0, 115, 0}), 4) << "outside it, darkened by 0.55";
 }
 
+TEST_F(SceneRendererTest, TheAnnotationPassCopiesTheSceneExactly) {
+  SceneState state;
+  state.canvas.cornerRadius = 0.05;
+  state.cursor.visible = true;
+  SceneRenderer r = renderer();
+  const StillImage direct = r.render(state, quadrantFrames(screenFrame()), outputSize);
+  AnnotationElement empty;  // no bounds: draws nothing, but sends the frame through the second pass
+  state.annotations = {empty};
+  const StillImage twoPasses = r.render(state, quadrantFrames(screenFrame()), outputSize);
+  EXPECT_TRUE(direct == twoPasses);
+}
+
 TEST_F(SceneRendererTest, MoreThanSixteenAnnotationsAreRefused) {
   SceneState state = plainState();
   for (int i = 0; i < 17; ++i) {

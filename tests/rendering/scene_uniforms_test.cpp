@@ -291,3 +291,30 @@ TEST(SceneUniformsTest, PicturesAreCentreCropped) {
 
 }  // namespace
 }  // namespace vumo
+
+namespace vumo {
+namespace {
+
+TEST(SceneFeaturesTest, TheProgramHasExactlyThePartsTheFrameUses) {
+  SceneState bare;
+  bare.cursor.visible = false;
+  SceneUniformInputs in = fullHdInputs();
+  EXPECT_EQ(sceneFeatures(sceneUniforms(bare, in)), screenShadowFeature);
+
+  SceneState full = withWebcam({0.5, 0.5}, 0.2, WebcamAspectRatio::square, 0);
+  full.cursor.visible = true;
+  full.motionBlurCamera = CameraState{{0.4, 0.4}, 2};
+  full.clickEffect = ClickEffectState{};
+  in.webcamSize = {640, 480};
+  in.captionFrame = RectValue{10, 10, 100, 20};
+  in.background = BackgroundKind::video;
+  in.deviceFrame = DeviceFrameLayout{{200, 400}, {20, 20, 160, 360}, 10, DeviceFrameContentMode::fit};
+  EXPECT_EQ(sceneFeatures(sceneUniforms(full, in)), motionBlurFeature | deviceFrameFeature | cursorFeature |
+                                                        clickEffectFeature | cameraFeature | captionFeature |
+                                                        backgroundVideoFeature);
+  in.background = BackgroundKind::image;
+  EXPECT_TRUE(sceneFeatures(sceneUniforms(full, in)) & backgroundImageFeature);
+}
+
+}  // namespace
+}  // namespace vumo
