@@ -5,8 +5,9 @@
 //
 // The program is compiled once per combination of the features a frame uses (MOTION_BLUR,
 // SCREEN_SHADOW, DEVICE_FRAME, CURSOR, CLICK_EFFECT, CAMERA, CAPTION, BACKGROUND_IMAGE,
-// BACKGROUND_VIDEO, defined by the renderer after the version line): a software rasteriser runs
-// every instruction of a shader for every pixel, taken branch or not.
+// BACKGROUND_VIDEO, and SCREEN_NV12, CAMERA_NV12, BACKGROUND_NV12 for two-plane frames; defined
+// by the renderer after the version line): a software rasteriser runs every instruction of a
+// shader for every pixel, taken branch or not.
 precision highp float;
 precision highp int;
 
@@ -29,7 +30,23 @@ uniform sampler2D captionImage;
 
 out vec4 fragColor;
 
-// format: x plane layout (1 yuv420p, 2 nv12), y full range, z matrix (0 BT.709, 1 BT.601, 2 BT.2020).
+#ifdef SCREEN_NV12
+const bool screenNv12 = true;
+#else
+const bool screenNv12 = false;
+#endif
+#ifdef CAMERA_NV12
+const bool cameraNv12 = true;
+#else
+const bool cameraNv12 = false;
+#endif
+#ifdef BACKGROUND_NV12
+const bool backgroundNv12 = true;
+#else
+const bool backgroundNv12 = false;
+#endif
+
+// format: x plane layout (0 none, 1 yuv420p, 2 nv12), y full range, z matrix (0 BT.709, 1 BT.601, 2 BT.2020).
 vec3 yuvToRgb(vec3 yuv, vec4 format) {
   float y = yuv.x;
   float cb = yuv.y - 128.0 / 255.0;
@@ -50,10 +67,11 @@ vec3 yuvToRgb(vec3 yuv, vec4 format) {
   return clamp(rgb, 0.0, 1.0);
 }
 
-vec3 samplePlanes(sampler2D planeY, sampler2D planeU, sampler2D planeV, vec4 format, vec2 uv) {
+// `nv12` is a constant at every call, so only one way of reading chroma is compiled.
+vec3 samplePlanes(sampler2D planeY, sampler2D planeU, sampler2D planeV, vec4 format, vec2 uv, bool nv12) {
   if (format.x < 0.5) return vec3(0.0);
   float y = texture(planeY, uv).r;
-  vec2 chroma = format.x > 1.5 ? texture(planeU, uv).rg : vec2(texture(planeU, uv).r, texture(planeV, uv).r);
+  vec2 chroma = nv12 ? texture(planeU, uv).rg : vec2(texture(planeU, uv).r, texture(planeV, uv).r);
   return yuvToRgb(vec3(y, chroma), format);
 }
 
@@ -76,16 +94,15 @@ vec3 over(vec4 premultiplied, vec3 below, float coverage) {
 // The recording at `local` (0...1 across the content rectangle) seen through a camera.
 vec3 sampleScreen(vec2 local, vec3 camera) {
   vec2 source = clamp(camera.xy + (local - 0.5) / camera.z, 0.0, 1.0);
-  return samplePlanes(screenY, screenU, screenV, u[17], u[6].xy + source * u[6].zw);
+  return samplePlanes(screenY, screenU, screenV, u[17], u[6].xy + source * u[6].zw, screenNv12);
 }
 
 #ifdef MOTION_BLUR
 vec3 screenColour(vec2 local) {
-  int samples = int(u[4].w + 0.5);
-  if (samples < 2) return sampleScreen(local, u[4].xyz);
+  // A constant count lets the loop unroll; the block says 8 (motionBlurSampleCount) as well.
+  const int samples = 8;
   vec3 sum = vec3(0.0);
-  for (int i = 0; i < 16; ++i) {
-    if (i >= samples) break;
+  for (int i = 0; i < samples; ++i) {
     float t = float(i) / float(samples - 1);
     sum += sampleScreen(local, mix(u[5].xyz, u[4].xyz, t));
   }
@@ -123,7 +140,7 @@ void main() {
 
   vec3 colour;
 #if defined(BACKGROUND_VIDEO)
-  colour = samplePlanes(backgroundY, backgroundU, backgroundV, u[19], fraction * u[9].xy + u[9].zw);
+  colour = samplePlanes(backgroundY, backgroundU, backgroundV, u[19], fraction * u[9].xy + u[9].zw, backgroundNv12);
 #elif defined(BACKGROUND_IMAGE)
   colour = over(texture(backgroundY, fraction * u[9].xy + u[9].zw), u[7].rgb, 1.0);
 #else
@@ -181,7 +198,7 @@ void main() {
     if (cover > 0.0) {
       vec2 local = clamp((p - rect.xy) / rect.zw, 0.0, 1.0);
       if (u[14].x > 0.5) local.x = 1.0 - local.x;
-      vec3 camera = samplePlanes(cameraY, cameraU, cameraV, u[18], local * u[20].xy + u[20].zw);
+      vec3 camera = samplePlanes(cameraY, cameraU, cameraV, u[18], local * u[20].xy + u[20].zw, cameraNv12);
       if (border > 0.0) camera = mix(vec3(1.0), camera, clamp(0.5 - (d + border), 0.0, 1.0));
       colour = mix(colour, camera, cover);
     }

@@ -99,6 +99,9 @@ std::string withDefines(const std::string& source, std::uint32_t features) {
       {captionFeature, "CAPTION"},
       {backgroundImageFeature, "BACKGROUND_IMAGE"},
       {backgroundVideoFeature, "BACKGROUND_VIDEO"},
+      {screenNv12Feature, "SCREEN_NV12"},
+      {cameraNv12Feature, "CAMERA_NV12"},
+      {backgroundNv12Feature, "BACKGROUND_NV12"},
   };
   const std::size_t lineEnd = source.find('\n');
   if (source.rfind("#version", 0) != 0 || lineEnd == std::string::npos) unavailable();

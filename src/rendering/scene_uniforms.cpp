@@ -217,6 +217,10 @@ std::uint32_t sceneFeatures(const SceneUniforms& uniforms) {
   if (v[16].z > 0) features |= captionFeature;
   if (v[0].w == static_cast<float>(BackgroundKind::image)) features |= backgroundImageFeature;
   if (v[0].w == static_cast<float>(BackgroundKind::video)) features |= backgroundVideoFeature;
+  const float nv12 = static_cast<float>(PlaneLayout::nv12);
+  if (v[17].x == nv12) features |= screenNv12Feature;
+  if (v[18].x == nv12) features |= cameraNv12Feature;
+  if (v[19].x == nv12) features |= backgroundNv12Feature;
   return features;
 }
 

@@ -7,7 +7,7 @@
 //   1  screen rectangle (px): where the recording is visible (a device's screen when framed)
 //   2  content rectangle (px): where the whole cropped recording maps (equal to 1 without a frame)
 //   3  device frame bitmap rectangle (px), zero without a frame
-//   4  camera centre x, y, scale, motion-blur sample count (0: no blur)
+//   4  camera centre x, y, scale, motion-blur sample count (0: no blur; the shader unrolls 8)
 //   5  shutter-open camera centre x, y, scale, drop shadow under the screen (0/1)
 //   6  the recording's content in its encoded frame (`screen.sourceRect`, normalised)
 //   7  background colour at the top left (r, g, b, 1)
@@ -160,8 +160,11 @@ enum SceneFeature : std::uint32_t {
   captionFeature = 1u << 6,
   backgroundImageFeature = 1u << 7,
   backgroundVideoFeature = 1u << 8,
+  screenNv12Feature = 1u << 9,  // the frame has two planes (else three)
+  cameraNv12Feature = 1u << 10,
+  backgroundNv12Feature = 1u << 11,
 };
-inline constexpr std::uint32_t allSceneFeatures = (1u << 9) - 1;
+inline constexpr std::uint32_t allSceneFeatures = (1u << 12) - 1;
 
 // Read off the packed block, so the program and the numbers cannot disagree.
 std::uint32_t sceneFeatures(const SceneUniforms& uniforms);

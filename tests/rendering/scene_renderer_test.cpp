@@ -392,6 +392,22 @@ TEST_F(SceneRendererTest, TheAnnotationPassCopiesTheSceneExactly) {
   EXPECT_TRUE(direct == twoPasses);
 }
 
+TEST_F(SceneRendererTest, AMosaicShowsOneColourPerBlock) {
+  SceneRenderer r = renderer();
+  SceneState state = plainState();
+  const StillImage plain = r.render(state, quadrantFrames(screenFrame()), outputSize);
+  // Across the red-green edge at x 160 the scene blends over a few pixels.
+  EXPECT_GT(distance(pixel(plain, 160, 70), pixel(plain, 163, 70)), 40);
+  AnnotationElement mosaic;
+  mosaic.kind = AnnotationKind::mosaic;
+  mosaic.bounds = RectValue{0.4, 0.35, 0.2, 0.3};  // x from 128; blocks of 180 × 0.025 = 4.5 pixels
+  state.annotations = {mosaic};
+  const StillImage pixelated = r.render(state, quadrantFrames(screenFrame()), outputSize);
+  // Pixels 160...163 lie in the block [159.5, 164).
+  for (int x = 161; x <= 163; ++x) EXPECT_EQ(pixel(pixelated, x, 70), pixel(pixelated, 160, 70)) << x;
+  EXPECT_EQ(pixel(pixelated, 100, 70), pixel(plain, 100, 70)) << "outside the bounds nothing changes";
+}
+
 TEST_F(SceneRendererTest, MoreThanSixteenAnnotationsAreRefused) {
   SceneState state = plainState();
   for (int i = 0; i < 17; ++i) {

@@ -308,10 +308,12 @@ TEST(SceneFeaturesTest, TheProgramHasExactlyThePartsTheFrameUses) {
   in.webcamSize = {640, 480};
   in.captionFrame = RectValue{10, 10, 100, 20};
   in.background = BackgroundKind::video;
+  in.backgroundPlanes.layout = PlaneLayout::nv12;
+  in.webcamPlanes.layout = PlaneLayout::yuv420p;
   in.deviceFrame = DeviceFrameLayout{{200, 400}, {20, 20, 160, 360}, 10, DeviceFrameContentMode::fit};
   EXPECT_EQ(sceneFeatures(sceneUniforms(full, in)), motionBlurFeature | deviceFrameFeature | cursorFeature |
                                                         clickEffectFeature | cameraFeature | captionFeature |
-                                                        backgroundVideoFeature);
+                                                        backgroundVideoFeature | backgroundNv12Feature);
   in.background = BackgroundKind::image;
   EXPECT_TRUE(sceneFeatures(sceneUniforms(full, in)) & backgroundImageFeature);
 }
