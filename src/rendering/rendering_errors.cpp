@@ -4,7 +4,7 @@ namespace vumo {
 
 namespace {
 
-constexpr std::string_view table = "Media";
+constexpr std::string_view mediaTable = "Media";
 
 using Context = RenderingContextError::Case;
 constexpr ErrorCase<Context> contextCases[] = {
@@ -49,14 +49,14 @@ RenderingContextError::RenderingContextError(Case kind, std::string_view code)
     : Error(catalogue(), kind, code), kind_(kind) {}
 
 const ErrorCatalogue<RenderingContextError::Case>& RenderingContextError::catalogue() {
-  static constexpr ErrorCatalogue<Case> catalogue{"RenderingContextError", vumo::table, contextCases};
+  static constexpr ErrorCatalogue<Case> catalogue{"RenderingContextError", mediaTable, contextCases};
   return catalogue;
 }
 
 SceneRendererError::SceneRendererError(Case kind) : Error(catalogue(), kind), kind_(kind) {}
 
 const ErrorCatalogue<SceneRendererError::Case>& SceneRendererError::catalogue() {
-  static constexpr ErrorCatalogue<Case> catalogue{"SceneRendererError", vumo::table, rendererCases};
+  static constexpr ErrorCatalogue<Case> catalogue{"SceneRendererError", mediaTable, rendererCases};
   return catalogue;
 }
 
@@ -64,7 +64,7 @@ ProjectFrameRendererError::ProjectFrameRendererError(Case kind, std::string_view
     : Error(catalogue(), kind, code), kind_(kind) {}
 
 const ErrorCatalogue<ProjectFrameRendererError::Case>& ProjectFrameRendererError::catalogue() {
-  static constexpr ErrorCatalogue<Case> catalogue{"ProjectFrameRendererError", vumo::table, frameCases};
+  static constexpr ErrorCatalogue<Case> catalogue{"ProjectFrameRendererError", mediaTable, frameCases};
   return catalogue;
 }
 

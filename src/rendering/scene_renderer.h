@@ -1,0 +1,81 @@
+#pragma once
+// Turns one SceneState and the decoded frames of that instant into one picture on the GPU. Preview,
+// the still frame and export all draw through it, so what is seen is what is exported.
+//
+// Two passes per frame, each one full-screen triangle: the scene pass draws background, screen,
+// device frame, cursor, click effect, camera overlay and caption into an intermediate texture; the
+// annotation pass reads it and draws the annotations into the target.
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "media/sequence_video_reader.h"
+#include "media/still_image.h"
+#include "project/project_snapshot.h"
+#include "rendering/rendering_context.h"
+#include "rendering/text_raster.h"
+#include "scene/scene_state.h"
+#include "shared/geometry.h"
+
+namespace vumo {
+
+// The decoded pictures of one instant. `sourceSize` is the recording's encoded pixel size, which
+// the layout uses; a frame that is missing is drawn black (screen, camera) or not at all.
+struct SceneFrames {
+  PixelSize sourceSize;
+  std::optional<VideoFrame> screen;
+  std::optional<VideoFrame> webcam;
+  std::optional<VideoFrame> backgroundVideo;
+};
+
+// Where captions and text annotations come from as pictures. `standard()` draws them with
+// CaptionTextureRenderer and TextAnnotationRenderer; a null function draws none.
+struct TextRasterSources {
+  std::function<SharedTextRaster(const CaptionState&, PixelSize)> caption;
+  std::function<SharedTextRaster(const AnnotationElement&, PixelSize)> textAnnotation;
+
+  static TextRasterSources standard();
+};
+
+class SceneRenderer {
+ public:
+  // Captions and text annotations drawn by TextRasterSources::standard().
+  explicit SceneRenderer(std::shared_ptr<RenderingContext> context);
+  SceneRenderer(std::shared_ptr<RenderingContext> context, TextRasterSources text);
+  ~SceneRenderer();
+  SceneRenderer(const SceneRenderer&) = delete;
+  SceneRenderer& operator=(const SceneRenderer&) = delete;
+
+  // Decodes the project's cursor shapes and canvas background pictures once; one that does not
+  // decode is skipped (the arrow, or the preset colours, show instead). Safe while frames render.
+  void registerProjectAssets(const ProjectSnapshot& snapshot);
+  void registerCursorAssets(const std::vector<CursorAssetPayload>& assets);
+  void registerCanvasBackgroundAssets(const std::vector<CanvasBackgroundAssetPayload>& assets);
+
+  // One opaque frame of `outputSize`, rows top first. Takes the context for the call. Throws
+  // SceneRendererError (tooManyAnnotations, encoderUnavailable) or RenderingContextError
+  // (textureCreation).
+  StillImage render(const SceneState& state, const SceneFrames& frames, PixelSize outputSize);
+
+  // Draws one frame into the caller's framebuffer (GL name; 0 is not allowed, the context has no
+  // surface), which must be complete and at least `outputSize`. The caller holds a
+  // RenderingContext::Current of this renderer's context. The picture's top row is the
+  // framebuffer's last row, as OpenGL orients it.
+  void encode(const SceneState& state, const SceneFrames& frames, PixelSize outputSize, std::uint32_t framebuffer);
+
+  const std::shared_ptr<RenderingContext>& context() const { return context_; }
+
+ private:
+  struct Assets;
+  struct Gpu;
+
+  std::shared_ptr<RenderingContext> context_;
+  TextRasterSources text_;
+  std::unique_ptr<Assets> assets_;
+  std::unique_ptr<Gpu> gpu_;
+};
+
+}  // namespace vumo
