@@ -50,8 +50,9 @@ class FrameCommand : public testing::SampleProjectSuite {
   static void set(const std::string& assignment) {
     auto preview = vumo({"cli", "set", id_, assignment});
     ASSERT_EQ(preview.status, 0) << preview.standardError;
-    std::vector<std::string> confirm;
-    for (const auto& word : Json::parse(preview.standardOutput)["confirmationArguments"]) confirm.push_back(word);
+    std::vector<std::string> confirm = {"cli"};
+    const Json answer = Json::parse(preview.standardOutput);
+    for (const auto& word : answer["confirmationArguments"]) confirm.push_back(word);
     auto commit = vumo(confirm);
     ASSERT_EQ(commit.status, 0) << commit.standardError;
   }
@@ -74,7 +75,7 @@ TEST_F(FrameCommand, SizeFollowsTheCanvasAspectInEvenPixels) {
                       {"4:3", 641, 640, 480},  {"3:4", 640, 640, 854}, {"source", 322, 322, 182}};
   for (const Row& row : rows) {
     SCOPED_TRACE(row.aspect);
-    set("canvas.aspectRatio=" + row.aspect);
+    set("canvas.aspect=" + row.aspect);
     const fs::path file = out_.path() / (row.aspect == "source" ? "source.png" : "aspect.png");
     auto result = frame(id_, 1000, file, {"--width", std::to_string(row.width), "--replace"});
     ASSERT_EQ(result.status, 0) << result.standardError;
@@ -86,7 +87,7 @@ TEST_F(FrameCommand, SizeFollowsTheCanvasAspectInEvenPixels) {
     EXPECT_EQ(image.width, row.expectedWidth);
     EXPECT_EQ(image.height, row.expectedHeight);
   }
-  set("canvas.aspectRatio=16:9");
+  set("canvas.aspect=16:9");
 }
 
 TEST_F(FrameCommand, WritesJpegOrPngByExtensionAndReplacesOnlyWhenAsked) {
@@ -115,13 +116,13 @@ TEST_F(FrameCommand, WritesJpegOrPngByExtensionAndReplacesOnlyWhenAsked) {
 }
 
 TEST_F(FrameCommand, RefusesWhatItCannotDrawAndLeavesNothingBehind) {
-  // A second project whose movie is gone.
+  // A second project whose movie is damaged beyond reading.
   std::string movieless;
   {
     ProjectStore store;
     ProjectPackage package = makeSampleProject(store);
     movieless = store.readManifest(package).id.string();
-    fs::remove(package.mediaPath());
+    writeFileAtomically(package.mediaPath(), "not a movie at all");
   }
   { std::ofstream(out_.path() / "plain-file") << "not a folder"; }
 
@@ -137,7 +138,7 @@ TEST_F(FrameCommand, RefusesWhatItCannotDrawAndLeavesNothingBehind) {
   const Row rows[] = {
       {"beyond the sequence", id_, 60'000, out_.path() / "late.png", 6, "execution",
        "A preview frame is temporarily unavailable at the requested time."},
-      {"missing media", movieless, 1000, out_.path() / "movieless.png", 6, "execution", ""},
+      {"unreadable media", movieless, 1000, out_.path() / "movieless.png", 6, "execution", ""},
       {"parent is a regular file", id_, 1000, out_.path() / "plain-file" / "a.png", 6, "execution", ""},
       {"parent is missing", id_, 1000, out_.path() / "missing" / "a.png", 6, "execution",
        "输出目录不存在：" + (out_.path() / "missing").string()},
@@ -153,7 +154,9 @@ TEST_F(FrameCommand, RefusesWhatItCannotDrawAndLeavesNothingBehind) {
     EXPECT_TRUE(result.standardOutput.empty());
     const Json envelope = Json::parse(result.standardError);
     EXPECT_EQ(envelope["error"], row.code);
-    if (!row.message.empty()) EXPECT_EQ(envelope["message"], row.message);
+    if (!row.message.empty()) {
+      EXPECT_EQ(envelope["message"], row.message);
+    }
     EXPECT_FALSE(fs::exists(row.out));
   }
   // No temporary file of an atomic write was left either.
