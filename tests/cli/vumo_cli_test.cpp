@@ -76,17 +76,23 @@ TEST_F(DriverTest, SystemInfoAnswersOneDocumentWithoutIdentifyingTheMachine) {
   EXPECT_TRUE(std::filesystem::is_directory(home.path() / "Vumo" / "Projects"));
 }
 
-TEST_F(DriverTest, CommandsWithoutAServiceFailAsExecutionNamingTheCapability) {
+TEST_F(DriverTest, AFrameOfUnreadableMediaFailsAsExecutionAndWritesNothing) {
+  // The engine's GPU context writes Mesa's shader cache: into a folder of the test's own.
+  testing::TemporaryDirectory cache;
+  testing::ScopedEnvironmentVariable cacheHome("XDG_CACHE_HOME", cache.path().string());
   ProjectStore store;
   auto created = store.createProject({}, {}, {640, 360}, std::nullopt, std::nullopt);
   writeFileAtomically(created.package.mediaPath(), "movie");
   created.manifest.duration = ProjectTime::fromMilliseconds(1'000);
   store.finish(created.package, created.manifest);
-  EXPECT_EQ(run({"frame", created.manifest.id.string().substr(0, 8), "--ms", "0", "--out", "f.jpg"}), 6);
+  const auto out = cache.path() / "f.jpg";
+  EXPECT_EQ(run({"frame", created.manifest.id.string().substr(0, 8), "--ms", "0", "--out", out.string()}), 6);
   Json envelope = Json::parse(captured.err);
   EXPECT_EQ(envelope["error"], "execution");
-  EXPECT_NE(envelope["message"].get<std::string>().find("Rendering a frame"), std::string::npos);
+  EXPECT_NE(envelope["message"].get<std::string>().find("The project media could not be opened"), std::string::npos)
+      << envelope["message"];
   EXPECT_TRUE(captured.out.empty());
+  EXPECT_FALSE(std::filesystem::exists(out));
 }
 
 TEST_F(DriverTest, ACancelledCommandAnswersWithStatus130) {
