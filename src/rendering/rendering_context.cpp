@@ -186,9 +186,10 @@ std::shared_ptr<RenderingContext> RenderingContext::create(const std::filesystem
   objects.vertex = compile(GL_VERTEX_SHADER, readShader(shaders / "scene.vert"));
   objects.sceneSource = readShader(shaders / "scene.frag");
   gl::Program annotation = link(objects.vertex, compile(GL_FRAGMENT_SHADER, readShader(shaders / "annotation.frag")));
-  // The fullest and the barest scene program, so a broken shader file fails here and not mid-export.
-  for (const std::uint32_t features : {allSceneFeatures, 0u})
-    objects.scenes.emplace(features, sceneVariant(objects.vertex, objects.sceneSource, features));
+  // Only the barest scene program now, so a shader file that does not compile at all fails here;
+  // every other variant is compiled when a frame first needs it, since on the software rasteriser
+  // each one costs a noticeable part of a cold still.
+  objects.scenes.emplace(0u, sceneVariant(objects.vertex, objects.sceneSource, 0u));
   bindSlots(annotation.get(), {"sceneImage", "textAtlas"},
             {"AnnotationHeaderBlock", "AnnotationBlock", "TextPlacementBlock"});
 
