@@ -57,8 +57,9 @@ int spawnAndWait(const std::vector<std::string>& words) {
 }
 
 std::vector<std::string> frameCommand() {
-  return {vumoExecutable(), "cli",     "frame", sampleID.substr(0, 8), "--ms", "3000", "--out", workFolder + "/still.png",
-          "--width",        "1280",    "--replace"};
+  return {vumoExecutable(), "cli",  "frame",    sampleID.substr(0, 8),
+          "--ms",           "3000", "--out",    workFolder + "/still.png",
+          "--width",        "1280", "--replace"};
 }
 
 void BM_FrameColdShaderCache(benchmark::State& state) {
@@ -106,10 +107,13 @@ int main(int argc, char** argv) {
   ::setenv("MESA_SHADER_CACHE_DIR", (workFolder + "/shaders-0").c_str(), 1);
   if (spawnAndWait(frameCommand()) != 0) return 1;
   using vumo::bench::Clock;
-  const int status = vumo::bench::runAndCompare(
-      argc, argv,
-      {{"cold vumo cli frame (1280 wide) / ffmpeg still", "BM_FrameColdShaderCache", "BM_FfmpegStill", {}, 1.0,
-        Clock::wall}});
+  const int status = vumo::bench::runAndCompare(argc, argv,
+                                                {{"cold vumo cli frame (1280 wide) / ffmpeg still",
+                                                  "BM_FrameColdShaderCache",
+                                                  "BM_FfmpegStill",
+                                                  {},
+                                                  1.0,
+                                                  Clock::wall}});
   std::error_code ignored;
   fs::remove_all(workFolder, ignored);
   return status;

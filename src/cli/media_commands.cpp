@@ -307,9 +307,8 @@ CLIOutputResponse ProjectCommandService::frame(const CLICommand::Frame& request)
   } else {
     throw CLIArgumentError::invalidValue("--out必须为jpg/jpeg/png");
   }
-  const std::string picture =
-      renderer->render(project.snapshot, ProjectTime::fromMilliseconds(request.milliseconds),
-                       static_cast<int>(request.width), format, cancellation_);
+  const std::string picture = renderer->render(project.snapshot, ProjectTime::fromMilliseconds(request.milliseconds),
+                                               static_cast<int>(request.width), format, cancellation_);
   throwIfCancelled(cancellation_);
   writeFileAtomically(output, picture);
   return CLIOutputResponse{1, project.snapshot.manifest.id.string(), output.string()};

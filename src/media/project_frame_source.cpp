@@ -53,8 +53,7 @@ ProjectFrameSource::ProjectFrameSource(const ProjectSnapshot& snapshot, std::sto
   std::optional<SequenceVideoReader> camera;
   if (plan.webcam) camera.emplace(MediaContainer::open(snapshot, stopToken), *plan.webcam);
   std::optional<Wallpaper> wallpaper = openWallpaper(snapshot, stopToken);
-  state_ = std::make_unique<State>(
-      State{std::move(plan), std::move(screen), std::move(camera), std::move(wallpaper)});
+  state_ = std::make_unique<State>(State{std::move(plan), std::move(screen), std::move(camera), std::move(wallpaper)});
 }
 
 ProjectFrameSource::ProjectFrameSource(ProjectFrameSource&&) noexcept = default;

@@ -22,8 +22,8 @@ std::shared_ptr<ProjectFrameRenderer> ProjectFrameRenderer::makeForProgram() {
 
 PixelSize ProjectFrameRenderer::outputSize(const ProjectSnapshot& snapshot, int width) {
   const PixelSize source = snapshot.manifest.encodedPixelSize;
-  const double sourceAspect = source.width > 0 && source.height > 0 ? double(source.width) / double(source.height)
-                                                                      : 16.0 / 9.0;
+  const double sourceAspect =
+      source.width > 0 && source.height > 0 ? double(source.width) / double(source.height) : 16.0 / 9.0;
   const double aspect = outputAspectRatio(snapshot.timeline.canvas.aspectRatio, sourceAspect);
   const std::int64_t evenWidth = std::max<std::int64_t>(2, width - width % 2);
   const std::int64_t height = std::max<std::int64_t>(2, 2 * std::llround(double(evenWidth) / aspect / 2));

@@ -40,8 +40,8 @@ class FrameCommand : public testing::SampleProjectSuite {
 
   static testing::ProcessResult frame(const std::string& id, std::int64_t milliseconds, const fs::path& out,
                                       std::vector<std::string> extra = {}) {
-    std::vector<std::string> arguments = {"cli", "frame", id, "--ms", std::to_string(milliseconds), "--out",
-                                          out.string()};
+    std::vector<std::string> arguments = {"cli",   "frame",     id, "--ms", std::to_string(milliseconds),
+                                          "--out", out.string()};
     arguments.insert(arguments.end(), extra.begin(), extra.end());
     return vumo(arguments);
   }
@@ -144,8 +144,7 @@ TEST_F(FrameCommand, RefusesWhatItCannotDrawAndLeavesNothingBehind) {
        "输出目录不存在：" + (out_.path() / "missing").string()},
       {"unknown extension", id_, 1000, out_.path() / "a.gif", 2, "invalid_arguments",
        "参数无效：--out必须为jpg/jpeg/png"},
-      {"unknown extension of an unknown project", "FFFFFFFF", 1000, out_.path() / "a.gif", 3, "project_not_found",
-       ""},
+      {"unknown extension of an unknown project", "FFFFFFFF", 1000, out_.path() / "a.gif", 3, "project_not_found", ""},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -547,6 +548,70 @@ TEST_F(SceneRendererTest, GoldenAnnotations) {
   dim.dimsOutside = true;
   state.annotations = {outline, circle, mosaic, arrow, dim};
   expectGolden(renderer().render(state, quadrantFrames(screenFrame()), outputSize), "annotations");
+}
+
+// Captions and a text annotation drawn by the real text renderers (Pango with the program's own
+// Noto fonts), in Chinese and in English, with a highlight and each appearance.
+TEST_F(SceneRendererTest, GoldenCaptionsAndTextAnnotation) {
+  SceneRenderer r = renderer(TextRasterSources::standard());
+  SceneState chinese = plainState();
+  chinese.caption = CaptionState{};
+  chinese.caption->text = "先找出没有声音的停顿";
+  chinese.caption->highlights = {CaptionHighlight{"停顿", 1}};
+  AnnotationElement label;
+  label.kind = AnnotationKind::text;
+  label.bounds = RectValue{0.08, 0.1, 0.5, 0.3};
+  label.color = {1, 1, 1};
+  label.textStyle = TextAnnotationStyle{"Click here", 150, true, TextAnnotationOutlineColor::black};
+  chinese.annotations = {label};
+  expectGolden(r.render(chinese, quadrantFrames(screenFrame()), outputSize), "caption-chinese-text-annotation");
+
+  SceneState english = plainState();
+  english.caption = CaptionState{};
+  english.caption->text = "Cut the pauses where nothing happens, then zoom in on every click";
+  english.caption->appearance = CaptionAppearance::whiteWithBlackOutline;
+  english.caption->maximumLines = 1;
+  english.caption->bottomPosition = 0.2;
+  expectGolden(r.render(english, quadrantFrames(screenFrame()), outputSize), "caption-english-outline");
+}
+
+// Every part at once: the fullest shader variant compiles and draws (variants are made on first
+// use, so nothing else would ever build this one before a user's frame needs it).
+TEST_F(SceneRendererTest, EveryPartAtOnceDraws) {
+  const SyntheticFrame camera(64, 48, VideoPixelLayout::nv12, quadrants(limited709, 64, 48));
+  const SyntheticFrame wallpaper(80, 40, VideoPixelLayout::yuv420p, quadrants(limited709, 80, 40));
+  SceneState state;
+  state.camera = {{0.4, 0.45}, 1.8};
+  state.motionBlurCamera = CameraState{{0.5, 0.5}, 1.2};
+  state.cursor.visible = true;
+  state.clickEffect = ClickEffectState{{0.6, 0.4}, 0.25, ClickEffectStyle::ringAndPress};
+  state.webcam = WebcamState{};
+  state.deviceFrame = DeviceFrameEdit{true, "vumo-display-black", DeviceFrameContentMode::fill};
+  CanvasBackgroundImage descriptor;
+  descriptor.id = "wallpaper";
+  descriptor.mediaKind = CanvasBackgroundMediaKind::video;
+  state.canvas.image = descriptor;
+  state.caption = CaptionState{};
+  state.caption->text = "All of it";
+  AnnotationElement box;
+  box.kind = AnnotationKind::rectangle;
+  box.bounds = RectValue{0.1, 0.1, 0.2, 0.2};
+  state.annotations = {box};
+  SceneFrames frames = quadrantFrames(screenFrame());
+  frames.webcam = camera.frame();
+  frames.backgroundVideo = wallpaper.frame();
+  SceneRenderer r = renderer(TextRasterSources::standard());
+  const StillImage image = r.render(state, frames, outputSize);
+  ASSERT_EQ(image.width, outputSize.width);
+  ASSERT_EQ(image.height, outputSize.height);
+  // Opaque throughout, and not one flat colour.
+  std::set<std::uint32_t> colours;
+  for (std::size_t i = 0; i < image.pixels.size(); i += 4) {
+    EXPECT_EQ(image.pixels[i + 3], 255);
+    colours.insert(image.pixels[i] << 16 | image.pixels[i + 1] << 8 | image.pixels[i + 2]);
+    if (HasFailure()) break;
+  }
+  EXPECT_GT(colours.size(), 100u);
 }
 
 }  // namespace
