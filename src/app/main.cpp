@@ -12,6 +12,7 @@
 #include "cli/settings_command.h"
 #include "cli/signal_cancellation.h"
 #include "cli/vumo_cli.h"
+#include "shared/leak_check_defaults.h"
 
 namespace vumo {
 

@@ -12,6 +12,7 @@
 #include <stdexcept>
 
 #include "shared/files.h"
+#include "shared/leak_check_defaults.h"
 
 extern char** environ;
 
