@@ -10,10 +10,7 @@
 // command that reads the same project folder.
 
 #include <benchmark/benchmark.h>
-#include <fcntl.h>
-#include <spawn.h>
 #include <stdlib.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -26,8 +23,7 @@
 #include "recording_reporter.h"
 #include "sample_project.h"
 #include "shared/files.h"
-
-extern char** environ;
+#include "spawn_and_wait.h"
 
 namespace {
 
@@ -54,25 +50,7 @@ std::string vumoExecutable() {
   return VUMO_EXECUTABLE;
 }
 
-// Starts `words` with empty input and discarded output, waits for it and returns its status.
-int spawnAndWait(const std::vector<std::string>& words) {
-  std::vector<char*> argv;
-  for (const auto& word : words) argv.push_back(const_cast<char*>(word.c_str()));
-  argv.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-  pid_t pid = 0;
-  int rc = ::posix_spawn(&pid, words.front().c_str(), &actions, nullptr, argv.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  if (rc != 0) return -1;
-  int status = 0;
-  while (::waitpid(pid, &status, 0) < 0) {
-  }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
+using vumo::bench::spawnAndWait;
 
 void run(benchmark::State& state, const std::vector<std::string>& words) {
   for (auto _ : state) {

@@ -6,10 +6,7 @@
 //   vumo cli frame / ffmpeg -ss 3 -i movie -frames:v 1 -vf scale=1280:-2 out.png
 
 #include <benchmark/benchmark.h>
-#include <fcntl.h>
-#include <spawn.h>
 #include <stdlib.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -20,8 +17,7 @@
 #include "project/project_store.h"
 #include "recording_reporter.h"
 #include "sample_project.h"
-
-extern char** environ;
+#include "spawn_and_wait.h"
 
 namespace {
 
@@ -37,24 +33,7 @@ std::string vumoExecutable() {
   return VUMO_EXECUTABLE;
 }
 
-int spawnAndWait(const std::vector<std::string>& words) {
-  std::vector<char*> argv;
-  for (const auto& word : words) argv.push_back(const_cast<char*>(word.c_str()));
-  argv.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-  pid_t pid = 0;
-  const int rc = ::posix_spawnp(&pid, words.front().c_str(), &actions, nullptr, argv.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  if (rc != 0) return -1;
-  int status = 0;
-  while (::waitpid(pid, &status, 0) < 0) {
-  }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
+using vumo::bench::spawnAndWait;
 
 std::vector<std::string> frameCommand() {
   return {vumoExecutable(), "cli",  "frame",    sampleID.substr(0, 8),
