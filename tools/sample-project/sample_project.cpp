@@ -96,9 +96,9 @@ ProjectPackage makeSampleProject(ProjectStore& store, const SampleProjectOptions
     arguments.insert(arguments.end(), {"-c:a", "aac", "-b:a", "64k"});
   // A keyframe every two seconds, as a screen recorder writes them: a still from the middle of a
   // group of pictures must decode its way there from the keyframe before it.
-  arguments.insert(arguments.end(), {"-c:v", "mpeg4", "-q:v", "8", "-g", std::to_string(options.framesPerSecond * 2),
-                                     "-pix_fmt", "yuv420p", "-t", fmt::format("{:.3f}", seconds),
-                                     created.package.mediaPath().string()});
+  arguments.insert(arguments.end(),
+                   {"-c:v", "mpeg4", "-q:v", "8", "-g", std::to_string(options.framesPerSecond * 2), "-pix_fmt",
+                    "yuv420p", "-t", fmt::format("{:.3f}", seconds), created.package.mediaPath().string()});
   runFFmpeg(std::move(arguments));
 
   // The pointer wanders in a slow circle and clicks where asked.
