@@ -339,8 +339,9 @@ std::int64_t ProjectExporter::frameCount(ProjectTime sequenceDuration, int frame
 }
 
 ProjectTime ProjectExporter::frameTime(std::int64_t index, int framesPerSecond) {
-  return ProjectTime{index / framesPerSecond * nanosecondsPerSecond +
-                     index % framesPerSecond * nanosecondsPerSecond / framesPerSecond};
+  const std::int64_t remainder = index % framesPerSecond * nanosecondsPerSecond;
+  return ProjectTime{index / framesPerSecond * nanosecondsPerSecond + remainder / framesPerSecond +
+                     (remainder % framesPerSecond != 0 ? 1 : 0)};
 }
 
 ExportedFilm ProjectExporter::exportProject(const ProjectSnapshot& snapshot, const std::filesystem::path& destination,

@@ -59,8 +59,10 @@ class ProjectExporter {
 
   // ceil(sequenceDuration × framesPerSecond / 1 s), computed exactly.
   static std::int64_t frameCount(ProjectTime sequenceDuration, int framesPerSecond);
-  // The sequence time of output frame `index`: index / framesPerSecond, rounded down to the
-  // nanosecond.
+  // The sequence time of output frame `index`: index / framesPerSecond, rounded up to the
+  // nanosecond. Source frames carry their times rounded to the nearest nanosecond, so a source frame
+  // at exactly the instant of an output frame (2/30 s is 66,666,667 ns) must not fall a nanosecond
+  // after it; rounding up keeps it at or before, at normal and at higher speeds.
   static ProjectTime frameTime(std::int64_t index, int framesPerSecond);
 
  private:
