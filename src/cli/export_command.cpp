@@ -103,7 +103,7 @@ ExportRequest parse(const std::vector<std::string>& arguments) {
 // The film's default name: the project's title with what a file name cannot hold replaced.
 std::string defaultFileName(const ProjectSnapshot& snapshot) {
   std::string name;
-  for (char c : snapshot.manifest.title) name += (c == '/' || c == '\0' || c == '\n' || c == '\r') ? '-' : c;
+  for (char c : snapshot.manifest.source.title) name += (c == '/' || c == '\0' || c == '\n' || c == '\r') ? '-' : c;
   if (name.empty() || name.front() == '.') name = "Vumo " + snapshot.manifest.id.string().substr(0, 8) + name;
   // Leaves room for the extension and the temporary suffix within a 255-byte file name; cuts only
   // between UTF-8 characters.
@@ -147,6 +147,11 @@ class ProgressPrinter {
       if (seconds > 0) rate = double(progress.completedFrames) / seconds;
     }
     std::string line = fmt::format("{:<10}", progress.phase);
+    if (phase != ExportPhase::rendering) {
+      if (phase != ExportPhase::preparing) line += fmt::format(" {} frames", progress.totalFrames);
+      writeLine(line);
+      return;
+    }
     if (terminal_) {
       constexpr int width = 30;
       const int filled = static_cast<int>(std::lround(update.fraction() * width));
@@ -158,6 +163,10 @@ class ProgressPrinter {
         "  " +
         (remaining ? ExportDurationFormatter::string(*remaining) : std::string(ExportDurationFormatter::placeholder)) +
         " left";
+    writeLine(line);
+  }
+
+  void writeLine(const std::string& line) {
     if (terminal_) {
       // Clears what a longer previous line left behind.
       write_("\r" + line + "\x1b[K");
@@ -238,16 +247,16 @@ int ExportCommand::run(const std::vector<std::string>& arguments) {
     if (arguments.empty()) throw CLIArgumentError::missingValue("<id-prefix>");
     const ExportRequest request = parse(arguments);
     const ExportConfiguration configuration = request.configuration();
-    if (request.output) checkExtension(*request.output);
 
     throwIfCancelled(cancellation_);
     ProjectStore store(std::nullopt, cancellation_);
     ProjectPackage package = store.project(request.projectID);
     ProjectSnapshot snapshot = store.loadSnapshot(package);
+    if (request.output) checkExtension(*request.output);
     // A choice the canvas cannot honour is refused before anything is written.
     (void)configuration.resolved(snapshot.manifest.encodedPixelSize, snapshot.timeline.canvas.aspectRatio);
     const std::filesystem::path output = prepareOutputPath(
-        request.output ? std::filesystem::path(*request.output) : defaultFileName(snapshot), request.replace);
+        std::filesystem::path(request.output ? *request.output : defaultFileName(snapshot)), request.replace);
     throwIfCancelled(cancellation_);
 
     const std::shared_ptr<ProjectExporting> exporter = makeExporter_();
