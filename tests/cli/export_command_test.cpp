@@ -3,9 +3,12 @@
 // software rasteriser.
 
 #include <gtest/gtest.h>
+#include <signal.h>
 
+#include <chrono>
 #include <filesystem>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "project/project_store.h"
@@ -100,6 +103,35 @@ TEST_F(ExportCommand, AnExistingFileIsReplacedOnlyWhenAsked) {
   auto replaced = exportFilm(id_, {"--out", film.string(), "--replace"});
   ASSERT_EQ(replaced.status, 0) << replaced.standardError;
   EXPECT_GT(fs::file_size(film), 1000u);
+  std::vector<std::string> names;
+  for (const auto& entry : fs::directory_iterator(out_.path())) names.push_back(entry.path().filename().string());
+  EXPECT_EQ(names, std::vector<std::string>{"film.mp4"});
+}
+
+TEST_F(ExportCommand, AnInterruptCancelsAndLeavesTheOldFilmAsItWas) {
+  const fs::path film = out_.path() / "film.mp4";
+  writeFileAtomically(film, "an older film");
+  testing::ProcessLaunch launch;
+  launch.words = {testing::vumoBinary().string(),
+                  "export",
+                  id_,
+                  "--resolution",
+                  "1080p",
+                  "--fps",
+                  "60",
+                  "--out",
+                  film.string(),
+                  "--replace"};
+  launch.environment = {{"XDG_DATA_HOME", home_->path().string()}, {"XDG_CACHE_HOME", cache_->path().string()}};
+  launch.whileRunning = [](int pid) {
+    // Well into the frame loop: 60 frames of 1080p take the software rasteriser several seconds.
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    ::kill(pid, SIGTERM);
+  };
+  const auto cancelled = testing::run(launch);
+  EXPECT_EQ(cancelled.status, 130) << cancelled.standardError;
+  EXPECT_TRUE(cancelled.standardOutput.empty());
+  EXPECT_EQ(readFile(film, 1 << 20), "an older film");
   std::vector<std::string> names;
   for (const auto& entry : fs::directory_iterator(out_.path())) names.push_back(entry.path().filename().string());
   EXPECT_EQ(names, std::vector<std::string>{"film.mp4"});
