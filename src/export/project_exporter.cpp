@@ -15,7 +15,12 @@ extern "C" {
 
 #include <algorithm>
 #include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <exception>
+#include <mutex>
 #include <system_error>
+#include <thread>
 #include <vector>
 
 #include "media/media_container.h"
@@ -303,6 +308,58 @@ class FilmWriter {
   PacketPtr packet_;
 };
 
+struct RenderedFrame {
+  std::int64_t index = 0;
+  StillImage image;
+};
+
+// The drawn frames on their way to the encoder: at most two wait, so memory stays bounded and the
+// drawing never runs far ahead.
+class RenderedFrameQueue {
+ public:
+  static constexpr std::size_t capacity = 2;
+
+  // Waits for room; false once the queue was abandoned (the encoder failed or stopped).
+  bool push(RenderedFrame frame) {
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [&] { return abandoned_ || frames_.size() < capacity; });
+    if (abandoned_) return false;
+    frames_.push_back(std::move(frame));
+    changed_.notify_all();
+    return true;
+  }
+  // The next frame; none once the queue is closed and empty, or abandoned.
+  std::optional<RenderedFrame> pop() {
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [&] { return abandoned_ || closed_ || !frames_.empty(); });
+    if (abandoned_ || frames_.empty()) return std::nullopt;
+    RenderedFrame frame = std::move(frames_.front());
+    frames_.pop_front();
+    changed_.notify_all();
+    return frame;
+  }
+  // No more frames come; those waiting are still taken.
+  void close() {
+    std::lock_guard lock(mutex_);
+    closed_ = true;
+    changed_.notify_all();
+  }
+  // Drops what waits and releases both sides.
+  void abandon() {
+    std::lock_guard lock(mutex_);
+    abandoned_ = true;
+    frames_.clear();
+    changed_.notify_all();
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::deque<RenderedFrame> frames_;
+  bool closed_ = false;
+  bool abandoned_ = false;
+};
+
 // Removes the temporary file unless the film was completed and renamed.
 class TemporaryFile {
  public:
@@ -407,39 +464,65 @@ ExportedFilm ProjectExporter::exportProject(const ProjectSnapshot& snapshot, con
     times.audioSeconds += secondsSince(start);
   };
 
-  ExportProgressLimiter limiter;
-  for (std::int64_t index = 0; index < totalFrames; ++index) {
-    throwIfCancelled(stop);
-    const ProjectTime outputTime = frameTime(index, framesPerSecond);
-    writeAudioUntil(outputTime.nanoseconds + audioLeadNanoseconds);
+  // Drawing and encoding overlap: this thread decodes, evaluates and draws while the encoder's
+  // thread converts, encodes and writes the frame before, with at most two drawn frames waiting
+  // between them. Each output frame is made exactly as it would be one after the other.
+  RenderedFrameQueue queue;
+  std::exception_ptr encoderFailure;
+  std::jthread encoderThread([&] {
+    try {
+      ExportProgressLimiter limiter;
+      while (std::optional<RenderedFrame> rendered = queue.pop()) {
+        writeAudioUntil(frameTime(rendered->index, framesPerSecond).nanoseconds + audioLeadNanoseconds);
+        auto start = Clock::now();
+        writer->convert(rendered->image);
+        times.conversionSeconds += secondsSince(start);
+        start = Clock::now();
+        writer->writeVideo(rendered->index);
+        times.encodeSeconds += secondsSince(start);
+        limiter.report(rendered->index + 1, totalFrames, [&](const ExportProgressUpdate& update) { report(update); });
+        if (options.frameWritten) options.frameWritten(rendered->index);
+      }
+    } catch (...) {
+      encoderFailure = std::current_exception();
+      queue.abandon();
+    }
+  });
+  {
+    // However this block is left, the encoder's thread stops before what it uses goes away.
+    struct StopEncoder {
+      RenderedFrameQueue& queue;
+      std::jthread& thread;
+      ~StopEncoder() {
+        queue.abandon();
+        if (thread.joinable()) thread.join();
+      }
+    } stopEncoder{queue, encoderThread};
+    for (std::int64_t index = 0; index < totalFrames; ++index) {
+      throwIfCancelled(stop);
+      const ProjectTime outputTime = frameTime(index, framesPerSecond);
 
-    auto start = Clock::now();
-    ProjectFrames frames = frameSource.framesAt(outputTime);
-    times.decodeSeconds += secondsSince(start);
+      auto start = Clock::now();
+      ProjectFrames frames = frameSource.framesAt(outputTime);
+      times.decodeSeconds += secondsSince(start);
 
-    start = Clock::now();
-    const auto sourceTime = frameSource.sourceTime(outputTime);
-    if (!sourceTime) fail(ExporterCase::render);
-    const SceneState scene = evaluator.evaluate(*sourceTime, edits, captions);
-    SceneFrames sceneFrames;
-    sceneFrames.sourceSize = snapshot.manifest.encodedPixelSize;
-    sceneFrames.screen = std::move(frames.screen);
-    sceneFrames.webcam = std::move(frames.camera);
-    sceneFrames.backgroundVideo = std::move(frames.background);
-    const StillImage image = renderer_->render(scene, sceneFrames, outputSize);
-    times.renderSeconds += secondsSince(start);
-
-    start = Clock::now();
-    writer->convert(image);
-    times.conversionSeconds += secondsSince(start);
-
-    start = Clock::now();
-    writer->writeVideo(index);
-    times.encodeSeconds += secondsSince(start);
-
-    limiter.report(index + 1, totalFrames, [&](const ExportProgressUpdate& update) { report(update); });
-    if (options.frameWritten) options.frameWritten(index);
+      start = Clock::now();
+      const auto sourceTime = frameSource.sourceTime(outputTime);
+      if (!sourceTime) fail(ExporterCase::render);
+      const SceneState scene = evaluator.evaluate(*sourceTime, edits, captions);
+      SceneFrames sceneFrames;
+      sceneFrames.sourceSize = snapshot.manifest.encodedPixelSize;
+      sceneFrames.screen = std::move(frames.screen);
+      sceneFrames.webcam = std::move(frames.camera);
+      sceneFrames.backgroundVideo = std::move(frames.background);
+      StillImage image = renderer_->render(scene, sceneFrames, outputSize);
+      times.renderSeconds += secondsSince(start);
+      if (!queue.push({index, std::move(image)})) break;
+    }
+    queue.close();
+    encoderThread.join();
   }
+  if (encoderFailure) std::rethrow_exception(encoderFailure);
 
   throwIfCancelled(stop);
   report(ExportProgressUpdate{ExportPhase::finalizing, totalFrames, totalFrames});

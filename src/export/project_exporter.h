@@ -38,8 +38,8 @@ struct ProjectExportOptions {
   // Allows the hardware encoders (NVENC) when opening one succeeds; tests that compare pixels
   // switch them off.
   bool allowHardwareEncoders = true;
-  // Called after each output frame has been handed to the encoder, with its index: for tests that
-  // cancel in the middle of the frame loop.
+  // Called after each output frame has been handed to the encoder, with its index, on the
+  // encoder's thread: for tests that cancel in the middle of the frame loop.
   std::function<void(std::int64_t)> frameWritten;
   ExportStageTimes* stageTimes = nullptr;
 };
@@ -51,6 +51,9 @@ class ProjectExporter {
   explicit ProjectExporter(std::shared_ptr<SceneRenderer> renderer);
 
   // The file type follows the destination's extension: `.mov` is QuickTime, anything else MP4.
+  // `progress` hears `preparing` and then, from the encoder's thread, the rendering updates (at
+  // most every 50 ms and always the last frame's), then `finalizing` and `completed`; one call at
+  // a time.
   // Throws ProjectExporterError, ExportConfigurationError, what the composition plan, the readers
   // and the renderer throw, or CancelledError (checked once per frame and between audio reads).
   ExportedFilm exportProject(const ProjectSnapshot& snapshot, const std::filesystem::path& destination,
