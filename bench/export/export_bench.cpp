@@ -8,7 +8,7 @@
 // Where the export's time goes (decode, render with the readback, conversion, encode, sound) is
 // reported as counters, in seconds per film.
 //
-// A smoke run (--benchmark_min_time below 0.1 s) exports a 2 s recording instead, so that it stays
+// A smoke run (--benchmark_min_time below 0.1 s) exports a 1 s recording instead, so that it stays
 // short on the software rasteriser.
 
 #include <benchmark/benchmark.h>
@@ -133,8 +133,8 @@ int main(int argc, char** argv) {
     vumo::SampleProjectOptions options;
     options.size = {1920, 1080};
     options.framesPerSecond = 60;
-    options.duration = vumo::ProjectTime::fromMilliseconds(smokeRun(argc, argv) ? 2'000 : 30'000);
-    if (smokeRun(argc, argv)) options.clickMilliseconds = {500, 900};
+    options.duration = vumo::ProjectTime::fromMilliseconds(smokeRun(argc, argv) ? 1'000 : 30'000);
+    if (smokeRun(argc, argv)) options.clickMilliseconds = {300, 600};
     vumo::ProjectPackage package = vumo::makeSampleProject(store, options);
     snapshot = store.loadSnapshot(package);
     moviePath = package.mediaPath().string();

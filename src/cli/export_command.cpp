@@ -146,12 +146,13 @@ class ProgressPrinter {
       const double seconds = ExportTimeEstimator::elapsedSeconds(*renderingStart_, now);
       if (seconds > 0) rate = double(progress.completedFrames) / seconds;
     }
-    std::string line = fmt::format("{:<10}", progress.phase);
     if (phase != ExportPhase::rendering) {
-      if (phase != ExportPhase::preparing) line += fmt::format(" {} frames", progress.totalFrames);
-      writeLine(line);
+      writeLine(phase == ExportPhase::preparing
+                    ? progress.phase
+                    : fmt::format("{:<10} {} frames", progress.phase, progress.totalFrames));
       return;
     }
+    std::string line = fmt::format("{:<10}", progress.phase);
     if (terminal_) {
       constexpr int width = 30;
       const int filled = static_cast<int>(std::lround(update.fraction() * width));
