@@ -312,19 +312,23 @@ double psnr(const std::vector<std::uint8_t>& a, const std::vector<std::uint8_t>&
   return mse == 0 ? 99.0 : 10.0 * std::log10(255.0 * 255.0 / mse);
 }
 
-// The whole scene (a margin, rounded corners, a zoom) on a test pattern: a film frame is the still
-// of the same instant, up to the codec's loss.
+// The whole scene (a margin, rounded corners, a zoom, the camera overlay) on moving gradients: a
+// film frame is the still of the same instant, up to the codec's loss.
 TEST_F(ProjectExports, AFilmFrameIsTheStillOfTheSameInstant) {
   PackageFixture fixture;
   fixture.inputs = lavfiInput("gradients=s=256x144:r=30:d=2:speed=0.05,format=yuv420p");
-  fixture.outputOptions = {"-c:v", "ffv1"};
+  const auto camera = lavfiInput("gradients=s=64x64:r=30:d=2:speed=0.1:c0=orange:c1=navy,format=yuv420p");
+  fixture.inputs.insert(fixture.inputs.end(), camera.begin(), camera.end());
+  fixture.outputOptions = {"-map", "0:v", "-map", "1:v", "-c:v", "ffv1"};
   fixture.tracks = {{MediaTrackKind::screen, 0}};
+  fixture.webcamTrackIndex = 1;
   fixture.duration = ms(2000);
   ProjectSnapshot snapshot = makePackage(folder_.path(), fixture);
   snapshot.manifest.encodedPixelSize = {256, 144};
   snapshot.timeline.canvas.aspectRatio = CanvasAspectRatio::source;
   snapshot.timeline.cursor.isVisible = false;
   snapshot.timeline.zooms = {zoomMs(200, 1800, 2.0, {0.3, 0.4})};
+  snapshot.timeline.webcamOverlay = WebcamOverlay{};
 
   const auto destination = folder_.path() / "film.mp4";
   ExportConfiguration configuration = originalSize(ExportFrameRate::fps30);
