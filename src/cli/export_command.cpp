@@ -249,15 +249,17 @@ int ExportCommand::run(const std::vector<std::string>& arguments) {
     const ExportRequest request = parse(arguments);
     const ExportConfiguration configuration = request.configuration();
 
+    // As with `frame`: a named file that exists is refused before the project is even looked up.
+    std::optional<std::filesystem::path> output;
+    if (request.output) output = prepareOutputPath(std::filesystem::path(*request.output), request.replace);
     throwIfCancelled(cancellation_);
     ProjectStore store(std::nullopt, cancellation_);
     ProjectPackage package = store.project(request.projectID);
     ProjectSnapshot snapshot = store.loadSnapshot(package);
-    if (request.output) checkExtension(*request.output);
+    if (output) checkExtension(*output);
     // A choice the canvas cannot honour is refused before anything is written.
     (void)configuration.resolved(snapshot.manifest.encodedPixelSize, snapshot.timeline.canvas.aspectRatio);
-    const std::filesystem::path output = prepareOutputPath(
-        std::filesystem::path(request.output ? *request.output : defaultFileName(snapshot)), request.replace);
+    if (!output) output = prepareOutputPath(std::filesystem::path(defaultFileName(snapshot)), request.replace);
     throwIfCancelled(cancellation_);
 
     const std::shared_ptr<ProjectExporting> exporter = makeExporter_();
@@ -265,7 +267,7 @@ int ExportCommand::run(const std::vector<std::string>& arguments) {
         std::string(nameOf(configuration.resolution)), std::string(nameOf(configuration.frameRate)),
         std::string(nameOf(configuration.quality)), std::string(nameOf(configuration.codec))};
     const ExportedFilm film = exporter->exportProject(
-        snapshot, output, exportRequest, [&](const ProjectExportProgress& progress) { printer.update(progress); },
+        snapshot, *output, exportRequest, [&](const ProjectExportProgress& progress) { printer.update(progress); },
         cancellation_);
     printer.finish();
 

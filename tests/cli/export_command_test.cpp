@@ -146,6 +146,9 @@ TEST_F(ExportCommand, RefusesBadArgumentsAndUnknownProjectsBeforeAnyWork) {
     std::string message;  // empty: not checked
   };
   const fs::path out = out_.path() / "film.mp4";
+  testing::TemporaryDirectory elsewhere;
+  const fs::path existing = elsewhere.path() / "existing.mp4";
+  writeFileAtomically(existing, "a film");
   const Row rows[] = {
       {"no project", {"export"}, 2, "invalid_arguments", ""},
       {"unknown frame rate",
@@ -165,6 +168,11 @@ TEST_F(ExportCommand, RefusesBadArgumentsAndUnknownProjectsBeforeAnyWork) {
        "invalid_arguments",
        "参数无效：--out必须为mp4/mov"},
       {"unknown project", {"export", "FFFFFFFF", "--out", out.string()}, 3, "project_not_found", ""},
+      {"existing file, before the project is looked up",
+       {"export", "FFFFFFFF", "--out", existing.string()},
+       6,
+       "execution",
+       "输出已存在，使用--replace才能覆盖：" + existing.string()},
       {"missing folder", {"export", id_, "--out", (out_.path() / "missing" / "a.mp4").string()}, 6, "execution", ""},
   };
   for (const Row& row : rows) {
