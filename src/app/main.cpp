@@ -1,6 +1,8 @@
 // The one entry point of the executable. Started with the word `cli` it is a headless tool for an
 // agent; started any other way it is the desktop application.
 
+#include <unistd.h>
+
 #include <csignal>
 #include <cstdio>
 #include <string>
@@ -8,6 +10,7 @@
 #include <vector>
 
 #include "agent/agent_prompt_builder.h"
+#include "cli/export_command.h"
 #include "cli/prompt_command.h"
 #include "cli/settings_command.h"
 #include "cli/signal_cancellation.h"
@@ -53,6 +56,12 @@ struct VumoEntryPoint {
     return prompt.run(arguments);
   }
 
+  static int runExport(const std::vector<std::string>& arguments) {
+    SignalCancellation cancellation;
+    ExportCommand exportCommand(cancellation.token(), VumoCLI::Streams::process(), ::isatty(STDERR_FILENO) == 1);
+    return exportCommand.run(arguments);
+  }
+
   static int runApplication() {
     std::fputs(
         "vumo: the desktop application is not available in this build; run `vumo cli` for the agent command line.\n",
@@ -62,12 +71,13 @@ struct VumoEntryPoint {
 
   static int main(int argc, char** argv) {
     const std::string_view verb = argc < 2 ? std::string_view() : std::string_view(argv[1]);
-    if (verb != "cli" && verb != "settings" && verb != "prompt") return runApplication();
+    if (verb != "cli" && verb != "settings" && verb != "prompt" && verb != "export") return runApplication();
     // A reader that went away is a failed write (EPIPE), reported like any other, not a silent
     // death by signal.
     std::signal(SIGPIPE, SIG_IGN);
     if (verb == "settings") return runSettings({argv + 2, argv + argc});
     if (verb == "prompt") return runPrompt({argv + 2, argv + argc});
+    if (verb == "export") return runExport({argv + 2, argv + argc});
     std::vector<std::string> arguments(argv + 2, argv + argc);
     if (!arguments.empty() && (arguments.front() == "version" || arguments.front() == "--version")) {
       return printVersion();

@@ -6,14 +6,20 @@
 // engine is built as `lib/vumo/vumo-media.so` beside `bin/vumo` (and at the same place in the
 // build tree), and the command line opens it on first use through this one entry point.
 
+#include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
+#include <optional>
 #include <stop_token>
+#include <string>
 
 #include "media/still_image.h"
 #include "media/waveform_service.h"
 #include "project/project_snapshot.h"
+#include "shared/geometry.h"
 #include "shared/media_track_kind.h"
+#include "shared/project_time.h"
 
 namespace vumo {
 
@@ -27,10 +33,53 @@ class ProjectStillRendering {
                              StillImageFormat format, std::stop_token stop) = 0;
 };
 
+// An export as the command line asks for it: the configuration's raw words (`p1080`, `fps60`,
+// `standard`, `h264`), so that the program and the engine share no type above this area.
+struct ProjectExportRequest {
+  std::string resolution;
+  std::string frameRate;
+  std::string quality;
+  std::string codec;
+};
+
+// How far an export is: `phase` is the raw word of the export phase (`preparing`, `rendering`,
+// `finalizing`, `completed`).
+struct ProjectExportProgress {
+  std::string phase;
+  std::int64_t completedFrames = 0;
+  std::int64_t totalFrames = 0;
+};
+
+// A finished film.
+struct ExportedFilm {
+  std::filesystem::path outputPath;
+  std::int64_t sizeBytes = 0;
+  ProjectTime duration;  // frameCount / framesPerSecond
+  std::int64_t frameCount = 0;
+  int framesPerSecond = 0;
+  PixelSize outputSize;
+  std::string encoder;  // libavcodec's name of the video encoder that wrote it
+  // The odd size an `original` export asked for when it was written one pixel smaller.
+  std::optional<PixelSize> requestedOddSize;
+};
+
+// Films of edited projects on one GPU context.
+class ProjectExporting {
+ public:
+  virtual ~ProjectExporting() = default;
+  // Writes the film of `snapshot` to `target` (replacing a file there only once the film is
+  // complete). Throws ProjectExporterError, ExportConfigurationError, the media and rendering
+  // errors, or CancelledError; nothing is left at `target` by a failure.
+  virtual ExportedFilm exportProject(const ProjectSnapshot& snapshot, const std::filesystem::path& target,
+                                     const ProjectExportRequest& request,
+                                     std::function<void(const ProjectExportProgress&)> progress,
+                                     std::stop_token stop) = 0;
+};
+
 struct MediaModule {
   // Raised whenever a member changes meaning, so a program never calls into an engine built for
   // another one.
-  static constexpr int currentInterfaceVersion = 2;
+  static constexpr int currentInterfaceVersion = 3;
   static constexpr const char* fileName = "vumo-media.so";
   static constexpr const char* entryPointName = "vumoMediaModule";
 
@@ -40,6 +89,8 @@ struct MediaModule {
                              std::stop_token stop) = nullptr;
   // Creates the GPU context and the renderer on it; throws RenderingContextError.
   std::shared_ptr<ProjectStillRendering> (*makeStillRenderer)() = nullptr;
+  // Creates the GPU context and the renderer on it; throws RenderingContextError.
+  std::shared_ptr<ProjectExporting> (*makeExporter)() = nullptr;
 };
 
 using MediaModuleEntryPoint = const MediaModule* (*)();

@@ -1,0 +1,168 @@
+// A film of a 30 s 1080p60 recording (the sample project at that size: a test pattern, two tracks
+// of sound, a moving pointer with clicks and the automatic zooms made from them) on the default
+// canvas (gradient, margin, rounded corners), exported at 1080p60 standard quality with H.264,
+// without and with motion blur. The baseline is ffmpeg doing the least of the same job as a
+// process: decode, scale to 1080p, encode with libx264 at the same preset and bit rate, and the
+// sound to AAC:
+//   ProjectExporter / ffmpeg -i movie -vf scale=1920:1080 -c:v libx264 -preset veryfast -b:v RATE
+// Where the export's time goes (decode, render with the readback, conversion, encode, sound) is
+// reported as counters, in seconds per film.
+//
+// A smoke run (--benchmark_min_time below 0.1 s) exports a 1 s recording instead, so that it stays
+// short on the software rasteriser.
+
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <spawn.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "export/project_exporter.h"
+#include "project/project_store.h"
+#include "recording_reporter.h"
+#include "rendering/rendering_context.h"
+#include "sample_project.h"
+
+extern char** environ;
+
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string workFolder;
+std::string moviePath;
+vumo::ProjectSnapshot snapshot;
+std::shared_ptr<vumo::SceneRenderer> renderer;
+std::int64_t bitRate = 0;
+
+int spawnAndWait(const std::vector<std::string>& words) {
+  std::vector<char*> argv;
+  for (const auto& word : words) argv.push_back(const_cast<char*>(word.c_str()));
+  argv.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+  posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+  posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+  pid_t pid = 0;
+  const int rc = ::posix_spawnp(&pid, words.front().c_str(), &actions, nullptr, argv.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  if (rc != 0) return -1;
+  int status = 0;
+  while (::waitpid(pid, &status, 0) < 0) {
+  }
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+void exportFilm(benchmark::State& state, double motionBlur) {
+  vumo::ProjectSnapshot blurred = snapshot;
+  blurred.timeline.motionBlurAmount = motionBlur;
+  vumo::ProjectExporter exporter(renderer);
+  vumo::ExportStageTimes total;
+  std::int64_t frames = 0;
+  for (auto _ : state) {
+    vumo::ExportStageTimes times;
+    vumo::ProjectExportOptions options;
+    options.stageTimes = &times;
+    try {
+      frames = exporter.exportProject(blurred, workFolder + "/film.mp4", vumo::ExportConfiguration{}, {}, {}, options)
+                   .frameCount;
+    } catch (const std::exception& error) {
+      state.SkipWithError(error.what());
+      return;
+    }
+    total.decodeSeconds += times.decodeSeconds;
+    total.renderSeconds += times.renderSeconds;
+    total.conversionSeconds += times.conversionSeconds;
+    total.encodeSeconds += times.encodeSeconds;
+    total.audioSeconds += times.audioSeconds;
+  }
+  const double runs = double(state.iterations());
+  state.counters["decode_s"] = total.decodeSeconds / runs;
+  state.counters["render_s"] = total.renderSeconds / runs;
+  state.counters["convert_s"] = total.conversionSeconds / runs;
+  state.counters["encode_s"] = total.encodeSeconds / runs;
+  state.counters["audio_s"] = total.audioSeconds / runs;
+  state.counters["frames"] = double(frames);
+}
+
+void BM_ExportWithoutMotionBlur(benchmark::State& state) { exportFilm(state, 0); }
+void BM_ExportWithMotionBlur(benchmark::State& state) { exportFilm(state, 0.5); }
+
+void BM_FfmpegTranscode(benchmark::State& state) {
+  for (auto _ : state) {
+    if (spawnAndWait({VUMO_FFMPEG_PROGRAM, "-v", "error", "-y", "-i", moviePath, "-vf", "scale=1920:1080", "-c:v",
+                      "libx264", "-preset", "veryfast", "-b:v", std::to_string(bitRate), workFolder + "/ffmpeg.mp4"}) !=
+        0) {
+      state.SkipWithError("ffmpeg failed");
+      return;
+    }
+  }
+}
+
+bool smokeRun(int argc, char** argv) {
+  constexpr std::string_view flag = "--benchmark_min_time=";
+  for (int i = 1; i < argc; ++i) {
+    std::string_view argument = argv[i];
+    if (argument.starts_with(flag)) return std::atof(std::string(argument.substr(flag.size())).c_str()) < 0.1;
+  }
+  return false;
+}
+
+}  // namespace
+
+BENCHMARK(BM_FfmpegTranscode)->Unit(benchmark::kSecond)->Iterations(1)->UseRealTime();
+BENCHMARK(BM_ExportWithoutMotionBlur)->Unit(benchmark::kSecond)->Iterations(1)->UseRealTime();
+BENCHMARK(BM_ExportWithMotionBlur)->Unit(benchmark::kSecond)->Iterations(1)->UseRealTime();
+
+int main(int argc, char** argv) {
+  char pattern[] = "/tmp/vumo-export-bench-XXXXXX";
+  if (::mkdtemp(pattern) == nullptr) return 1;
+  workFolder = pattern;
+  ::setenv("XDG_DATA_HOME", (workFolder + "/data").c_str(), 1);
+  ::setenv("XDG_CACHE_HOME", (workFolder + "/cache").c_str(), 1);
+  try {
+    vumo::ProjectStore store;
+    vumo::SampleProjectOptions options;
+    options.size = {1920, 1080};
+    options.framesPerSecond = 60;
+    options.duration = vumo::ProjectTime::fromMilliseconds(smokeRun(argc, argv) ? 1'000 : 30'000);
+    if (smokeRun(argc, argv)) options.clickMilliseconds = {300, 600};
+    vumo::ProjectPackage package = vumo::makeSampleProject(store, options);
+    snapshot = store.loadSnapshot(package);
+    moviePath = package.mediaPath().string();
+    snapshot.timeline.cursor.isVisible = true;
+    bitRate = vumo::ExportConfiguration{}
+                  .resolved(snapshot.manifest.encodedPixelSize, snapshot.timeline.canvas.aspectRatio)
+                  .bitRate;
+    renderer = std::make_shared<vumo::SceneRenderer>(vumo::RenderingContext::create(VUMO_BENCH_RESOURCE_DIR));
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "cannot prepare the export benchmark: %s\n", error.what());
+    return 1;
+  }
+  using vumo::bench::Clock;
+  const int status = vumo::bench::runAndCompare(argc, argv,
+                                                {{"export 1080p60 without motion blur / ffmpeg transcode",
+                                                  "BM_ExportWithoutMotionBlur",
+                                                  "BM_FfmpegTranscode",
+                                                  {},
+                                                  1.0,
+                                                  Clock::wall},
+                                                 {"export 1080p60 with motion blur / ffmpeg transcode",
+                                                  "BM_ExportWithMotionBlur",
+                                                  "BM_FfmpegTranscode",
+                                                  {},
+                                                  1.0,
+                                                  Clock::wall}});
+  renderer.reset();
+  std::error_code ignored;
+  fs::remove_all(workFolder, ignored);
+  return status;
+}

@@ -1,0 +1,553 @@
+#include "export/project_exporter.h"
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+#include <libavutil/channel_layout.h>
+#include <libavutil/error.h>
+#include <libavutil/frame.h>
+#include <libavutil/opt.h>
+#include <libswscale/swscale.h>
+}
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <exception>
+#include <mutex>
+#include <system_error>
+#include <thread>
+#include <vector>
+
+#include "media/media_container.h"
+#include "media/project_frame_source.h"
+#include "media/sequence_audio_reader.h"
+#include "media/timeline_composition.h"
+#include "scene/scene_evaluator.h"
+#include "shared/cancellation.h"
+
+namespace vumo {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using ExporterCase = ProjectExporterError::Case;
+
+constexpr int audioSampleRate = 48'000;
+constexpr int audioChannelCount = 2;
+constexpr std::int64_t audioBitRate = 192'000;
+// Sound is written up to this far ahead of the picture, so the muxer never waits long for either.
+constexpr std::int64_t audioLeadNanoseconds = 2'000'000'000;
+constexpr std::int64_t nanosecondsPerSecond = 1'000'000'000;
+
+struct CodecContextDeleter {
+  void operator()(AVCodecContext* context) const { avcodec_free_context(&context); }
+};
+struct FrameDeleter {
+  void operator()(AVFrame* frame) const { av_frame_free(&frame); }
+};
+struct PacketDeleter {
+  void operator()(AVPacket* packet) const { av_packet_free(&packet); }
+};
+struct ScalerDeleter {
+  void operator()(SwsContext* scaler) const { sws_freeContext(scaler); }
+};
+// An output whose file may still be open: closing it here is what lets the partial file be removed.
+struct OutputFormatDeleter {
+  void operator()(AVFormatContext* context) const {
+    if (context->pb != nullptr && !(context->oformat->flags & AVFMT_NOFILE)) avio_closep(&context->pb);
+    avformat_free_context(context);
+  }
+};
+using CodecContextPtr = std::unique_ptr<AVCodecContext, CodecContextDeleter>;
+using FramePtr = std::unique_ptr<AVFrame, FrameDeleter>;
+using PacketPtr = std::unique_ptr<AVPacket, PacketDeleter>;
+using ScalerPtr = std::unique_ptr<SwsContext, ScalerDeleter>;
+using OutputFormatPtr = std::unique_ptr<AVFormatContext, OutputFormatDeleter>;
+
+std::string libavErrorText(int code) {
+  char text[AV_ERROR_MAX_STRING_SIZE] = {};
+  if (av_strerror(code, text, sizeof text) != 0) return fmt::format("error {}", code);
+  return text;
+}
+
+[[noreturn]] void fail(ExporterCase kind, std::string_view detail = {}) { throw ProjectExporterError(kind, detail); }
+
+double secondsSince(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
+
+FramePtr allocateFrame() {
+  FramePtr frame(av_frame_alloc());
+  if (!frame) throw std::bad_alloc();
+  return frame;
+}
+
+// The film's encoder settings for one codec implementation; none when the implementation refuses
+// them (or, for a hardware one, when there is no device behind it).
+CodecContextPtr openVideoEncoder(const AVCodec* codec, PixelSize size, int framesPerSecond, std::int64_t bitRate,
+                                 bool hevc, bool globalHeader) {
+  CodecContextPtr context(avcodec_alloc_context3(codec));
+  if (!context) return nullptr;
+  context->width = static_cast<int>(size.width);
+  context->height = static_cast<int>(size.height);
+  context->time_base = AVRational{1, framesPerSecond};
+  context->framerate = AVRational{framesPerSecond, 1};
+  context->sample_aspect_ratio = AVRational{1, 1};
+  context->pix_fmt = AV_PIX_FMT_YUV420P;
+  context->bit_rate = bitRate;
+  // A keyframe at least every 2 seconds, so seeking in a player never decodes far; no B-frames,
+  // so decode order is presentation order.
+  context->gop_size = 2 * framesPerSecond;
+  context->max_b_frames = 0;
+  context->color_primaries = AVCOL_PRI_BT709;
+  context->color_trc = AVCOL_TRC_BT709;
+  context->colorspace = AVCOL_SPC_BT709;
+  context->color_range = AVCOL_RANGE_MPEG;
+  context->thread_count = 0;
+  if (globalHeader) context->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+  const std::string_view name = codec->name;
+  if (name == "libx264") {
+    av_opt_set(context->priv_data, "preset", "veryfast", 0);
+    av_opt_set(context->priv_data, "profile", "high", 0);
+  } else if (name == "libx265") {
+    av_opt_set(context->priv_data, "preset", "veryfast", 0);
+    av_opt_set(context->priv_data, "profile", "main", 0);
+    av_opt_set(context->priv_data, "x265-params", "log-level=error:bframes=0", 0);
+  } else {
+    av_opt_set(context->priv_data, "profile", hevc ? "main" : "high", 0);
+  }
+  if (avcodec_open2(context.get(), codec, nullptr) < 0) return nullptr;
+  return context;
+}
+
+struct VideoEncoder {
+  CodecContextPtr context;
+  std::string name;
+};
+
+// A hardware encoder only where opening one works; otherwise the software encoder, whose refusal
+// means the settings themselves cannot be written.
+VideoEncoder openVideoEncoder(const ResolvedExportConfiguration& resolved, PixelSize size, bool globalHeader,
+                              bool allowHardware) {
+  const bool hevc = resolved.codec == ExportCodec::hevc;
+  if (allowHardware) {
+    if (const AVCodec* codec = avcodec_find_encoder_by_name(hevc ? "hevc_nvenc" : "h264_nvenc")) {
+      if (auto context = openVideoEncoder(codec, size, resolved.framesPerSecond, resolved.bitRate, hevc, globalHeader))
+        return {std::move(context), codec->name};
+    }
+  }
+  const AVCodec* codec = avcodec_find_encoder_by_name(hevc ? "libx265" : "libx264");
+  if (codec == nullptr) fail(ExporterCase::unsupportedSettings);
+  auto context = openVideoEncoder(codec, size, resolved.framesPerSecond, resolved.bitRate, hevc, globalHeader);
+  if (!context) fail(ExporterCase::unsupportedSettings);
+  return {std::move(context), codec->name};
+}
+
+CodecContextPtr openAudioEncoder(bool globalHeader) {
+  const AVCodec* codec = avcodec_find_encoder(AV_CODEC_ID_AAC);
+  if (codec == nullptr) fail(ExporterCase::writerInput);
+  CodecContextPtr context(avcodec_alloc_context3(codec));
+  if (!context) fail(ExporterCase::writerInput);
+  context->sample_rate = audioSampleRate;
+  context->sample_fmt = AV_SAMPLE_FMT_FLTP;
+  av_channel_layout_default(&context->ch_layout, audioChannelCount);
+  context->bit_rate = audioBitRate;
+  context->time_base = AVRational{1, audioSampleRate};
+  if (globalHeader) context->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+  if (avcodec_open2(context.get(), codec, nullptr) < 0) fail(ExporterCase::writerInput);
+  return context;
+}
+
+// The temporary file beside the destination that becomes the film once complete; hidden, and
+// named after the process so that two exports to one place never share it.
+std::filesystem::path temporaryPath(const std::filesystem::path& destination) {
+  return destination.parent_path() / fmt::format(".{}.{}.partial", destination.filename().string(), ::getpid());
+}
+
+bool isQuickTime(const std::filesystem::path& destination) {
+  std::string extension = destination.extension().string();
+  std::transform(extension.begin(), extension.end(), extension.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  return extension == ".mov";
+}
+
+// The muxer, its streams and encoders, and the one frame of each kind being filled.
+class FilmWriter {
+ public:
+  FilmWriter(const std::filesystem::path& file, bool quickTime, const ResolvedExportConfiguration& resolved,
+             PixelSize size, bool withAudio, bool allowHardware)
+      : size_(size) {
+    AVFormatContext* raw = nullptr;
+    if (avformat_alloc_output_context2(&raw, nullptr, quickTime ? "mov" : "mp4", nullptr) < 0 || raw == nullptr)
+      fail(ExporterCase::start);
+    format_.reset(raw);
+    const bool globalHeader = (format_->oformat->flags & AVFMT_GLOBALHEADER) != 0;
+
+    video_ = openVideoEncoder(resolved, size, globalHeader, allowHardware);
+    videoStream_ = avformat_new_stream(format_.get(), nullptr);
+    if (videoStream_ == nullptr || avcodec_parameters_from_context(videoStream_->codecpar, video_.context.get()) < 0)
+      fail(ExporterCase::writerInput);
+    videoStream_->time_base = video_.context->time_base;
+    videoStream_->avg_frame_rate = video_.context->framerate;
+    // The tag players on every platform expect for HEVC in MP4.
+    if (resolved.codec == ExportCodec::hevc) videoStream_->codecpar->codec_tag = MKTAG('h', 'v', 'c', '1');
+
+    if (withAudio) {
+      audio_ = openAudioEncoder(globalHeader);
+      audioStream_ = avformat_new_stream(format_.get(), nullptr);
+      if (audioStream_ == nullptr || avcodec_parameters_from_context(audioStream_->codecpar, audio_.get()) < 0)
+        fail(ExporterCase::writerInput);
+      audioStream_->time_base = audio_->time_base;
+      audioFrame_ = allocateFrame();
+      audioFrame_->format = AV_SAMPLE_FMT_FLTP;
+      audioFrame_->sample_rate = audioSampleRate;
+      av_channel_layout_default(&audioFrame_->ch_layout, audioChannelCount);
+      audioFrame_->nb_samples = audioFrameSamples();
+      if (av_frame_get_buffer(audioFrame_.get(), 0) < 0) throw std::bad_alloc();
+    }
+
+    if (avio_open(&format_->pb, file.c_str(), AVIO_FLAG_WRITE) < 0) fail(ExporterCase::start);
+    if (avformat_write_header(format_.get(), nullptr) < 0) fail(ExporterCase::start);
+
+    videoFrame_ = allocateFrame();
+    videoFrame_->format = AV_PIX_FMT_YUV420P;
+    videoFrame_->width = static_cast<int>(size.width);
+    videoFrame_->height = static_cast<int>(size.height);
+    videoFrame_->color_primaries = AVCOL_PRI_BT709;
+    videoFrame_->color_trc = AVCOL_TRC_BT709;
+    videoFrame_->colorspace = AVCOL_SPC_BT709;
+    videoFrame_->color_range = AVCOL_RANGE_MPEG;
+    if (av_frame_get_buffer(videoFrame_.get(), 0) < 0) throw std::bad_alloc();
+
+    scaler_.reset(sws_getContext(videoFrame_->width, videoFrame_->height, AV_PIX_FMT_RGBA, videoFrame_->width,
+                                 videoFrame_->height, AV_PIX_FMT_YUV420P, SWS_BILINEAR, nullptr, nullptr, nullptr));
+    if (!scaler_) fail(ExporterCase::render);
+    // Rendered pixels are full-range R'G'B'; the film is limited-range BT.709, as it is tagged.
+    const int* bt709 = sws_getCoefficients(SWS_CS_ITU709);
+    sws_setColorspaceDetails(scaler_.get(), bt709, 1, bt709, 0, 0, 1 << 16, 1 << 16);
+    packet_.reset(av_packet_alloc());
+    if (!packet_) throw std::bad_alloc();
+  }
+
+  const std::string& encoderName() const { return video_.name; }
+  int audioFrameSamples() const {
+    const int size = audio_ ? audio_->frame_size : 0;
+    return size > 0 ? size : 1024;
+  }
+
+  // Rows top first, 4 bytes per pixel, of the film's size.
+  void convert(const StillImage& image) {
+    if (av_frame_make_writable(videoFrame_.get()) < 0) throw std::bad_alloc();
+    const std::uint8_t* source[] = {image.pixels.data()};
+    const int stride[] = {image.width * 4};
+    sws_scale(scaler_.get(), source, stride, 0, image.height, videoFrame_->data, videoFrame_->linesize);
+  }
+
+  void writeVideo(std::int64_t index) {
+    videoFrame_->pts = index;
+    // Only the first frame must be a keyframe; the encoder places the rest by its group size.
+    videoFrame_->pict_type = AV_PICTURE_TYPE_NONE;
+    send(video_.context.get(), videoStream_, videoFrame_.get(), ExporterCase::videoRejected);
+  }
+
+  // `samples` interleaved stereo frames, fewer than a full encoder frame only at the end.
+  void writeAudio(const float* samples, int count, std::int64_t position) {
+    if (av_frame_make_writable(audioFrame_.get()) < 0) throw std::bad_alloc();
+    audioFrame_->nb_samples = count;
+    auto* left = reinterpret_cast<float*>(audioFrame_->data[0]);
+    auto* right = reinterpret_cast<float*>(audioFrame_->data[1]);
+    for (int i = 0; i < count; ++i) {
+      left[i] = samples[2 * i];
+      right[i] = samples[2 * i + 1];
+    }
+    audioFrame_->pts = position;
+    send(audio_.get(), audioStream_, audioFrame_.get(), ExporterCase::audioRejected);
+  }
+
+  void finishAudio() {
+    if (audio_ && !audioFlushed_) {
+      send(audio_.get(), audioStream_, nullptr, ExporterCase::audioRejected);
+      audioFlushed_ = true;
+    }
+  }
+
+  void finish() {
+    send(video_.context.get(), videoStream_, nullptr, ExporterCase::videoRejected);
+    finishAudio();
+    if (av_write_trailer(format_.get()) < 0) fail(ExporterCase::writerIncomplete);
+    if (avio_closep(&format_->pb) < 0) fail(ExporterCase::writerIncomplete);
+  }
+
+ private:
+  void send(AVCodecContext* encoder, AVStream* stream, const AVFrame* frame, ExporterCase rejected) {
+    if (int status = avcodec_send_frame(encoder, frame); status < 0) fail(rejected);
+    for (;;) {
+      int status = avcodec_receive_packet(encoder, packet_.get());
+      if (status == AVERROR(EAGAIN) || status == AVERROR_EOF) return;
+      if (status < 0) fail(rejected);
+      av_packet_rescale_ts(packet_.get(), encoder->time_base, stream->time_base);
+      packet_->stream_index = stream->index;
+      if (int written = av_interleaved_write_frame(format_.get(), packet_.get()); written < 0)
+        fail(ExporterCase::append, libavErrorText(written));
+    }
+  }
+
+  PixelSize size_;
+  OutputFormatPtr format_;
+  VideoEncoder video_;
+  AVStream* videoStream_ = nullptr;
+  CodecContextPtr audio_;
+  AVStream* audioStream_ = nullptr;
+  bool audioFlushed_ = false;
+  FramePtr videoFrame_;
+  FramePtr audioFrame_;
+  ScalerPtr scaler_;
+  PacketPtr packet_;
+};
+
+struct RenderedFrame {
+  std::int64_t index = 0;
+  StillImage image;
+};
+
+// The drawn frames on their way to the encoder: at most two wait, so memory stays bounded and the
+// drawing never runs far ahead.
+class RenderedFrameQueue {
+ public:
+  static constexpr std::size_t capacity = 2;
+
+  // Waits for room; false once the queue was abandoned (the encoder failed or stopped).
+  bool push(RenderedFrame frame) {
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [&] { return abandoned_ || frames_.size() < capacity; });
+    if (abandoned_) return false;
+    frames_.push_back(std::move(frame));
+    changed_.notify_all();
+    return true;
+  }
+  // The next frame; none once the queue is closed and empty, or abandoned.
+  std::optional<RenderedFrame> pop() {
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [&] { return abandoned_ || closed_ || !frames_.empty(); });
+    if (abandoned_ || frames_.empty()) return std::nullopt;
+    RenderedFrame frame = std::move(frames_.front());
+    frames_.pop_front();
+    changed_.notify_all();
+    return frame;
+  }
+  // No more frames come; those waiting are still taken.
+  void close() {
+    std::lock_guard lock(mutex_);
+    closed_ = true;
+    changed_.notify_all();
+  }
+  // Drops what waits and releases both sides.
+  void abandon() {
+    std::lock_guard lock(mutex_);
+    abandoned_ = true;
+    frames_.clear();
+    changed_.notify_all();
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::deque<RenderedFrame> frames_;
+  bool closed_ = false;
+  bool abandoned_ = false;
+};
+
+// Removes the temporary file unless the film was completed and renamed.
+class TemporaryFile {
+ public:
+  explicit TemporaryFile(std::filesystem::path path) : path_(std::move(path)) {}
+  ~TemporaryFile() {
+    if (!path_.empty()) {
+      std::error_code ignored;
+      std::filesystem::remove(path_, ignored);
+    }
+  }
+  TemporaryFile(const TemporaryFile&) = delete;
+  TemporaryFile& operator=(const TemporaryFile&) = delete;
+  const std::filesystem::path& path() const { return path_; }
+  void renameTo(const std::filesystem::path& destination) {
+    std::error_code error;
+    std::filesystem::rename(path_, destination, error);
+    if (error) fail(ExporterCase::writerIncomplete);
+    path_.clear();
+  }
+
+ private:
+  std::filesystem::path path_;
+};
+
+}  // namespace
+
+ProjectExporter::ProjectExporter(std::shared_ptr<SceneRenderer> renderer) : renderer_(std::move(renderer)) {}
+
+std::int64_t ProjectExporter::frameCount(ProjectTime sequenceDuration, int framesPerSecond) {
+  if (sequenceDuration.nanoseconds <= 0 || framesPerSecond <= 0) return 0;
+  // duration × rate never overflows here: 2^63 ns is 292 years and the rate is at most 60.
+  const std::int64_t scaled = sequenceDuration.nanoseconds * framesPerSecond;
+  return scaled / nanosecondsPerSecond + (scaled % nanosecondsPerSecond != 0 ? 1 : 0);
+}
+
+ProjectTime ProjectExporter::frameTime(std::int64_t index, int framesPerSecond) {
+  const std::int64_t remainder = index % framesPerSecond * nanosecondsPerSecond;
+  return ProjectTime{index / framesPerSecond * nanosecondsPerSecond + remainder / framesPerSecond +
+                     (remainder % framesPerSecond != 0 ? 1 : 0)};
+}
+
+ExportedFilm ProjectExporter::exportProject(const ProjectSnapshot& snapshot, const std::filesystem::path& destination,
+                                            const ExportConfiguration& configuration, const ProgressHandler& progress,
+                                            std::stop_token stop, const ProjectExportOptions& options) {
+  auto report = [&](const ExportProgressUpdate& update) {
+    if (progress) progress(update);
+  };
+  report(ExportProgressUpdate{ExportPhase::preparing, 0, 0});
+  throwIfCancelled(stop);
+
+  const CanvasEdit canvas = options.canvas.value_or(snapshot.timeline.canvas);
+  const ResolvedExportConfiguration resolved =
+      configuration.resolved(snapshot.manifest.encodedPixelSize, canvas.aspectRatio);
+  // Y'CbCr 4:2:0 has no odd sizes: an odd original is written one pixel smaller.
+  PixelSize outputSize = resolved.outputSize;
+  std::optional<PixelSize> requestedOddSize;
+  if (outputSize.width % 2 != 0 || outputSize.height % 2 != 0) {
+    requestedOddSize = outputSize;
+    outputSize = {std::max<std::int64_t>(2, outputSize.width & ~std::int64_t{1}),
+                  std::max<std::int64_t>(2, outputSize.height & ~std::int64_t{1})};
+  }
+
+  renderer_->registerProjectAssets(snapshot);
+  ProjectFrameSource frameSource(snapshot, stop);
+  const TimelineCompositionPlan plan = TimelineCompositionBuilder::build(snapshot, stop);
+  if (plan.screen.pieces.empty()) fail(ExporterCase::missingVideo);
+  std::optional<SequenceAudioReader> audio;
+  if (!plan.audioTracks.empty())
+    audio.emplace(MediaContainer::open(snapshot, stop), plan, AudioOutputFormat{audioSampleRate, audioChannelCount});
+
+  const SceneEvaluator evaluator(snapshot, options.canvas);
+  const TimelineVisualEdits edits = TimelineVisualEdits::from(snapshot.timeline, options.canvas, options.webcamOverlay);
+  const CaptionDocument* captions = snapshot.captions ? &*snapshot.captions : nullptr;
+
+  const int framesPerSecond = resolved.framesPerSecond;
+  const std::int64_t totalFrames = frameCount(frameSource.sequenceDuration(), framesPerSecond);
+
+  TemporaryFile temporary(temporaryPath(destination));
+  std::optional<FilmWriter> writer;
+  writer.emplace(temporary.path(), isQuickTime(destination), resolved, outputSize, audio.has_value(),
+                 options.allowHardwareEncoders);
+
+  ExportStageTimes times;
+  std::vector<float> audioBuffer(static_cast<std::size_t>(writer->audioFrameSamples()) * audioChannelCount);
+  std::int64_t audioPosition = 0;
+  bool audioFinished = !audio;
+  // Sound up to `until` (sequence nanoseconds), or all that is left.
+  auto writeAudioUntil = [&](std::optional<std::int64_t> until) {
+    const auto start = Clock::now();
+    while (!audioFinished) {
+      if (until && audioPosition * nanosecondsPerSecond / audioSampleRate > *until) break;
+      throwIfCancelled(stop);
+      const std::int64_t count = audio->read(audioBuffer);
+      if (count == 0) {
+        writer->finishAudio();
+        audioFinished = true;
+        break;
+      }
+      writer->writeAudio(audioBuffer.data(), static_cast<int>(count), audioPosition);
+      audioPosition += count;
+    }
+    times.audioSeconds += secondsSince(start);
+  };
+
+  // Drawing and encoding overlap: this thread decodes, evaluates and draws while the encoder's
+  // thread converts, encodes and writes the frame before, with at most two drawn frames waiting
+  // between them. Each output frame is made exactly as it would be one after the other.
+  RenderedFrameQueue queue;
+  std::exception_ptr encoderFailure;
+  std::jthread encoderThread([&] {
+    try {
+      ExportProgressLimiter limiter;
+      while (std::optional<RenderedFrame> rendered = queue.pop()) {
+        writeAudioUntil(frameTime(rendered->index, framesPerSecond).nanoseconds + audioLeadNanoseconds);
+        auto start = Clock::now();
+        writer->convert(rendered->image);
+        times.conversionSeconds += secondsSince(start);
+        start = Clock::now();
+        writer->writeVideo(rendered->index);
+        times.encodeSeconds += secondsSince(start);
+        limiter.report(rendered->index + 1, totalFrames, [&](const ExportProgressUpdate& update) { report(update); });
+        if (options.frameWritten) options.frameWritten(rendered->index);
+      }
+    } catch (...) {
+      encoderFailure = std::current_exception();
+      queue.abandon();
+    }
+  });
+  {
+    // However this block is left, the encoder's thread stops before what it uses goes away.
+    struct StopEncoder {
+      RenderedFrameQueue& queue;
+      std::jthread& thread;
+      ~StopEncoder() {
+        queue.abandon();
+        if (thread.joinable()) thread.join();
+      }
+    } stopEncoder{queue, encoderThread};
+    for (std::int64_t index = 0; index < totalFrames; ++index) {
+      throwIfCancelled(stop);
+      const ProjectTime outputTime = frameTime(index, framesPerSecond);
+
+      auto start = Clock::now();
+      ProjectFrames frames = frameSource.framesAt(outputTime);
+      times.decodeSeconds += secondsSince(start);
+
+      start = Clock::now();
+      const auto sourceTime = frameSource.sourceTime(outputTime);
+      if (!sourceTime) fail(ExporterCase::render);
+      const SceneState scene = evaluator.evaluate(*sourceTime, edits, captions);
+      SceneFrames sceneFrames;
+      sceneFrames.sourceSize = snapshot.manifest.encodedPixelSize;
+      sceneFrames.screen = std::move(frames.screen);
+      sceneFrames.webcam = std::move(frames.camera);
+      sceneFrames.backgroundVideo = std::move(frames.background);
+      StillImage image = renderer_->render(scene, sceneFrames, outputSize);
+      times.renderSeconds += secondsSince(start);
+      if (!queue.push({index, std::move(image)})) break;
+    }
+    queue.close();
+    encoderThread.join();
+  }
+  if (encoderFailure) std::rethrow_exception(encoderFailure);
+
+  throwIfCancelled(stop);
+  report(ExportProgressUpdate{ExportPhase::finalizing, totalFrames, totalFrames});
+  writeAudioUntil(std::nullopt);
+  const std::string encoder = writer->encoderName();
+  const auto start = Clock::now();
+  writer->finish();
+  times.encodeSeconds += secondsSince(start);
+  writer.reset();
+  throwIfCancelled(stop);
+  temporary.renameTo(destination);
+
+  ExportedFilm film;
+  film.outputPath = destination;
+  std::error_code error;
+  film.sizeBytes = static_cast<std::int64_t>(std::filesystem::file_size(destination, error));
+  film.frameCount = totalFrames;
+  film.framesPerSecond = framesPerSecond;
+  film.duration = frameTime(totalFrames, framesPerSecond);
+  film.outputSize = outputSize;
+  film.requestedOddSize = requestedOddSize;
+  film.encoder = encoder;
+  if (options.stageTimes) *options.stageTimes = times;
+  report(ExportProgressUpdate{ExportPhase::completed, totalFrames, totalFrames});
+  return film;
+}
+
+}  // namespace vumo
