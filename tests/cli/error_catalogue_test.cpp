@@ -20,6 +20,7 @@
 #include "cli/cli_errors.h"
 #include "cli/prompt_command.h"
 #include "editor/project_timeline_watcher.h"
+#include "export/export_errors.h"
 #include "media/media_errors.h"
 #include "media/still_image.h"
 #include "project/project_store_error.h"
@@ -199,6 +200,8 @@ std::vector<std::string> everyCase() {
   listing.add<RenderingContextError>([](auto kind) { return RenderingContextError(kind, "1282"); });
   listing.add<SceneRendererError>([](auto kind) { return SceneRendererError(kind); });
   listing.add<ProjectFrameRendererError>([](auto kind) { return ProjectFrameRendererError(kind, "12"); });
+  listing.add<ExportConfigurationError>([](auto kind) { return ExportConfigurationError(kind); });
+  listing.add<ProjectExporterError>([](auto kind) { return ProjectExporterError(kind, "Broken pipe"); });
   listing.add<CaptionAudioExporterError>([](CaptionAudioExporterError::Case kind) {
     return kind == CaptionAudioExporterError::Case::missingTrack
                ? CaptionAudioExporterError::missingTrack(MediaTrackKind::microphone)

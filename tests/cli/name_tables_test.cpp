@@ -10,6 +10,9 @@
 #include "analysis/caption_timing_aligner.h"
 #include "captions/caption_document.h"
 #include "cli/cli_models.h"
+#include "export/export_configuration.h"
+#include "export/export_progress.h"
+#include "media/still_image.h"
 #include "project/project_manifest.h"
 #include "shared/json.h"
 #include "shared/media_track_kind.h"
@@ -27,7 +30,8 @@ using EveryNamedEnumeration =
                CaptionAppearance, EditPlanOperationType, ZoomReconciliationAction, CLIAgentHelpTopic,
                CaptionTrackSelection, CaptionTimingAlignmentAction, AgentEditingCapabilityID,
                AgentEditingCapabilityGroup, AgentEditingPreset, AgentEditingAspectRatio, AgentEditingClickStyle,
-               AgentEditingWebcamShape>;
+               AgentEditingWebcamShape, StillImageFormat, ExportResolution, ExportFrameRate, ExportQuality, ExportCodec,
+               ExportPreset, ExportPhase>;
 
 // A word listed twice would leave one of its cases unreadable, and a case's first word is the one
 // every writer uses, so it must read back as that case, through JSON too.
