@@ -231,6 +231,11 @@ std::filesystem::path temporaryPath(const std::filesystem::path& destination) {
   return destination.parent_path() / fmt::format(".{}.{}.partial", destination.filename().string(), ::getpid());
 }
 
+// GL_RENDERER of Mesa's rasterisers that run on the processors.
+bool isSoftwareRasteriser(std::string_view renderer) {
+  return renderer.starts_with("llvmpipe") || renderer.starts_with("softpipe");
+}
+
 bool isQuickTime(const std::filesystem::path& destination) {
   std::string extension = destination.extension().string();
   std::transform(extension.begin(), extension.end(), extension.begin(),
@@ -591,8 +596,12 @@ ExportedFilm ProjectExporter::exportProject(const ProjectSnapshot& snapshot, con
         renderer.discardPlanarFrames();
       }
     } stopEncoder{queue, encoderThread, *renderer_};
-    const bool gpuConversion = options.conversion != ExportFrameConversion::software;
-    const bool overlapped = options.conversion == ExportFrameConversion::gpuOverlapped;
+    ExportFrameConversion conversion = options.conversion;
+    if (conversion == ExportFrameConversion::automatic)
+      conversion = isSoftwareRasteriser(renderer_->context()->rendererName()) ? ExportFrameConversion::software
+                                                                              : ExportFrameConversion::gpuOverlapped;
+    const bool gpuConversion = conversion != ExportFrameConversion::software;
+    const bool overlapped = conversion == ExportFrameConversion::gpuOverlapped;
     // With the overlap, frame N is read back once frame N + 1 has been sent to the GPU, so the GPU
     // draws while the pixels before are copied out. False once the encoder's side is gone.
     auto finishFrame = [&](std::int64_t index) {

@@ -35,6 +35,9 @@ struct ExportStageTimes {
 // How a drawn frame becomes the encoder's Y'CbCr 4:2:0. The film is the same either way up to the
 // rounding of the conversion; the choice is kept for measurements and as a fallback.
 enum class ExportFrameConversion {
+  // `gpuOverlapped` on a GPU, `software` on a software rasteriser (Mesa's llvmpipe or softpipe),
+  // where the film pass costs the same processors more than libswscale does beside the drawing.
+  automatic,
   // The GPU converts (SceneRenderer's film pass); a frame is read back while the next one draws.
   gpuOverlapped,
   // The GPU converts; each frame is read back before the next one draws.
@@ -52,7 +55,7 @@ struct ProjectExportOptions {
   bool allowHardwareEncoders = true;
   // The render node a VAAPI encoder is tried on, before NVENC and the software encoders.
   std::filesystem::path vaapiDevice = "/dev/dri/renderD128";
-  ExportFrameConversion conversion = ExportFrameConversion::gpuOverlapped;
+  ExportFrameConversion conversion = ExportFrameConversion::automatic;
   // Called after each output frame has been handed to the encoder, with its index, on the
   // encoder's thread: for tests that cancel in the middle of the frame loop.
   std::function<void(std::int64_t)> frameWritten;
