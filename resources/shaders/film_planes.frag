@@ -9,6 +9,10 @@
 // the width, so four bytes never straddle a row or a plane; bytes beyond the width are padding.
 // Cb and Cr are those of the mean of each 2×2 block (the conversion is linear, so this is also the
 // mean of the four pixels' Cb and Cr). Width and height are even.
+//
+// The program is compiled twice: without CHROMA it writes the rows of Y', with CHROMA (defined by
+// the renderer after the version line) those of Cb and Cr, each drawn over its own rows only. A
+// software rasteriser would otherwise run both halves for every texel.
 precision highp float;
 precision highp int;
 
@@ -40,14 +44,12 @@ void main() {
   ivec2 texel = ivec2(gl_FragCoord.xy);
   int firstByte = texel.x * 4;
   vec4 bytes = vec4(0.0);
-  if (texel.y < height) {
-    for (int k = 0; k < 4; ++k) {
-      int x = firstByte + k;
-      if (x < width) bytes[k] = luma(pixelAt(x, texel.y));
-    }
-    fragColor = bytes;
-    return;
+#ifndef CHROMA
+  for (int k = 0; k < 4; ++k) {
+    int x = firstByte + k;
+    if (x < width) bytes[k] = luma(pixelAt(x, texel.y));
   }
+#else
   int chromaPitch = pitch / 2;
   int planeBytes = (height / 2) * chromaPitch;
   int offset = (texel.y - height) * pitch + firstByte;
@@ -63,5 +65,6 @@ void main() {
       bytes[k] = chroma(mean)[plane];
     }
   }
+#endif
   fragColor = bytes;
 }

@@ -170,7 +170,7 @@ struct RenderingContext::Objects {
   std::map<std::uint32_t, gl::Program> scenes;
   gl::Program annotation;
   std::string filmPlanesSource;
-  gl::Program filmPlanes;
+  std::array<gl::Program, 2> filmPlanes;  // Y', then Cb and Cr
   gl::Sampler sampler;
   gl::Texture cursor;
 };
@@ -268,13 +268,19 @@ std::uint32_t RenderingContext::sceneProgram(std::uint32_t features) {
   return found->second.get();
 }
 std::uint32_t RenderingContext::annotationProgram() const { return objects_->annotation.get(); }
-std::uint32_t RenderingContext::filmPlanesProgram() {
-  if (!objects_->filmPlanes) {
-    gl::Program program = link(objects_->vertex, compile(GL_FRAGMENT_SHADER, objects_->filmPlanesSource));
-    bindSlots(program.get(), {"frameImage"}, {});
-    objects_->filmPlanes = std::move(program);
+std::uint32_t RenderingContext::filmPlanesProgram(bool chroma) {
+  gl::Program& program = objects_->filmPlanes[chroma ? 1 : 0];
+  if (!program) {
+    const std::string& source = objects_->filmPlanesSource;
+    const std::size_t lineEnd = source.find('\n');
+    if (source.rfind("#version", 0) != 0 || lineEnd == std::string::npos) unavailable();
+    const std::string text =
+        chroma ? source.substr(0, lineEnd + 1) + "#define CHROMA 1\n" + source.substr(lineEnd + 1) : source;
+    gl::Program linked = link(objects_->vertex, compile(GL_FRAGMENT_SHADER, text));
+    bindSlots(linked.get(), {"frameImage"}, {});
+    program = std::move(linked);
   }
-  return objects_->filmPlanes.get();
+  return program.get();
 }
 std::uint32_t RenderingContext::sampler() const { return objects_->sampler.get(); }
 std::uint32_t RenderingContext::cursorTexture() const { return objects_->cursor.get(); }

@@ -43,9 +43,10 @@ class RenderingContext {
   // use and kept. Only while the context is current. Throws RenderingContextError::unavailable.
   std::uint32_t sceneProgram(std::uint32_t features);
   std::uint32_t annotationProgram() const;
-  // The film pass (film_planes.frag), compiled on first use: only exports need it. Only while the
-  // context is current. Throws RenderingContextError::unavailable.
-  std::uint32_t filmPlanesProgram();
+  // The film pass (film_planes.frag) for the Y' rows or for the Cb and Cr rows, compiled on first
+  // use: only exports need it. Only while the context is current. Throws
+  // RenderingContextError::unavailable.
+  std::uint32_t filmPlanesProgram(bool chroma);
   std::uint32_t sampler() const;
   std::uint32_t cursorTexture() const;
   SizeValue cursorSize() const { return cursorSize_; }         // points

@@ -323,15 +323,18 @@ void SceneRenderer::beginPlanarFrame(const SceneState& state, const SceneFrames&
     }
     gpu.filmPlanesSize = packedSize;
   }
-  const GLuint program = context_->filmPlanesProgram();
   glBindFramebuffer(GL_FRAMEBUFFER, gpu.filmPlanesFramebuffer.get());
-  glViewport(0, 0, static_cast<GLsizei>(packedSize.width), static_cast<GLsizei>(packedSize.height));
   glDisable(GL_BLEND);
-  glUseProgram(program);
-  glUniform4i(glGetUniformLocation(program, "planeLayout"), width, height, pitch, 0);
   glBindVertexArray(gpu.vertexArray.get());
   bindUnit(0, gpu.output.get(), context_->sampler());
-  glDrawArrays(GL_TRIANGLES, 0, 3);
+  // Y' rows first, then the Cb and Cr rows, each program over its own rows.
+  for (const bool chroma : {false, true}) {
+    const GLuint program = context_->filmPlanesProgram(chroma);
+    glViewport(0, chroma ? height : 0, static_cast<GLsizei>(packedSize.width), chroma ? height / 2 : height);
+    glUseProgram(program);
+    glUniform4i(glGetUniformLocation(program, "planeLayout"), width, height, pitch, 0);
+    glDrawArrays(GL_TRIANGLES, 0, 3);
+  }
   glBindVertexArray(0);
   glUseProgram(0);
 
