@@ -313,12 +313,13 @@ class FilmWriter {
     return size > 0 ? size : 1024;
   }
 
-  // Rows top first, 4 bytes per pixel, of the film's size.
-  void convert(const StillImage& image) {
+  // RGBA of the film's size, rows bottom first as OpenGL hands them: read upwards.
+  void convert(const std::vector<std::uint8_t>& pixels) {
     if (av_frame_make_writable(videoFrame_.get()) < 0) throw std::bad_alloc();
-    const std::uint8_t* source[] = {image.pixels.data()};
-    const int stride[] = {image.width * 4};
-    sws_scale(scaler_.get(), source, stride, 0, image.height, videoFrame_->data, videoFrame_->linesize);
+    const int rowBytes = videoFrame_->width * 4;
+    const std::uint8_t* source[] = {pixels.data() + static_cast<std::size_t>(videoFrame_->height - 1) * rowBytes};
+    const int stride[] = {-rowBytes};
+    sws_scale(scaler_.get(), source, stride, 0, videoFrame_->height, videoFrame_->data, videoFrame_->linesize);
   }
 
   // `frame`: the planes filled by the GPU; none for the last one converted.
@@ -393,8 +394,33 @@ class FilmWriter {
 
 struct RenderedFrame {
   std::int64_t index = 0;
-  StillImage image;  // the software conversion's RGBA
-  FramePtr planes;   // or the planes converted by the GPU
+  std::vector<std::uint8_t> rgba;  // for the conversion on the CPU, rows bottom first
+  FramePtr planes;                 // or the planes converted by the GPU
+};
+
+// RGBA buffers handed back by the encoder's thread once converted, so that a frame's 8 MB (at
+// 1080p) are not allocated and cleared again for every frame.
+class PixelBufferPool {
+ public:
+  std::vector<std::uint8_t> take(std::size_t bytes) {
+    {
+      std::lock_guard lock(mutex_);
+      if (!free_.empty()) {
+        std::vector<std::uint8_t> buffer = std::move(free_.back());
+        free_.pop_back();
+        if (buffer.size() == bytes) return buffer;
+      }
+    }
+    return std::vector<std::uint8_t>(bytes);
+  }
+  void giveBack(std::vector<std::uint8_t> buffer) {
+    std::lock_guard lock(mutex_);
+    if (free_.size() < 4) free_.push_back(std::move(buffer));
+  }
+
+ private:
+  std::mutex mutex_;
+  std::vector<std::vector<std::uint8_t>> free_;
 };
 
 PlanarFrameTarget targetOf(AVFrame& frame) {
@@ -561,6 +587,7 @@ ExportedFilm ProjectExporter::exportProject(const ProjectSnapshot& snapshot, con
   // thread converts, encodes and writes the frame before, with at most two drawn frames waiting
   // between them. Each output frame is made exactly as it would be one after the other.
   RenderedFrameQueue queue;
+  PixelBufferPool pixelBuffers;
   std::exception_ptr encoderFailure;
   std::jthread encoderThread([&] {
     try {
@@ -569,7 +596,8 @@ ExportedFilm ProjectExporter::exportProject(const ProjectSnapshot& snapshot, con
         writeAudioUntil(frameTime(rendered->index, framesPerSecond).nanoseconds + audioLeadNanoseconds);
         auto start = Clock::now();
         if (!rendered->planes) {
-          writer->convert(rendered->image);
+          writer->convert(rendered->rgba);
+          pixelBuffers.giveBack(std::move(rendered->rgba));
           times.conversionSeconds += secondsSince(start);
           start = Clock::now();
         }
@@ -601,15 +629,21 @@ ExportedFilm ProjectExporter::exportProject(const ProjectSnapshot& snapshot, con
       conversion = isSoftwareRasteriser(renderer_->context()->rendererName()) ? ExportFrameConversion::software
                                                                               : ExportFrameConversion::gpuOverlapped;
     const bool gpuConversion = conversion != ExportFrameConversion::software;
-    const bool overlapped = conversion == ExportFrameConversion::gpuOverlapped;
+    const bool overlapped = conversion != ExportFrameConversion::gpu;
     // With the overlap, frame N is read back once frame N + 1 has been sent to the GPU, so the GPU
     // draws while the pixels before are copied out. False once the encoder's side is gone.
     auto finishFrame = [&](std::int64_t index) {
       const auto start = Clock::now();
-      FramePtr planes = writer->newVideoFrame();
-      renderer_->finishPlanarFrame(targetOf(*planes));
+      RenderedFrame rendered{index, {}, nullptr};
+      if (gpuConversion) {
+        rendered.planes = writer->newVideoFrame();
+        renderer_->finishPlanarFrame(targetOf(*rendered.planes));
+      } else {
+        rendered.rgba = pixelBuffers.take(static_cast<std::size_t>(outputSize.width * outputSize.height * 4));
+        renderer_->finishRgbaFrame(rendered.rgba.data());
+      }
       times.readbackSeconds += secondsSince(start);
-      return queue.push({index, {}, std::move(planes)});
+      return queue.push(std::move(rendered));
     };
     std::int64_t begun = -1;  // the frame begun and not yet read back, if any
     bool abandoned = false;
@@ -630,13 +664,11 @@ ExportedFilm ProjectExporter::exportProject(const ProjectSnapshot& snapshot, con
       sceneFrames.screen = std::move(frames.screen);
       sceneFrames.webcam = std::move(frames.camera);
       sceneFrames.backgroundVideo = std::move(frames.background);
-      if (!gpuConversion) {
-        StillImage image = renderer_->render(scene, sceneFrames, outputSize);
-        times.renderSeconds += secondsSince(start);
-        if (!queue.push({index, std::move(image), nullptr})) break;
-        continue;
+      if (gpuConversion) {
+        renderer_->beginPlanarFrame(scene, sceneFrames, outputSize);
+      } else {
+        renderer_->beginRgbaFrame(scene, sceneFrames, outputSize);
       }
-      renderer_->beginPlanarFrame(scene, sceneFrames, outputSize);
       times.renderSeconds += secondsSince(start);
       if (begun >= 0 && !finishFrame(begun)) abandoned = true;
       begun = -1;

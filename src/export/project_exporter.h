@@ -42,7 +42,7 @@ enum class ExportFrameConversion {
   gpuOverlapped,
   // The GPU converts; each frame is read back before the next one draws.
   gpu,
-  // RGBA is read back and converted with libswscale.
+  // RGBA is read back (while the next frame draws) and converted with libswscale.
   software,
 };
 

@@ -89,8 +89,16 @@ class SceneRenderer {
   void beginPlanarFrame(const SceneState& state, const SceneFrames& frames, PixelSize outputSize);
   // Waits for the oldest frame begun and copies its planes into `target`, whose planes hold at least
   // its rows (half as many, half as wide, for Cb and Cr). Takes the context for the call. Throws
-  // SceneRendererError::encoderUnavailable when no frame waits or the buffer cannot be read.
+  // SceneRendererError::encoderUnavailable when no frame waits, the oldest is an RGBA one, or the
+  // buffer cannot be read.
   void finishPlanarFrame(const PlanarFrameTarget& target);
+  // As beginPlanarFrame without the film pass, for a conversion on the CPU: the frame's RGBA is read
+  // back. Any size.
+  void beginRgbaFrame(const SceneState& state, const SceneFrames& frames, PixelSize outputSize);
+  // As finishPlanarFrame for a frame begun with beginRgbaFrame: width × height × 4 bytes into
+  // `pixels`, rows bottom first, as OpenGL orients them. The kind of the oldest frame begun must
+  // match; otherwise SceneRendererError::encoderUnavailable.
+  void finishRgbaFrame(std::uint8_t* pixels);
   // Forgets the frames begun and not finished (after a failure or a cancel).
   void discardPlanarFrames();
   int planarFramesInFlight() const;
@@ -100,6 +108,10 @@ class SceneRenderer {
  private:
   struct Assets;
   struct Gpu;
+
+  void beginFrame(const SceneState& state, const SceneFrames& frames, PixelSize outputSize, bool planar);
+  void startReadback(std::uint32_t framebuffer, PixelSize texels, PixelSize frameSize, int pitch, bool planar);
+  void finishFrame(bool planar, const std::function<void(const std::uint8_t*, PixelSize, int)>& copy);
 
   std::shared_ptr<RenderingContext> context_;
   TextRasterSources text_;
