@@ -621,7 +621,7 @@ ExportedFilm ProjectExporter::exportProject(const ProjectSnapshot& snapshot, con
       ~StopEncoder() {
         queue.abandon();
         if (thread.joinable()) thread.join();
-        renderer.discardPlanarFrames();
+        renderer.discardFramesInFlight();
       }
     } stopEncoder{queue, encoderThread, *renderer_};
     ExportFrameConversion conversion = options.conversion;

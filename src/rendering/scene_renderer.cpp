@@ -217,7 +217,7 @@ struct SceneRenderer::Gpu {
     int pitch = 0;
     bool planar = false;  // the film pass's planes, or the frame's RGBA
   };
-  std::array<Readback, SceneRenderer::maximumPlanarFramesInFlight> readbacks;
+  std::array<Readback, SceneRenderer::maximumFramesInFlight> readbacks;
   int oldestReadback = 0;
   int readbacksInFlight = 0;
 };
@@ -324,7 +324,7 @@ void SceneRenderer::beginFrame(const SceneState& state, const SceneFrames& frame
     throw SceneRendererError(SceneRendererError::Case::encoderUnavailable);
   RenderingContext::Current current(*context_);
   Gpu& gpu = *gpu_;
-  if (gpu.readbacksInFlight >= maximumPlanarFramesInFlight)
+  if (gpu.readbacksInFlight >= maximumFramesInFlight)
     throw SceneRendererError(SceneRendererError::Case::encoderUnavailable);
   ensureTarget(gpu.output, gpu.outputFramebuffer, gpu.outputSize, outputSize);
   encode(state, frames, outputSize, gpu.outputFramebuffer.get());
@@ -372,8 +372,8 @@ void SceneRenderer::beginFrame(const SceneState& state, const SceneFrames& frame
 void SceneRenderer::startReadback(std::uint32_t framebuffer, PixelSize texels, PixelSize frameSize, int pitch,
                                   bool planar) {
   Gpu& gpu = *gpu_;
-  Gpu::Readback& readback = gpu.readbacks[static_cast<std::size_t>((gpu.oldestReadback + gpu.readbacksInFlight) %
-                                                                   maximumPlanarFramesInFlight)];
+  Gpu::Readback& readback =
+      gpu.readbacks[static_cast<std::size_t>((gpu.oldestReadback + gpu.readbacksInFlight) % maximumFramesInFlight)];
   const std::size_t bytes = static_cast<std::size_t>(pitch) * static_cast<std::size_t>(texels.height);
   if (!readback.buffer) readback.buffer = gl::makeBuffer();
   glBindBuffer(GL_PIXEL_PACK_BUFFER, readback.buffer.get());
@@ -405,7 +405,7 @@ void SceneRenderer::finishFrame(bool planar, const std::function<void(const std:
   if (gpu.readbacksInFlight == 0) throw SceneRendererError(SceneRendererError::Case::encoderUnavailable);
   Gpu::Readback& readback = gpu.readbacks[static_cast<std::size_t>(gpu.oldestReadback)];
   if (readback.planar != planar) throw SceneRendererError(SceneRendererError::Case::encoderUnavailable);
-  gpu.oldestReadback = (gpu.oldestReadback + 1) % maximumPlanarFramesInFlight;
+  gpu.oldestReadback = (gpu.oldestReadback + 1) % maximumFramesInFlight;
   --gpu.readbacksInFlight;
 
   glBindBuffer(GL_PIXEL_PACK_BUFFER, readback.buffer.get());
@@ -436,13 +436,13 @@ void SceneRenderer::finishPlanarFrame(const PlanarFrameTarget& target) {
   });
 }
 
-void SceneRenderer::discardPlanarFrames() {
+void SceneRenderer::discardFramesInFlight() {
   Gpu& gpu = *gpu_;
   gpu.oldestReadback = 0;
   gpu.readbacksInFlight = 0;
 }
 
-int SceneRenderer::planarFramesInFlight() const { return gpu_->readbacksInFlight; }
+int SceneRenderer::framesInFlight() const { return gpu_->readbacksInFlight; }
 
 void SceneRenderer::encode(const SceneState& state, const SceneFrames& frames, PixelSize outputSize,
                            std::uint32_t framebuffer) {

@@ -53,9 +53,9 @@ struct PlanarFrameTarget {
 
 class SceneRenderer {
  public:
-  // Film frames begun and not yet finished, at most: the GPU may work on one while the caller
-  // copies the other.
-  static constexpr int maximumPlanarFramesInFlight = 2;
+  // Frames begun (beginPlanarFrame, beginRgbaFrame) and not yet finished, at most: the GPU may
+  // draw one while the caller copies the other out.
+  static constexpr int maximumFramesInFlight = 2;
 
   // Captions and text annotations drawn by TextRasterSources::standard().
   explicit SceneRenderer(std::shared_ptr<RenderingContext> context);
@@ -85,7 +85,7 @@ class SceneRenderer {
   // the GPU and starts reading them back without waiting; finishPlanarFrame hands them over, the
   // oldest first. Takes the context for the call. Throws what render throws, and
   // SceneRendererError::encoderUnavailable for an odd size or when
-  // maximumPlanarFramesInFlight frames wait already.
+  // maximumFramesInFlight frames wait already.
   void beginPlanarFrame(const SceneState& state, const SceneFrames& frames, PixelSize outputSize);
   // Waits for the oldest frame begun and copies its planes into `target`, whose planes hold at least
   // its rows (half as many, half as wide, for Cb and Cr). Takes the context for the call. Throws
@@ -100,8 +100,8 @@ class SceneRenderer {
   // match; otherwise SceneRendererError::encoderUnavailable.
   void finishRgbaFrame(std::uint8_t* pixels);
   // Forgets the frames begun and not finished (after a failure or a cancel).
-  void discardPlanarFrames();
-  int planarFramesInFlight() const;
+  void discardFramesInFlight();
+  int framesInFlight() const;
 
   const std::shared_ptr<RenderingContext>& context() const { return context_; }
 

@@ -5,6 +5,7 @@
 
 #include <array>
 #include <cstdint>
+#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <utility>
@@ -119,7 +120,7 @@ class FilmPlanes : public ::testing::Test {
     delete homeVariable_;
     delete home_;
   }
-  void TearDown() override { renderer_->discardPlanarFrames(); }
+  void TearDown() override { renderer_->discardFramesInFlight(); }
 
   // The recording fills the output: no margin, corners, pointer or shadow.
   static SceneState plainState() {
@@ -172,20 +173,33 @@ TEST_F(FilmPlanes, EachQuadrantCarriesTheLimitedRangeValuesOfItsColour) {
   }
 }
 
-// Two frames may wait; they come back in the order begun, and a third is refused until one is
-// taken.
+// Two frames may wait; they come back in the order begun, each as it was begun (planes or RGBA),
+// and a third is refused until one is taken.
 TEST_F(FilmPlanes, FramesComeBackInTheOrderBegun) {
   static const QuadrantFrame whiteFrame(64, 36, [](int, int) { return white; });
   const PixelSize size{64, 36};
-  renderer_->beginPlanarFrame(plainState(), quadrants().frames(), size);
   renderer_->beginPlanarFrame(plainState(), whiteFrame.frames(), size);
-  EXPECT_EQ(renderer_->planarFramesInFlight(), 2);
+  renderer_->beginRgbaFrame(plainState(), quadrants().frames(), size);
+  EXPECT_EQ(renderer_->framesInFlight(), 2);
   EXPECT_THROW(renderer_->beginPlanarFrame(plainState(), whiteFrame.frames(), size), SceneRendererError);
-  Planes first(size), second(size);
+  std::vector<std::uint8_t> rgba(64 * 36 * 4);
+  EXPECT_THROW(renderer_->finishRgbaFrame(rgba.data()), SceneRendererError);
+  EXPECT_EQ(renderer_->framesInFlight(), 2);
+
+  Planes first(size);
   renderer_->finishPlanarFrame(first.target());
-  renderer_->finishPlanarFrame(second.target());
-  EXPECT_NEAR(first.at(0, 2, 2), red[0], 1);
-  EXPECT_NEAR(second.at(0, 2, 2), white[0], 1);
+  EXPECT_NEAR(first.at(0, 2, 2), white[0], 1);
+  renderer_->finishRgbaFrame(rgba.data());
+  // Rows bottom first: blue at the start, red in the last row.
+  auto near = [](const std::uint8_t* pixel, std::array<int, 3> expected) {
+    for (std::size_t c = 0; c < 3; ++c)
+      if (std::abs(pixel[c] - expected[c]) > 2) return false;
+    return true;
+  };
+  EXPECT_TRUE(near(&rgba[0], {0, 0, 255}));
+  EXPECT_TRUE(near(&rgba[35 * 64 * 4], {255, 0, 0}));
+  EXPECT_TRUE(near(&rgba[(35 * 64 + 63) * 4], {0, 255, 0}));
+
   Planes none(size);
   EXPECT_THROW(renderer_->finishPlanarFrame(none.target()), SceneRendererError);
 }
@@ -193,7 +207,7 @@ TEST_F(FilmPlanes, FramesComeBackInTheOrderBegun) {
 TEST_F(FilmPlanes, AnOddSizeIsRefused) {
   for (const PixelSize size : {PixelSize{65, 36}, PixelSize{64, 37}, PixelSize{0, 36}}) {
     EXPECT_THROW(renderer_->beginPlanarFrame(plainState(), quadrants().frames(), size), SceneRendererError);
-    EXPECT_EQ(renderer_->planarFramesInFlight(), 0);
+    EXPECT_EQ(renderer_->framesInFlight(), 0);
   }
 }
 
