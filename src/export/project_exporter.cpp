@@ -6,11 +6,13 @@ extern "C" {
 #include <libavutil/channel_layout.h>
 #include <libavutil/error.h>
 #include <libavutil/frame.h>
+#include <libavutil/hwcontext.h>
 #include <libavutil/opt.h>
 #include <libswscale/swscale.h>
 }
 
 #include <fmt/format.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -53,6 +55,9 @@ struct FrameDeleter {
 struct PacketDeleter {
   void operator()(AVPacket* packet) const { av_packet_free(&packet); }
 };
+struct BufferDeleter {
+  void operator()(AVBufferRef* buffer) const { av_buffer_unref(&buffer); }
+};
 struct ScalerDeleter {
   void operator()(SwsContext* scaler) const { sws_freeContext(scaler); }
 };
@@ -66,6 +71,7 @@ struct OutputFormatDeleter {
 using CodecContextPtr = std::unique_ptr<AVCodecContext, CodecContextDeleter>;
 using FramePtr = std::unique_ptr<AVFrame, FrameDeleter>;
 using PacketPtr = std::unique_ptr<AVPacket, PacketDeleter>;
+using BufferPtr = std::unique_ptr<AVBufferRef, BufferDeleter>;
 using ScalerPtr = std::unique_ptr<SwsContext, ScalerDeleter>;
 using OutputFormatPtr = std::unique_ptr<AVFormatContext, OutputFormatDeleter>;
 
@@ -86,9 +92,10 @@ FramePtr allocateFrame() {
 }
 
 // The film's encoder settings for one codec implementation; none when the implementation refuses
-// them (or, for a hardware one, when there is no device behind it).
+// them (or, for a hardware one, when there is no device behind it). `hardwareFrames`: the surfaces
+// a VAAPI encoder takes its frames in.
 CodecContextPtr openVideoEncoder(const AVCodec* codec, PixelSize size, int framesPerSecond, std::int64_t bitRate,
-                                 bool hevc, bool globalHeader) {
+                                 bool hevc, bool globalHeader, AVBufferRef* hardwareFrames = nullptr) {
   CodecContextPtr context(avcodec_alloc_context3(codec));
   if (!context) return nullptr;
   context->width = static_cast<int>(size.width);
@@ -97,6 +104,11 @@ CodecContextPtr openVideoEncoder(const AVCodec* codec, PixelSize size, int frame
   context->framerate = AVRational{framesPerSecond, 1};
   context->sample_aspect_ratio = AVRational{1, 1};
   context->pix_fmt = AV_PIX_FMT_YUV420P;
+  if (hardwareFrames != nullptr) {
+    context->pix_fmt = AV_PIX_FMT_VAAPI;
+    context->hw_frames_ctx = av_buffer_ref(hardwareFrames);
+    if (context->hw_frames_ctx == nullptr) return nullptr;
+  }
   context->bit_rate = bitRate;
   // A keyframe at least every 2 seconds, so seeking in a player never decodes far; no B-frames,
   // so decode order is presentation order.
@@ -126,24 +138,76 @@ CodecContextPtr openVideoEncoder(const AVCodec* codec, PixelSize size, int frame
 struct VideoEncoder {
   CodecContextPtr context;
   std::string name;
+  BufferPtr hardwareFrames;  // VAAPI only: the surfaces each frame is uploaded to
 };
 
-// A hardware encoder only where opening one works; otherwise the software encoder, whose refusal
-// means the settings themselves cannot be written.
+// Copies a frame of the film's planes into a surface of `hardwareFrames`; false when the device
+// refuses.
+bool uploadFrame(AVBufferRef* hardwareFrames, const AVFrame* frame, FramePtr& surface) {
+  surface = allocateFrame();
+  if (av_hwframe_get_buffer(hardwareFrames, surface.get(), 0) < 0) return false;
+  if (av_hwframe_transfer_data(surface.get(), frame, 0) < 0) return false;
+  return av_frame_copy_props(surface.get(), frame) >= 0;
+}
+
+// A VAAPI encoder on the render node `device`, or none. A path that is not a character device is
+// refused before libva is asked, so a machine without one pays nothing; a device whose surfaces do
+// not take the film's planes is refused at once too, rather than on the first frame.
+std::optional<VideoEncoder> openVaapiEncoder(const std::filesystem::path& device,
+                                             const ResolvedExportConfiguration& resolved, PixelSize size,
+                                             bool globalHeader) {
+  struct stat information {};
+  if (device.empty() || ::stat(device.c_str(), &information) != 0 || !S_ISCHR(information.st_mode)) return std::nullopt;
+  const bool hevc = resolved.codec == ExportCodec::hevc;
+  const AVCodec* codec = avcodec_find_encoder_by_name(hevc ? "hevc_vaapi" : "h264_vaapi");
+  if (codec == nullptr) return std::nullopt;
+  AVBufferRef* rawDevice = nullptr;
+  if (av_hwdevice_ctx_create(&rawDevice, AV_HWDEVICE_TYPE_VAAPI, device.c_str(), nullptr, 0) < 0 ||
+      rawDevice == nullptr)
+    return std::nullopt;
+  const BufferPtr deviceContext(rawDevice);
+  BufferPtr frames(av_hwframe_ctx_alloc(deviceContext.get()));
+  if (!frames) return std::nullopt;
+  auto* framesContext = reinterpret_cast<AVHWFramesContext*>(frames->data);
+  framesContext->format = AV_PIX_FMT_VAAPI;
+  framesContext->sw_format = AV_PIX_FMT_NV12;
+  framesContext->width = static_cast<int>(size.width);
+  framesContext->height = static_cast<int>(size.height);
+  framesContext->initial_pool_size = 16;
+  if (av_hwframe_ctx_init(frames.get()) < 0) return std::nullopt;
+
+  FramePtr probe = allocateFrame();
+  probe->format = AV_PIX_FMT_YUV420P;
+  probe->width = framesContext->width;
+  probe->height = framesContext->height;
+  if (av_frame_get_buffer(probe.get(), 0) < 0) return std::nullopt;
+  FramePtr surface;
+  if (!uploadFrame(frames.get(), probe.get(), surface)) return std::nullopt;
+  surface.reset();
+
+  auto context =
+      openVideoEncoder(codec, size, resolved.framesPerSecond, resolved.bitRate, hevc, globalHeader, frames.get());
+  if (!context) return std::nullopt;
+  return VideoEncoder{std::move(context), codec->name, std::move(frames)};
+}
+
+// A hardware encoder only where opening one works (VAAPI, then NVENC); otherwise the software
+// encoder, whose refusal means the settings themselves cannot be written.
 VideoEncoder openVideoEncoder(const ResolvedExportConfiguration& resolved, PixelSize size, bool globalHeader,
-                              bool allowHardware) {
+                              bool allowHardware, const std::filesystem::path& vaapiDevice) {
   const bool hevc = resolved.codec == ExportCodec::hevc;
   if (allowHardware) {
+    if (auto encoder = openVaapiEncoder(vaapiDevice, resolved, size, globalHeader)) return std::move(*encoder);
     if (const AVCodec* codec = avcodec_find_encoder_by_name(hevc ? "hevc_nvenc" : "h264_nvenc")) {
       if (auto context = openVideoEncoder(codec, size, resolved.framesPerSecond, resolved.bitRate, hevc, globalHeader))
-        return {std::move(context), codec->name};
+        return {std::move(context), codec->name, nullptr};
     }
   }
   const AVCodec* codec = avcodec_find_encoder_by_name(hevc ? "libx265" : "libx264");
   if (codec == nullptr) fail(ExporterCase::unsupportedSettings);
   auto context = openVideoEncoder(codec, size, resolved.framesPerSecond, resolved.bitRate, hevc, globalHeader);
   if (!context) fail(ExporterCase::unsupportedSettings);
-  return {std::move(context), codec->name};
+  return {std::move(context), codec->name, nullptr};
 }
 
 CodecContextPtr openAudioEncoder(bool globalHeader) {
@@ -167,6 +231,11 @@ std::filesystem::path temporaryPath(const std::filesystem::path& destination) {
   return destination.parent_path() / fmt::format(".{}.{}.partial", destination.filename().string(), ::getpid());
 }
 
+// GL_RENDERER of Mesa's rasterisers that run on the processors.
+bool isSoftwareRasteriser(std::string_view renderer) {
+  return renderer.starts_with("llvmpipe") || renderer.starts_with("softpipe");
+}
+
 bool isQuickTime(const std::filesystem::path& destination) {
   std::string extension = destination.extension().string();
   std::transform(extension.begin(), extension.end(), extension.begin(),
@@ -178,7 +247,7 @@ bool isQuickTime(const std::filesystem::path& destination) {
 class FilmWriter {
  public:
   FilmWriter(const std::filesystem::path& file, bool quickTime, const ResolvedExportConfiguration& resolved,
-             PixelSize size, bool withAudio, bool allowHardware)
+             PixelSize size, bool withAudio, bool allowHardware, const std::filesystem::path& vaapiDevice)
       : size_(size) {
     AVFormatContext* raw = nullptr;
     if (avformat_alloc_output_context2(&raw, nullptr, quickTime ? "mov" : "mp4", nullptr) < 0 || raw == nullptr)
@@ -186,7 +255,7 @@ class FilmWriter {
     format_.reset(raw);
     const bool globalHeader = (format_->oformat->flags & AVFMT_GLOBALHEADER) != 0;
 
-    video_ = openVideoEncoder(resolved, size, globalHeader, allowHardware);
+    video_ = openVideoEncoder(resolved, size, globalHeader, allowHardware, vaapiDevice);
     videoStream_ = avformat_new_stream(format_.get(), nullptr);
     if (videoStream_ == nullptr || avcodec_parameters_from_context(videoStream_->codecpar, video_.context.get()) < 0)
       fail(ExporterCase::writerInput);
@@ -212,15 +281,7 @@ class FilmWriter {
     if (avio_open(&format_->pb, file.c_str(), AVIO_FLAG_WRITE) < 0) fail(ExporterCase::start);
     if (avformat_write_header(format_.get(), nullptr) < 0) fail(ExporterCase::start);
 
-    videoFrame_ = allocateFrame();
-    videoFrame_->format = AV_PIX_FMT_YUV420P;
-    videoFrame_->width = static_cast<int>(size.width);
-    videoFrame_->height = static_cast<int>(size.height);
-    videoFrame_->color_primaries = AVCOL_PRI_BT709;
-    videoFrame_->color_trc = AVCOL_TRC_BT709;
-    videoFrame_->colorspace = AVCOL_SPC_BT709;
-    videoFrame_->color_range = AVCOL_RANGE_MPEG;
-    if (av_frame_get_buffer(videoFrame_.get(), 0) < 0) throw std::bad_alloc();
+    videoFrame_ = newVideoFrame();
 
     scaler_.reset(sws_getContext(videoFrame_->width, videoFrame_->height, AV_PIX_FMT_RGBA, videoFrame_->width,
                                  videoFrame_->height, AV_PIX_FMT_YUV420P, SWS_BILINEAR, nullptr, nullptr, nullptr));
@@ -233,24 +294,47 @@ class FilmWriter {
   }
 
   const std::string& encoderName() const { return video_.name; }
+
+  // An empty frame of the film's planes, for the GPU's conversion to fill.
+  FramePtr newVideoFrame() const {
+    FramePtr frame = allocateFrame();
+    frame->format = AV_PIX_FMT_YUV420P;
+    frame->width = static_cast<int>(size_.width);
+    frame->height = static_cast<int>(size_.height);
+    frame->color_primaries = AVCOL_PRI_BT709;
+    frame->color_trc = AVCOL_TRC_BT709;
+    frame->colorspace = AVCOL_SPC_BT709;
+    frame->color_range = AVCOL_RANGE_MPEG;
+    if (av_frame_get_buffer(frame.get(), 0) < 0) throw std::bad_alloc();
+    return frame;
+  }
   int audioFrameSamples() const {
     const int size = audio_ ? audio_->frame_size : 0;
     return size > 0 ? size : 1024;
   }
 
-  // Rows top first, 4 bytes per pixel, of the film's size.
-  void convert(const StillImage& image) {
+  // RGBA of the film's size, rows bottom first as OpenGL hands them: read upwards.
+  void convert(const std::vector<std::uint8_t>& pixels) {
     if (av_frame_make_writable(videoFrame_.get()) < 0) throw std::bad_alloc();
-    const std::uint8_t* source[] = {image.pixels.data()};
-    const int stride[] = {image.width * 4};
-    sws_scale(scaler_.get(), source, stride, 0, image.height, videoFrame_->data, videoFrame_->linesize);
+    const int rowBytes = videoFrame_->width * 4;
+    const std::uint8_t* source[] = {pixels.data() + static_cast<std::size_t>(videoFrame_->height - 1) * rowBytes};
+    const int stride[] = {-rowBytes};
+    sws_scale(scaler_.get(), source, stride, 0, videoFrame_->height, videoFrame_->data, videoFrame_->linesize);
   }
 
-  void writeVideo(std::int64_t index) {
-    videoFrame_->pts = index;
+  // `frame`: the planes filled by the GPU; none for the last one converted.
+  void writeVideo(std::int64_t index, AVFrame* frame = nullptr) {
+    if (frame == nullptr) frame = videoFrame_.get();
+    frame->pts = index;
     // Only the first frame must be a keyframe; the encoder places the rest by its group size.
-    videoFrame_->pict_type = AV_PICTURE_TYPE_NONE;
-    send(video_.context.get(), videoStream_, videoFrame_.get(), ExporterCase::videoRejected);
+    frame->pict_type = AV_PICTURE_TYPE_NONE;
+    if (video_.hardwareFrames) {
+      FramePtr surface;
+      if (!uploadFrame(video_.hardwareFrames.get(), frame, surface)) fail(ExporterCase::videoRejected);
+      send(video_.context.get(), videoStream_, surface.get(), ExporterCase::videoRejected);
+      return;
+    }
+    send(video_.context.get(), videoStream_, frame, ExporterCase::videoRejected);
   }
 
   // `samples` interleaved stereo frames, fewer than a full encoder frame only at the end.
@@ -310,8 +394,43 @@ class FilmWriter {
 
 struct RenderedFrame {
   std::int64_t index = 0;
-  StillImage image;
+  std::vector<std::uint8_t> rgba;  // for the conversion on the CPU, rows bottom first
+  FramePtr planes;                 // or the planes converted by the GPU
 };
+
+// RGBA buffers handed back by the encoder's thread once converted, so that a frame's 8 MB (at
+// 1080p) are not allocated and cleared again for every frame.
+class PixelBufferPool {
+ public:
+  std::vector<std::uint8_t> take(std::size_t bytes) {
+    {
+      std::lock_guard lock(mutex_);
+      if (!free_.empty()) {
+        std::vector<std::uint8_t> buffer = std::move(free_.back());
+        free_.pop_back();
+        if (buffer.size() == bytes) return buffer;
+      }
+    }
+    return std::vector<std::uint8_t>(bytes);
+  }
+  void giveBack(std::vector<std::uint8_t> buffer) {
+    std::lock_guard lock(mutex_);
+    if (free_.size() < 4) free_.push_back(std::move(buffer));
+  }
+
+ private:
+  std::mutex mutex_;
+  std::vector<std::vector<std::uint8_t>> free_;
+};
+
+PlanarFrameTarget targetOf(AVFrame& frame) {
+  PlanarFrameTarget target;
+  for (std::size_t plane = 0; plane < 3; ++plane) {
+    target.planes[plane] = frame.data[plane];
+    target.strides[plane] = frame.linesize[plane];
+  }
+  return target;
+}
 
 // The drawn frames on their way to the encoder: at most two wait, so memory stays bounded and the
 // drawing never runs far ahead.
@@ -440,7 +559,7 @@ ExportedFilm ProjectExporter::exportProject(const ProjectSnapshot& snapshot, con
   TemporaryFile temporary(temporaryPath(destination));
   std::optional<FilmWriter> writer;
   writer.emplace(temporary.path(), isQuickTime(destination), resolved, outputSize, audio.has_value(),
-                 options.allowHardwareEncoders);
+                 options.allowHardwareEncoders, options.vaapiDevice);
 
   ExportStageTimes times;
   std::vector<float> audioBuffer(static_cast<std::size_t>(writer->audioFrameSamples()) * audioChannelCount);
@@ -468,6 +587,7 @@ ExportedFilm ProjectExporter::exportProject(const ProjectSnapshot& snapshot, con
   // thread converts, encodes and writes the frame before, with at most two drawn frames waiting
   // between them. Each output frame is made exactly as it would be one after the other.
   RenderedFrameQueue queue;
+  PixelBufferPool pixelBuffers;
   std::exception_ptr encoderFailure;
   std::jthread encoderThread([&] {
     try {
@@ -475,10 +595,13 @@ ExportedFilm ProjectExporter::exportProject(const ProjectSnapshot& snapshot, con
       while (std::optional<RenderedFrame> rendered = queue.pop()) {
         writeAudioUntil(frameTime(rendered->index, framesPerSecond).nanoseconds + audioLeadNanoseconds);
         auto start = Clock::now();
-        writer->convert(rendered->image);
-        times.conversionSeconds += secondsSince(start);
-        start = Clock::now();
-        writer->writeVideo(rendered->index);
+        if (!rendered->planes) {
+          writer->convert(rendered->rgba);
+          pixelBuffers.giveBack(std::move(rendered->rgba));
+          times.conversionSeconds += secondsSince(start);
+          start = Clock::now();
+        }
+        writer->writeVideo(rendered->index, rendered->planes.get());
         times.encodeSeconds += secondsSince(start);
         limiter.report(rendered->index + 1, totalFrames, [&](const ExportProgressUpdate& update) { report(update); });
         if (options.frameWritten) options.frameWritten(rendered->index);
@@ -489,16 +612,42 @@ ExportedFilm ProjectExporter::exportProject(const ProjectSnapshot& snapshot, con
     }
   });
   {
-    // However this block is left, the encoder's thread stops before what it uses goes away.
+    // However this block is left, the encoder's thread stops before what it uses goes away, and no
+    // frame of this film stays begun in the renderer.
     struct StopEncoder {
       RenderedFrameQueue& queue;
       std::jthread& thread;
+      SceneRenderer& renderer;
       ~StopEncoder() {
         queue.abandon();
         if (thread.joinable()) thread.join();
+        renderer.discardFramesInFlight();
       }
-    } stopEncoder{queue, encoderThread};
-    for (std::int64_t index = 0; index < totalFrames; ++index) {
+    } stopEncoder{queue, encoderThread, *renderer_};
+    ExportFrameConversion conversion = options.conversion;
+    if (conversion == ExportFrameConversion::automatic)
+      conversion = isSoftwareRasteriser(renderer_->context()->rendererName()) ? ExportFrameConversion::software
+                                                                              : ExportFrameConversion::gpuOverlapped;
+    const bool gpuConversion = conversion != ExportFrameConversion::software;
+    const bool overlapped = conversion != ExportFrameConversion::gpu;
+    // With the overlap, frame N is read back once frame N + 1 has been sent to the GPU, so the GPU
+    // draws while the pixels before are copied out. False once the encoder's side is gone.
+    auto finishFrame = [&](std::int64_t index) {
+      const auto start = Clock::now();
+      RenderedFrame rendered{index, {}, nullptr};
+      if (gpuConversion) {
+        rendered.planes = writer->newVideoFrame();
+        renderer_->finishPlanarFrame(targetOf(*rendered.planes));
+      } else {
+        rendered.rgba = pixelBuffers.take(static_cast<std::size_t>(outputSize.width * outputSize.height * 4));
+        renderer_->finishRgbaFrame(rendered.rgba.data());
+      }
+      times.readbackSeconds += secondsSince(start);
+      return queue.push(std::move(rendered));
+    };
+    std::int64_t begun = -1;  // the frame begun and not yet read back, if any
+    bool abandoned = false;
+    for (std::int64_t index = 0; index < totalFrames && !abandoned; ++index) {
       throwIfCancelled(stop);
       const ProjectTime outputTime = frameTime(index, framesPerSecond);
 
@@ -515,10 +664,21 @@ ExportedFilm ProjectExporter::exportProject(const ProjectSnapshot& snapshot, con
       sceneFrames.screen = std::move(frames.screen);
       sceneFrames.webcam = std::move(frames.camera);
       sceneFrames.backgroundVideo = std::move(frames.background);
-      StillImage image = renderer_->render(scene, sceneFrames, outputSize);
+      if (gpuConversion) {
+        renderer_->beginPlanarFrame(scene, sceneFrames, outputSize);
+      } else {
+        renderer_->beginRgbaFrame(scene, sceneFrames, outputSize);
+      }
       times.renderSeconds += secondsSince(start);
-      if (!queue.push({index, std::move(image)})) break;
+      if (begun >= 0 && !finishFrame(begun)) abandoned = true;
+      begun = -1;
+      if (overlapped) {
+        begun = index;
+      } else if (!abandoned && !finishFrame(index)) {
+        abandoned = true;
+      }
     }
+    if (begun >= 0 && !abandoned) finishFrame(begun);
     queue.close();
     encoderThread.join();
   }

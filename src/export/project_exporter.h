@@ -25,19 +25,37 @@ namespace vumo {
 // Where the time of an export goes, summed over its frames, for measurements.
 struct ExportStageTimes {
   double decodeSeconds = 0;      // frames of the source, camera and wallpaper
-  double renderSeconds = 0;      // scene evaluation and drawing, with the readback
-  double conversionSeconds = 0;  // RGBA to the encoder's Y'CbCr
+  double renderSeconds = 0;      // scene evaluation and drawing (with the film pass on the GPU)
+  double readbackSeconds = 0;    // waiting for the GPU's pixels and copying them out
+  double conversionSeconds = 0;  // RGBA to the encoder's Y'CbCr on the CPU (the software conversion)
   double encodeSeconds = 0;      // video encoding and writing
   double audioSeconds = 0;       // mixing and encoding the sound
+};
+
+// How a drawn frame becomes the encoder's Y'CbCr 4:2:0. The film is the same either way up to the
+// rounding of the conversion; the choice is kept for measurements and as a fallback.
+enum class ExportFrameConversion {
+  // `gpuOverlapped` on a GPU, `software` on a software rasteriser (Mesa's llvmpipe or softpipe),
+  // where the film pass costs the same processors more than libswscale does beside the drawing.
+  automatic,
+  // The GPU converts (SceneRenderer's film pass); a frame is read back while the next one draws.
+  gpuOverlapped,
+  // The GPU converts; each frame is read back before the next one draws.
+  gpu,
+  // RGBA is read back (while the next frame draws) and converted with libswscale.
+  software,
 };
 
 struct ProjectExportOptions {
   // Overrides of what the snapshot's timeline says, as the editor's export sheet may give them.
   std::optional<CanvasEdit> canvas;
   std::optional<std::optional<WebcamOverlay>> webcamOverlay;
-  // Allows the hardware encoders (NVENC) when opening one succeeds; tests that compare pixels
-  // switch them off.
+  // Allows the hardware encoders (VAAPI, then NVENC) when opening one succeeds; tests that compare
+  // pixels switch them off.
   bool allowHardwareEncoders = true;
+  // The render node a VAAPI encoder is tried on, before NVENC and the software encoders.
+  std::filesystem::path vaapiDevice = "/dev/dri/renderD128";
+  ExportFrameConversion conversion = ExportFrameConversion::automatic;
   // Called after each output frame has been handed to the encoder, with its index, on the
   // encoder's thread: for tests that cancel in the middle of the frame loop.
   std::function<void(std::int64_t)> frameWritten;

@@ -169,6 +169,8 @@ struct RenderingContext::Objects {
   std::string sceneSource;
   std::map<std::uint32_t, gl::Program> scenes;
   gl::Program annotation;
+  std::string filmPlanesSource;
+  std::array<gl::Program, 2> filmPlanes;  // Y', then Cb and Cr
   gl::Sampler sampler;
   gl::Texture cursor;
 };
@@ -185,6 +187,7 @@ std::shared_ptr<RenderingContext> RenderingContext::create(const std::filesystem
   Objects& objects = *result->objects_;
   objects.vertex = compile(GL_VERTEX_SHADER, readShader(shaders / "scene.vert"));
   objects.sceneSource = readShader(shaders / "scene.frag");
+  objects.filmPlanesSource = readShader(shaders / "film_planes.frag");
   gl::Program annotation = link(objects.vertex, compile(GL_FRAGMENT_SHADER, readShader(shaders / "annotation.frag")));
   // Only the barest scene program now, so a shader file that does not compile at all fails here;
   // every other variant is compiled when a frame first needs it, since on the software rasteriser
@@ -265,6 +268,20 @@ std::uint32_t RenderingContext::sceneProgram(std::uint32_t features) {
   return found->second.get();
 }
 std::uint32_t RenderingContext::annotationProgram() const { return objects_->annotation.get(); }
+std::uint32_t RenderingContext::filmPlanesProgram(bool chroma) {
+  gl::Program& program = objects_->filmPlanes[chroma ? 1 : 0];
+  if (!program) {
+    const std::string& source = objects_->filmPlanesSource;
+    const std::size_t lineEnd = source.find('\n');
+    if (source.rfind("#version", 0) != 0 || lineEnd == std::string::npos) unavailable();
+    const std::string text =
+        chroma ? source.substr(0, lineEnd + 1) + "#define CHROMA 1\n" + source.substr(lineEnd + 1) : source;
+    gl::Program linked = link(objects_->vertex, compile(GL_FRAGMENT_SHADER, text));
+    bindSlots(linked.get(), {"frameImage"}, {});
+    program = std::move(linked);
+  }
+  return program.get();
+}
 std::uint32_t RenderingContext::sampler() const { return objects_->sampler.get(); }
 std::uint32_t RenderingContext::cursorTexture() const { return objects_->cursor.get(); }
 

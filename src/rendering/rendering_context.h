@@ -1,6 +1,6 @@
 #pragma once
-// The OpenGL ES 3.0 context every picture is drawn with: a surfaceless EGL context, the scene and
-// annotation programs compiled from the shader files of the resources folder, the one sampler, and
+// The OpenGL ES 3.0 context every picture is drawn with: a surfaceless EGL context, the scene,
+// annotation and film-plane programs compiled from the shader files of the resources folder, the one sampler, and
 // the arrow cursor drawn where a recording has no cursor shape of its own.
 
 #include <cstdint>
@@ -43,6 +43,10 @@ class RenderingContext {
   // use and kept. Only while the context is current. Throws RenderingContextError::unavailable.
   std::uint32_t sceneProgram(std::uint32_t features);
   std::uint32_t annotationProgram() const;
+  // The film pass (film_planes.frag) for the Y' rows or for the Cb and Cr rows, compiled on first
+  // use: only exports need it. Only while the context is current. Throws
+  // RenderingContextError::unavailable.
+  std::uint32_t filmPlanesProgram(bool chroma);
   std::uint32_t sampler() const;
   std::uint32_t cursorTexture() const;
   SizeValue cursorSize() const { return cursorSize_; }         // points

@@ -163,6 +163,21 @@ void ensureTarget(gl::Texture& texture, gl::Framebuffer& framebuffer, PixelSize&
   current = wanted;
 }
 
+// The film pass's packed planes (`pitch` bytes a row of Y', half that of Cb and Cr) into the
+// caller's planes.
+void copyPlanes(const std::uint8_t* bytes, std::size_t width, std::size_t height, std::size_t pitch,
+                const PlanarFrameTarget& target) {
+  auto copyPlane = [](const std::uint8_t* from, std::size_t fromPitch, std::uint8_t* to, int toStride,
+                      std::size_t rowBytes, std::size_t rows) {
+    for (std::size_t row = 0; row < rows; ++row)
+      std::memcpy(to + row * static_cast<std::size_t>(toStride), from + row * fromPitch, rowBytes);
+  };
+  copyPlane(bytes, pitch, target.planes[0], target.strides[0], width, height);
+  const std::uint8_t* chroma = bytes + pitch * height;
+  copyPlane(chroma, pitch / 2, target.planes[1], target.strides[1], width / 2, height / 2);
+  copyPlane(chroma + pitch / 2 * (height / 2), pitch / 2, target.planes[2], target.strides[2], width / 2, height / 2);
+}
+
 }  // namespace
 
 struct SceneRenderer::Assets {
@@ -191,6 +206,20 @@ struct SceneRenderer::Gpu {
   gl::Framebuffer outputFramebuffer;
   PixelSize outputSize;
   gl::Buffer sceneBlock, headerBlock, annotationBlock, placementBlock;
+  // The film pass: its packed planes, and the pixel buffers they are read into, used in turn.
+  gl::Texture filmPlanes;
+  gl::Framebuffer filmPlanesFramebuffer;
+  PixelSize filmPlanesSize;  // texels
+  struct Readback {
+    gl::Buffer buffer;
+    std::size_t capacity = 0;
+    PixelSize frameSize;
+    int pitch = 0;
+    bool planar = false;  // the film pass's planes, or the frame's RGBA
+  };
+  std::array<Readback, SceneRenderer::maximumFramesInFlight> readbacks;
+  int oldestReadback = 0;
+  int readbacksInFlight = 0;
 };
 
 SceneRenderer::SceneRenderer(std::shared_ptr<RenderingContext> context, TextRasterSources text)
@@ -279,6 +308,141 @@ StillImage SceneRenderer::render(const SceneState& state, const SceneFrames& fra
   }
   return image;
 }
+
+void SceneRenderer::beginPlanarFrame(const SceneState& state, const SceneFrames& frames, PixelSize outputSize) {
+  beginFrame(state, frames, outputSize, true);
+}
+
+void SceneRenderer::beginRgbaFrame(const SceneState& state, const SceneFrames& frames, PixelSize outputSize) {
+  beginFrame(state, frames, outputSize, false);
+}
+
+void SceneRenderer::beginFrame(const SceneState& state, const SceneFrames& frames, PixelSize outputSize, bool planar) {
+  if (outputSize.width <= 0 || outputSize.height <= 0 || outputSize.width > context_->maximumTextureSize() ||
+      outputSize.height > context_->maximumTextureSize() ||
+      (planar && (outputSize.width % 2 != 0 || outputSize.height % 2 != 0)))
+    throw SceneRendererError(SceneRendererError::Case::encoderUnavailable);
+  RenderingContext::Current current(*context_);
+  Gpu& gpu = *gpu_;
+  if (gpu.readbacksInFlight >= maximumFramesInFlight)
+    throw SceneRendererError(SceneRendererError::Case::encoderUnavailable);
+  ensureTarget(gpu.output, gpu.outputFramebuffer, gpu.outputSize, outputSize);
+  encode(state, frames, outputSize, gpu.outputFramebuffer.get());
+  if (!planar) {
+    startReadback(gpu.outputFramebuffer.get(), outputSize, outputSize, static_cast<int>(outputSize.width) * 4, false);
+    return;
+  }
+
+  // Four bytes a texel, rows of a multiple of 8 bytes: no group of four crosses a row or a plane.
+  const int width = static_cast<int>(outputSize.width);
+  const int height = static_cast<int>(outputSize.height);
+  const int pitch = (width + 7) / 8 * 8;
+  const PixelSize packedSize{pitch / 4, height + height / 2};
+  if (!gpu.filmPlanes || gpu.filmPlanesSize != packedSize) {
+    gpu.filmPlanes = gl::makeTexture();
+    glBindTexture(GL_TEXTURE_2D, gpu.filmPlanes.get());
+    glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA8, static_cast<GLsizei>(packedSize.width),
+                 static_cast<GLsizei>(packedSize.height), 0, GL_RGBA, GL_UNSIGNED_BYTE, nullptr);
+    if (!gpu.filmPlanesFramebuffer) gpu.filmPlanesFramebuffer = gl::makeFramebuffer();
+    glBindFramebuffer(GL_FRAMEBUFFER, gpu.filmPlanesFramebuffer.get());
+    glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, gpu.filmPlanes.get(), 0);
+    if (glCheckFramebufferStatus(GL_FRAMEBUFFER) != GL_FRAMEBUFFER_COMPLETE || glGetError() != GL_NO_ERROR) {
+      gpu.filmPlanes.reset();
+      throw SceneRendererError(SceneRendererError::Case::encoderUnavailable);
+    }
+    gpu.filmPlanesSize = packedSize;
+  }
+  glBindFramebuffer(GL_FRAMEBUFFER, gpu.filmPlanesFramebuffer.get());
+  glDisable(GL_BLEND);
+  glBindVertexArray(gpu.vertexArray.get());
+  bindUnit(0, gpu.output.get(), context_->sampler());
+  // Y' rows first, then the Cb and Cr rows, each program over its own rows.
+  for (const bool chroma : {false, true}) {
+    const GLuint program = context_->filmPlanesProgram(chroma);
+    glViewport(0, chroma ? height : 0, static_cast<GLsizei>(packedSize.width), chroma ? height / 2 : height);
+    glUseProgram(program);
+    glUniform4i(glGetUniformLocation(program, "planeLayout"), width, height, pitch, 0);
+    glDrawArrays(GL_TRIANGLES, 0, 3);
+  }
+  glBindVertexArray(0);
+  glUseProgram(0);
+  startReadback(gpu.filmPlanesFramebuffer.get(), packedSize, outputSize, pitch, true);
+}
+
+void SceneRenderer::startReadback(std::uint32_t framebuffer, PixelSize texels, PixelSize frameSize, int pitch,
+                                  bool planar) {
+  Gpu& gpu = *gpu_;
+  Gpu::Readback& readback =
+      gpu.readbacks[static_cast<std::size_t>((gpu.oldestReadback + gpu.readbacksInFlight) % maximumFramesInFlight)];
+  const std::size_t bytes = static_cast<std::size_t>(pitch) * static_cast<std::size_t>(texels.height);
+  if (!readback.buffer) readback.buffer = gl::makeBuffer();
+  glBindBuffer(GL_PIXEL_PACK_BUFFER, readback.buffer.get());
+  if (readback.capacity != bytes) {
+    glBufferData(GL_PIXEL_PACK_BUFFER, static_cast<GLsizeiptr>(bytes), nullptr, GL_STREAM_READ);
+    readback.capacity = bytes;
+  }
+  glBindFramebuffer(GL_FRAMEBUFFER, framebuffer);
+  glPixelStorei(GL_PACK_ALIGNMENT, 4);
+  glPixelStorei(GL_PACK_ROW_LENGTH, 0);
+  glReadPixels(0, 0, static_cast<GLsizei>(texels.width), static_cast<GLsizei>(texels.height), GL_RGBA, GL_UNSIGNED_BYTE,
+               nullptr);
+  glBindBuffer(GL_PIXEL_PACK_BUFFER, 0);
+  if (glGetError() != GL_NO_ERROR) {
+    readback.capacity = 0;
+    throw SceneRendererError(SceneRendererError::Case::encoderUnavailable);
+  }
+  // Sends the work to the GPU now rather than when the buffer is mapped, one frame later.
+  glFlush();
+  readback.frameSize = frameSize;
+  readback.pitch = pitch;
+  readback.planar = planar;
+  ++gpu.readbacksInFlight;
+}
+
+void SceneRenderer::finishFrame(bool planar, const std::function<void(const std::uint8_t*, PixelSize, int)>& copy) {
+  RenderingContext::Current current(*context_);
+  Gpu& gpu = *gpu_;
+  if (gpu.readbacksInFlight == 0) throw SceneRendererError(SceneRendererError::Case::encoderUnavailable);
+  Gpu::Readback& readback = gpu.readbacks[static_cast<std::size_t>(gpu.oldestReadback)];
+  if (readback.planar != planar) throw SceneRendererError(SceneRendererError::Case::encoderUnavailable);
+  gpu.oldestReadback = (gpu.oldestReadback + 1) % maximumFramesInFlight;
+  --gpu.readbacksInFlight;
+
+  glBindBuffer(GL_PIXEL_PACK_BUFFER, readback.buffer.get());
+  const void* mapped =
+      glMapBufferRange(GL_PIXEL_PACK_BUFFER, 0, static_cast<GLsizeiptr>(readback.capacity), GL_MAP_READ_BIT);
+  if (mapped == nullptr) {
+    glBindBuffer(GL_PIXEL_PACK_BUFFER, 0);
+    throw SceneRendererError(SceneRendererError::Case::encoderUnavailable);
+  }
+  copy(static_cast<const std::uint8_t*>(mapped), readback.frameSize, readback.pitch);
+  const bool intact = glUnmapBuffer(GL_PIXEL_PACK_BUFFER) == GL_TRUE;
+  glBindBuffer(GL_PIXEL_PACK_BUFFER, 0);
+  if (!intact) throw SceneRendererError(SceneRendererError::Case::encoderUnavailable);
+}
+
+void SceneRenderer::finishRgbaFrame(std::uint8_t* pixels) {
+  finishFrame(false, [&](const std::uint8_t* bytes, PixelSize size, int pitch) {
+    std::memcpy(pixels, bytes, static_cast<std::size_t>(pitch) * static_cast<std::size_t>(size.height));
+  });
+}
+
+void SceneRenderer::finishPlanarFrame(const PlanarFrameTarget& target) {
+  finishFrame(true, [&](const std::uint8_t* bytes, PixelSize size, int rowBytes) {
+    const std::size_t width = static_cast<std::size_t>(size.width);
+    const std::size_t height = static_cast<std::size_t>(size.height);
+    const std::size_t pitch = static_cast<std::size_t>(rowBytes);
+    copyPlanes(bytes, width, height, pitch, target);
+  });
+}
+
+void SceneRenderer::discardFramesInFlight() {
+  Gpu& gpu = *gpu_;
+  gpu.oldestReadback = 0;
+  gpu.readbacksInFlight = 0;
+}
+
+int SceneRenderer::framesInFlight() const { return gpu_->readbacksInFlight; }
 
 void SceneRenderer::encode(const SceneState& state, const SceneFrames& frames, PixelSize outputSize,
                            std::uint32_t framebuffer) {

@@ -4,8 +4,11 @@
 //
 // Two passes per frame, each one full-screen triangle: the scene pass draws background, screen,
 // device frame, cursor, click effect, camera overlay and caption into an intermediate texture; the
-// annotation pass reads it and draws the annotations into the target.
+// annotation pass reads it and draws the annotations into the target. A film frame takes a third,
+// the film pass, which converts the finished frame into the encoder's Y'CbCr planes on the GPU, so
+// that a third as many bytes come back, read through pixel buffers without waiting for the GPU.
 
+#include <array>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -40,8 +43,20 @@ struct TextRasterSources {
   static TextRasterSources standard();
 };
 
+// Where the planes of one film frame go: Y' of every pixel, then Cb and Cr of every 2×2 block (the
+// mean of its four pixels), BT.709 limited range, rows top first, each plane with its own row
+// stride in bytes.
+struct PlanarFrameTarget {
+  std::array<std::uint8_t*, 3> planes{};
+  std::array<int, 3> strides{};
+};
+
 class SceneRenderer {
  public:
+  // Frames begun (beginPlanarFrame, beginRgbaFrame) and not yet finished, at most: the GPU may
+  // draw one while the caller copies the other out.
+  static constexpr int maximumFramesInFlight = 2;
+
   // Captions and text annotations drawn by TextRasterSources::standard().
   explicit SceneRenderer(std::shared_ptr<RenderingContext> context);
   SceneRenderer(std::shared_ptr<RenderingContext> context, TextRasterSources text);
@@ -66,11 +81,37 @@ class SceneRenderer {
   // framebuffer's last row, as OpenGL orients it.
   void encode(const SceneState& state, const SceneFrames& frames, PixelSize outputSize, std::uint32_t framebuffer);
 
+  // Draws one film frame of `outputSize` (even width and height), converts it into its planes on
+  // the GPU and starts reading them back without waiting; finishPlanarFrame hands them over, the
+  // oldest first. Takes the context for the call. Throws what render throws, and
+  // SceneRendererError::encoderUnavailable for an odd size or when
+  // maximumFramesInFlight frames wait already.
+  void beginPlanarFrame(const SceneState& state, const SceneFrames& frames, PixelSize outputSize);
+  // Waits for the oldest frame begun and copies its planes into `target`, whose planes hold at least
+  // its rows (half as many, half as wide, for Cb and Cr). Takes the context for the call. Throws
+  // SceneRendererError::encoderUnavailable when no frame waits, the oldest is an RGBA one, or the
+  // buffer cannot be read.
+  void finishPlanarFrame(const PlanarFrameTarget& target);
+  // As beginPlanarFrame without the film pass, for a conversion on the CPU: the frame's RGBA is read
+  // back. Any size.
+  void beginRgbaFrame(const SceneState& state, const SceneFrames& frames, PixelSize outputSize);
+  // As finishPlanarFrame for a frame begun with beginRgbaFrame: width × height × 4 bytes into
+  // `pixels`, rows bottom first, as OpenGL orients them. The kind of the oldest frame begun must
+  // match; otherwise SceneRendererError::encoderUnavailable.
+  void finishRgbaFrame(std::uint8_t* pixels);
+  // Forgets the frames begun and not finished (after a failure or a cancel).
+  void discardFramesInFlight();
+  int framesInFlight() const;
+
   const std::shared_ptr<RenderingContext>& context() const { return context_; }
 
  private:
   struct Assets;
   struct Gpu;
+
+  void beginFrame(const SceneState& state, const SceneFrames& frames, PixelSize outputSize, bool planar);
+  void startReadback(std::uint32_t framebuffer, PixelSize texels, PixelSize frameSize, int pitch, bool planar);
+  void finishFrame(bool planar, const std::function<void(const std::uint8_t*, PixelSize, int)>& copy);
 
   std::shared_ptr<RenderingContext> context_;
   TextRasterSources text_;

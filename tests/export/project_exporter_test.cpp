@@ -223,15 +223,28 @@ TEST(ExportFrameCount, RoundsUpAndPlacesFramesExactly) {
 
 // Keep 0–1 s, cut 1–2 s, play 2–4 s at double speed: 2 s of film, 60 frames at 30 fps. The first
 // second shows source frames 0...29, the second every other frame from 60 on (60, 62, ... 118).
+// Each way of converting the frames, GPU or libswscale, gives the same film.
 TEST_F(ProjectExports, EveryFrameShowsTheSourceInstantOfTheEditAtTheCodecAndSizeAskedFor) {
-  for (ExportCodec codec : {ExportCodec::h264, ExportCodec::hevc}) {
-    SCOPED_TRACE(nameOf(codec));
+  struct Row {
+    ExportCodec codec;
+    ExportFrameConversion conversion;
+  };
+  for (const Row row :
+       {Row{ExportCodec::h264, ExportFrameConversion::automatic},
+        Row{ExportCodec::hevc, ExportFrameConversion::automatic},
+        Row{ExportCodec::h264, ExportFrameConversion::gpuOverlapped},
+        Row{ExportCodec::hevc, ExportFrameConversion::gpu}, Row{ExportCodec::h264, ExportFrameConversion::software}}) {
+    const ExportCodec codec = row.codec;
+    SCOPED_TRACE(fmt::format("{} {}", nameOf(codec), static_cast<int>(row.conversion)));
+    ProjectExportOptions options;
+    options.conversion = row.conversion;
     // An odd source: `original` is written one pixel smaller each way.
     ProjectSnapshot snapshot = numberedProject({67, 39});
     snapshot.timeline.segments = {clip(ms(0), ms(1000)), clip(ms(2000), ms(4000), 2000)};
     const auto destination = folder_.path() / "film.mp4";
     updates_.clear();
-    const ExportedFilm result = exportFilm(snapshot, destination, originalSize(ExportFrameRate::fps30, codec));
+    const ExportedFilm result =
+        exportFilm(snapshot, destination, originalSize(ExportFrameRate::fps30, codec), {}, options);
 
     EXPECT_EQ(result.frameCount, 60);
     EXPECT_EQ(result.outputSize, (PixelSize{66, 38}));
@@ -330,20 +343,58 @@ TEST_F(ProjectExports, AFilmFrameIsTheStillOfTheSameInstant) {
   snapshot.timeline.zooms = {zoomMs(200, 1800, 2.0, {0.3, 0.4})};
   snapshot.timeline.webcamOverlay = WebcamOverlay{};
 
-  const auto destination = folder_.path() / "film.mp4";
-  ExportConfiguration configuration = originalSize(ExportFrameRate::fps30);
-  configuration.quality = ExportQuality::high;
-  exportFilm(snapshot, destination, configuration);
-  const DecodedFilm film = decodeFilm(destination, true);
-  ASSERT_EQ(film.rgba.size(), 60u);
+  for (ExportFrameConversion conversion :
+       {ExportFrameConversion::automatic, ExportFrameConversion::gpuOverlapped, ExportFrameConversion::software}) {
+    SCOPED_TRACE(static_cast<int>(conversion));
+    const auto destination = folder_.path() / "film.mp4";
+    ExportConfiguration configuration = originalSize(ExportFrameRate::fps30);
+    configuration.quality = ExportQuality::high;
+    ProjectExportOptions options;
+    options.conversion = conversion;
+    exportFilm(snapshot, destination, configuration, {}, options);
+    const DecodedFilm film = decodeFilm(destination, true);
+    ASSERT_EQ(film.rgba.size(), 60u);
 
-  ProjectFrameRenderer stills(*renderer_);
-  for (int index : {0, 15, 45}) {
-    SCOPED_TRACE(index);
-    const StillImage still = stills.renderImage(snapshot, ProjectExporter::frameTime(index, 30), 256, {});
-    ASSERT_EQ(still.width, 256);
-    ASSERT_EQ(still.height, 144);
-    EXPECT_GE(psnr(still.pixels, film.rgba[index]), 35.0);
+    ProjectFrameRenderer stills(*renderer_);
+    for (int index : {0, 15, 45}) {
+      SCOPED_TRACE(index);
+      const StillImage still = stills.renderImage(snapshot, ProjectExporter::frameTime(index, 30), 256, {});
+      ASSERT_EQ(still.width, 256);
+      ASSERT_EQ(still.height, 144);
+      EXPECT_GE(psnr(still.pixels, film.rgba[index]), 35.0);
+    }
+  }
+}
+
+// Without a VAAPI render node (none here, a regular file, a character device that is no GPU) the
+// probe gives up at once and the film is written by NVENC or, where that does not open either,
+// the software encoder.
+TEST_F(ProjectExports, WithoutAVaapiDeviceTheFilmFallsBackToAnotherEncoder) {
+  ProjectSnapshot snapshot = numberedProject();
+  snapshot.timeline.segments = {clip(ms(0), ms(500))};
+  const auto notADevice = folder_.path() / "renderD128";
+  writeFileAtomically(notADevice, "not a device");
+  for (const std::filesystem::path& device : {std::filesystem::path("/dev/dri/renderD128"), folder_.path() / "missing",
+                                              notADevice, std::filesystem::path("/dev/null")}) {
+    SCOPED_TRACE(device.string());
+    if (device == "/dev/dri/renderD128" && std::filesystem::exists(device)) continue;
+    for (ExportCodec codec : {ExportCodec::h264, ExportCodec::hevc}) {
+      SCOPED_TRACE(nameOf(codec));
+      ProjectExportOptions options;
+      options.vaapiDevice = device;
+      ProjectExporter exporter(*renderer_);
+      const auto destination = folder_.path() / "film.mp4";
+      const ExportedFilm result =
+          exporter.exportProject(snapshot, destination, originalSize(ExportFrameRate::fps30, codec), {}, {}, options);
+      const bool hevc = codec == ExportCodec::hevc;
+      EXPECT_TRUE(result.encoder == (hevc ? "libx265" : "libx264") ||
+                  result.encoder == (hevc ? "hevc_nvenc" : "h264_nvenc"))
+          << result.encoder;
+      EXPECT_EQ(result.frameCount, 15);
+      const DecodedFilm film = decodeFilm(destination);
+      ASSERT_EQ(film.centreLuma.size(), 15u);
+      EXPECT_NEAR(film.centreLuma[3], 16 + 6 * 3, 2);
+    }
   }
 }
 
