@@ -15,10 +15,7 @@
 // short on the software rasteriser.
 
 #include <benchmark/benchmark.h>
-#include <fcntl.h>
-#include <spawn.h>
 #include <stdlib.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -32,8 +29,7 @@
 #include "recording_reporter.h"
 #include "rendering/rendering_context.h"
 #include "sample_project.h"
-
-extern char** environ;
+#include "spawn_and_wait.h"
 
 namespace {
 
@@ -45,24 +41,7 @@ vumo::ProjectSnapshot snapshot;
 std::shared_ptr<vumo::SceneRenderer> renderer;
 std::int64_t bitRate = 0;
 
-int spawnAndWait(const std::vector<std::string>& words) {
-  std::vector<char*> argv;
-  for (const auto& word : words) argv.push_back(const_cast<char*>(word.c_str()));
-  argv.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-  pid_t pid = 0;
-  const int rc = ::posix_spawnp(&pid, words.front().c_str(), &actions, nullptr, argv.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  if (rc != 0) return -1;
-  int status = 0;
-  while (::waitpid(pid, &status, 0) < 0) {
-  }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
+using vumo::bench::spawnAndWait;
 
 void exportFilm(benchmark::State& state, double motionBlur,
                 vumo::ExportFrameConversion conversion = vumo::ExportFrameConversion::automatic) {

@@ -15,6 +15,10 @@ class CLIArgumentError : public Error {
   static CLIArgumentError unknownCommand(const std::string& word) { return {Case::unknownCommand, word}; }
   static CLIArgumentError missingValue(const std::string& name) { return {Case::missingValue, name}; }
   static CLIArgumentError invalidValue(const std::string& name) { return {Case::invalidValue, name}; }
+  // "参数无效：--fps 24（可选：source, 30, 60）": `word` is none of the `accepted` choices of `option`.
+  static CLIArgumentError notOneOf(std::string_view option, std::string_view word, std::string_view accepted) {
+    return invalidValue(std::string(option) + " " + std::string(word) + "（可选：" + std::string(accepted) + "）");
+  }
   static CLIArgumentError unexpectedArgument(const std::string& word) { return {Case::unexpectedArgument, word}; }
   static CLIArgumentError missingCommand() { return {Case::missingCommand, {}}; }
 

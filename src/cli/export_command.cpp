@@ -10,6 +10,7 @@
 #include "cli/cli_errors.h"
 #include "cli/media_module_loader.h"
 #include "cli/output_destination.h"
+#include "cli/verb_arguments.h"
 #include "export/export_configuration.h"
 #include "export/export_progress.h"
 #include "project/project_store.h"
@@ -24,19 +25,13 @@ using Clock = std::chrono::steady_clock;
 
 template <ExportCommandLineEnum E>
 std::string acceptedWords() {
-  std::string words;
-  for (const auto& [value, word] : ExportCommandLineWords<E>::table) {
-    if (!words.empty()) words += ", ";
-    words += word;
-  }
-  return words;
+  return joinedNames(ExportCommandLineWords<E>::table);
 }
 
-// "参数无效：--fps 24（可选：source, 30, 60）"
 template <ExportCommandLineEnum E>
 E parseWord(std::string_view option, std::string_view word) {
   if (auto parsed = parseCommandLineWord<E>(word)) return *parsed;
-  throw CLIArgumentError::invalidValue(fmt::format("{} {}（可选：{}）", option, word, acceptedWords<E>()));
+  throw CLIArgumentError::notOneOf(option, word, acceptedWords<E>());
 }
 
 struct ExportRequest {
@@ -62,41 +57,29 @@ struct ExportRequest {
 
 ExportRequest parse(const std::vector<std::string>& arguments) {
   ExportRequest request;
-  std::vector<std::string> seen;
-  for (std::size_t i = 0; i < arguments.size(); ++i) {
-    const std::string& word = arguments[i];
-    if (!word.starts_with("--")) {
-      if (!request.projectID.empty()) throw CLIArgumentError::unexpectedArgument(word);
-      if (word.empty()) throw CLIArgumentError::invalidValue("<id-prefix>");
-      request.projectID = word;
-      continue;
-    }
-    if (std::find(seen.begin(), seen.end(), word) != seen.end()) throw CLIArgumentError::unexpectedArgument(word);
-    seen.push_back(word);
-    auto value = [&]() -> const std::string& {
-      if (i + 1 >= arguments.size()) throw CLIArgumentError::missingValue(word);
-      return arguments[++i];
-    };
+  VerbArguments words(arguments);
+  while (words.next()) {
+    const std::string& word = words.option();
     if (word == "--out") {
-      request.output = value();
+      request.output = words.value();
       if (request.output->empty()) throw CLIArgumentError::invalidValue("--out");
     } else if (word == "--replace") {
       request.replace = true;
     } else if (word == "--preset") {
-      request.preset = parseWord<ExportPreset>(word, value());
+      request.preset = parseWord<ExportPreset>(word, words.value());
     } else if (word == "--resolution") {
-      request.resolution = parseWord<ExportResolution>(word, value());
+      request.resolution = parseWord<ExportResolution>(word, words.value());
     } else if (word == "--fps") {
-      request.frameRate = parseWord<ExportFrameRate>(word, value());
+      request.frameRate = parseWord<ExportFrameRate>(word, words.value());
     } else if (word == "--quality") {
-      request.quality = parseWord<ExportQuality>(word, value());
+      request.quality = parseWord<ExportQuality>(word, words.value());
     } else if (word == "--codec") {
-      request.codec = parseWord<ExportCodec>(word, value());
+      request.codec = parseWord<ExportCodec>(word, words.value());
     } else {
       throw CLIArgumentError::unexpectedArgument(word);
     }
   }
-  if (request.projectID.empty()) throw CLIArgumentError::missingValue("<id-prefix>");
+  request.projectID = words.projectID();
   return request;
 }
 

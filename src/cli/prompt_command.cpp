@@ -12,6 +12,7 @@
 #include "agent/agent_prompt_builder.h"
 #include "captions/caption_text.h"
 #include "cli/cli_errors.h"
+#include "cli/verb_arguments.h"
 #include "project/project_store.h"
 #include "shared/cancellation.h"
 #include "shared/json.h"
@@ -31,20 +32,9 @@ constexpr ErrorCase<PromptCase> promptCases[] = {
 static_assert(inCaseOrder(promptCases));
 
 template <NamedEnum E>
-std::string acceptedWords() {
-  std::string words;
-  for (const auto& [value, word] : EnumNames<E>::table) {
-    if (!words.empty()) words += ", ";
-    words += word;
-  }
-  return words;
-}
-
-// "参数无效：--preset studio（可选：talking-head, tutorial, conservative）"
-template <NamedEnum E>
 E parseWord(std::string_view option, std::string_view word) {
   if (auto parsed = parseName<E>(word)) return *parsed;
-  throw CLIArgumentError::invalidValue(fmt::format("{} {}（可选：{}）", option, word, acceptedWords<E>()));
+  throw CLIArgumentError::notOneOf(option, word, joinedNames(EnumNames<E>::table));
 }
 
 struct PromptRequest {
@@ -76,23 +66,10 @@ std::vector<std::string> splitCommas(std::string_view text) {
 
 PromptRequest parse(const std::vector<std::string>& arguments) {
   PromptRequest request;
-  std::vector<std::string> seen;
-  for (std::size_t i = 0; i < arguments.size(); ++i) {
-    const std::string& word = arguments[i];
-    if (!word.starts_with("--")) {
-      if (!request.projectID.empty()) throw CLIArgumentError::unexpectedArgument(word);
-      if (word.empty()) throw CLIArgumentError::invalidValue("<id-prefix>");
-      request.projectID = word;
-      continue;
-    }
-    const bool repeatable = word == "--capability-instruction";
-    if (!repeatable && std::find(seen.begin(), seen.end(), word) != seen.end())
-      throw CLIArgumentError::unexpectedArgument(word);
-    seen.push_back(word);
-    auto value = [&]() -> const std::string& {
-      if (i + 1 >= arguments.size()) throw CLIArgumentError::missingValue(word);
-      return arguments[++i];
-    };
+  VerbArguments words(arguments, {"--capability-instruction"});
+  while (words.next()) {
+    const std::string& word = words.option();
+    auto value = [&]() -> const std::string& { return words.value(); };
     auto editing = [&] {
       if (!request.editingOption) request.editingOption = word;
     };
@@ -136,7 +113,7 @@ PromptRequest parse(const std::vector<std::string>& arguments) {
       throw CLIArgumentError::unexpectedArgument(word);
     }
   }
-  if (request.projectID.empty()) throw CLIArgumentError::missingValue("<id-prefix>");
+  request.projectID = words.projectID();
   if (request.captions && request.editingOption) throw CLIArgumentError::unexpectedArgument(*request.editingOption);
   if (request.templateName && request.preset) throw CLIArgumentError::unexpectedArgument("--preset");
   return request;
@@ -222,7 +199,7 @@ std::string PromptCommand::usageText() {
          "  --help                            this text\n"
          "\n"
          "Capabilities: " +
-         acceptedWords<AgentEditingCapabilityID>() + ".";
+         joinedNames(EnumNames<AgentEditingCapabilityID>::table) + ".";
 }
 
 int PromptCommand::run(const std::vector<std::string>& arguments) {

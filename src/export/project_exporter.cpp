@@ -25,6 +25,7 @@ extern "C" {
 #include <thread>
 #include <vector>
 
+#include "media/libav_handles.h"
 #include "media/media_container.h"
 #include "media/project_frame_source.h"
 #include "media/sequence_audio_reader.h"
@@ -46,39 +47,12 @@ constexpr std::int64_t audioBitRate = 192'000;
 constexpr std::int64_t audioLeadNanoseconds = 2'000'000'000;
 constexpr std::int64_t nanosecondsPerSecond = 1'000'000'000;
 
-struct CodecContextDeleter {
-  void operator()(AVCodecContext* context) const { avcodec_free_context(&context); }
-};
-struct FrameDeleter {
-  void operator()(AVFrame* frame) const { av_frame_free(&frame); }
-};
-struct PacketDeleter {
-  void operator()(AVPacket* packet) const { av_packet_free(&packet); }
-};
-struct BufferDeleter {
-  void operator()(AVBufferRef* buffer) const { av_buffer_unref(&buffer); }
-};
-struct ScalerDeleter {
-  void operator()(SwsContext* scaler) const { sws_freeContext(scaler); }
-};
-// An output whose file may still be open: closing it here is what lets the partial file be removed.
-struct OutputFormatDeleter {
-  void operator()(AVFormatContext* context) const {
-    if (context->pb != nullptr && !(context->oformat->flags & AVFMT_NOFILE)) avio_closep(&context->pb);
-    avformat_free_context(context);
-  }
-};
-using CodecContextPtr = std::unique_ptr<AVCodecContext, CodecContextDeleter>;
-using FramePtr = std::unique_ptr<AVFrame, FrameDeleter>;
-using PacketPtr = std::unique_ptr<AVPacket, PacketDeleter>;
-using BufferPtr = std::unique_ptr<AVBufferRef, BufferDeleter>;
-using ScalerPtr = std::unique_ptr<SwsContext, ScalerDeleter>;
-using OutputFormatPtr = std::unique_ptr<AVFormatContext, OutputFormatDeleter>;
+using namespace media_detail;
 
-std::string libavErrorText(int code) {
-  char text[AV_ERROR_MAX_STRING_SIZE] = {};
-  if (av_strerror(code, text, sizeof text) != 0) return fmt::format("error {}", code);
-  return text;
+// libav's text for a code, or the bare number when libav has none.
+std::string describeLibavError(int code) {
+  std::string text = libavErrorText(code);
+  return text.empty() ? fmt::format("error {}", code) : text;
 }
 
 [[noreturn]] void fail(ExporterCase kind, std::string_view detail = {}) { throw ProjectExporterError(kind, detail); }
@@ -138,7 +112,7 @@ CodecContextPtr openVideoEncoder(const AVCodec* codec, PixelSize size, int frame
 struct VideoEncoder {
   CodecContextPtr context;
   std::string name;
-  BufferPtr hardwareFrames;  // VAAPI only: the surfaces each frame is uploaded to
+  BufferRefPtr hardwareFrames;  // VAAPI only: the surfaces each frame is uploaded to
 };
 
 // Copies a frame of the film's planes into a surface of `hardwareFrames`; false when the device
@@ -165,8 +139,8 @@ std::optional<VideoEncoder> openVaapiEncoder(const std::filesystem::path& device
   if (av_hwdevice_ctx_create(&rawDevice, AV_HWDEVICE_TYPE_VAAPI, device.c_str(), nullptr, 0) < 0 ||
       rawDevice == nullptr)
     return std::nullopt;
-  const BufferPtr deviceContext(rawDevice);
-  BufferPtr frames(av_hwframe_ctx_alloc(deviceContext.get()));
+  const BufferRefPtr deviceContext(rawDevice);
+  BufferRefPtr frames(av_hwframe_ctx_alloc(deviceContext.get()));
   if (!frames) return std::nullopt;
   auto* framesContext = reinterpret_cast<AVHWFramesContext*>(frames->data);
   framesContext->format = AV_PIX_FMT_VAAPI;
@@ -375,7 +349,7 @@ class FilmWriter {
       av_packet_rescale_ts(packet_.get(), encoder->time_base, stream->time_base);
       packet_->stream_index = stream->index;
       if (int written = av_interleaved_write_frame(format_.get(), packet_.get()); written < 0)
-        fail(ExporterCase::append, libavErrorText(written));
+        fail(ExporterCase::append, describeLibavError(written));
     }
   }
 

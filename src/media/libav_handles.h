@@ -1,8 +1,9 @@
 #pragma once
 
-// Owners of the libav objects of this area. Nothing outside this header calls a libav free
-// function, so an early return or an exception can neither leak a frame nor leave a decoder open.
-// Private to the media area.
+// Owners of the libav objects of the media area and of export, which writes films with the same
+// library. Nothing outside this header calls a libav free function, so an early return or an
+// exception can neither leak a frame nor leave a decoder open. Not for the areas that do not link
+// libav.
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -11,6 +12,7 @@ extern "C" {
 #include <libavutil/frame.h>
 #include <libavutil/mem.h>
 #include <libswresample/swresample.h>
+#include <libswscale/swscale.h>
 }
 
 #include <memory>
@@ -44,6 +46,19 @@ struct InputFormatDeleter {
 struct AVBufferDeleter {
   void operator()(void* memory) const { av_free(memory); }
 };
+struct BufferRefDeleter {
+  void operator()(AVBufferRef* buffer) const { av_buffer_unref(&buffer); }
+};
+struct ScalerDeleter {
+  void operator()(SwsContext* scaler) const { sws_freeContext(scaler); }
+};
+// An output whose file may still be open: closing it here is what lets a partial file be removed.
+struct OutputFormatDeleter {
+  void operator()(AVFormatContext* context) const {
+    if (context->pb != nullptr && !(context->oformat->flags & AVFMT_NOFILE)) avio_closep(&context->pb);
+    avformat_free_context(context);
+  }
+};
 
 using CodecContextPtr = std::unique_ptr<AVCodecContext, CodecContextDeleter>;
 using FramePtr = std::unique_ptr<AVFrame, FrameDeleter>;
@@ -52,6 +67,9 @@ using ResamplerPtr = std::unique_ptr<SwrContext, ResamplerDeleter>;
 using IOContextPtr = std::unique_ptr<AVIOContext, IOContextDeleter>;
 using InputFormatPtr = std::unique_ptr<AVFormatContext, InputFormatDeleter>;
 using AVBufferPtr = std::unique_ptr<std::uint8_t, AVBufferDeleter>;
+using BufferRefPtr = std::unique_ptr<AVBufferRef, BufferRefDeleter>;
+using ScalerPtr = std::unique_ptr<SwsContext, ScalerDeleter>;
+using OutputFormatPtr = std::unique_ptr<AVFormatContext, OutputFormatDeleter>;
 
 // av_strerror's text for a libav error code; empty when libav has none for it, so that the
 // caller can say what it knows instead.

@@ -25,11 +25,6 @@ constexpr std::int64_t nanosecondsPerSecond = 1'000'000'000;
 // Without an index to say where the keyframes are, decoding forward beats seeking up to this far.
 constexpr std::int64_t forwardDecodeLimitNanoseconds = 2 * nanosecondsPerSecond;
 
-struct ScalerDeleter {
-  void operator()(SwsContext* context) const { sws_freeContext(context); }
-};
-using ScalerPtr = std::unique_ptr<SwsContext, ScalerDeleter>;
-
 // A decoded frame with its presentation time in the stream's ticks and in nanoseconds.
 struct TimedFrame {
   std::shared_ptr<AVFrame> frame;

@@ -66,6 +66,17 @@ E decodeName(std::string_view word) {
   throwUnknownName(EnumNames<E>::typeName, word);
 }
 
+// Every word of `table`, in order, joined by ", ": what a message lists as the accepted choices.
+template <class E, std::size_t N>
+std::string joinedNames(const NameTable<E, N>& table) {
+  std::string words;
+  for (const auto& [value, word] : table) {
+    if (!words.empty()) words += ", ";
+    words += word;
+  }
+  return words;
+}
+
 }  // namespace vumo
 
 // A named enumeration is its word in JSON. Bound to the JSON type only where it is used, so this

@@ -27,30 +27,9 @@ class ExportCommand : public testing::SampleProjectSuite {
  protected:
   static void SetUpTestSuite() {
     SampleProjectSuite::SetUpTestSuite();
-    cache_ = new testing::TemporaryDirectory();
     // The film at the recording's own size needs the recording's own canvas shape.
-    commit({"cli", "cut", id_, "--range", "1000,12000"});
-    commit({"cli", "set", id_, "canvas.aspect=source"});
-  }
-  // Previews an edit and commits it with the arguments the preview returned.
-  static void commit(const std::vector<std::string>& arguments) {
-    auto preview = vumo(arguments);
-    ASSERT_EQ(preview.status, 0) << preview.standardError;
-    std::vector<std::string> confirm = {"cli"};
-    const Json answer = Json::parse(preview.standardOutput);
-    for (const auto& word : answer["confirmationArguments"]) confirm.push_back(word);
-    auto committed = vumo(confirm);
-    ASSERT_EQ(committed.status, 0) << committed.standardError;
-  }
-  static void TearDownTestSuite() {
-    delete cache_;
-    cache_ = nullptr;
-    SampleProjectSuite::TearDownTestSuite();
-  }
-
-  // Mesa's shader cache and fontconfig's cache go to a folder of the test's own.
-  static testing::ProcessResult vumo(const std::vector<std::string>& arguments) {
-    return testing::runVumo(arguments, {{"XDG_CACHE_HOME", cache_->path().string()}});
+    commitPreviewed({"cli", "cut", id_, "--range", "1000,12000"});
+    commitPreviewed({"cli", "set", id_, "canvas.aspect=source"});
   }
 
   static testing::ProcessResult exportFilm(const std::string& id, std::vector<std::string> extra = {}) {
@@ -59,7 +38,6 @@ class ExportCommand : public testing::SampleProjectSuite {
     return vumo(arguments);
   }
 
-  static inline testing::TemporaryDirectory* cache_ = nullptr;
   testing::TemporaryDirectory out_;
 };
 

@@ -23,21 +23,6 @@ namespace fs = std::filesystem;
 
 class FrameCommand : public testing::SampleProjectSuite {
  protected:
-  static void SetUpTestSuite() {
-    SampleProjectSuite::SetUpTestSuite();
-    cache_ = new testing::TemporaryDirectory();
-  }
-  static void TearDownTestSuite() {
-    delete cache_;
-    cache_ = nullptr;
-    SampleProjectSuite::TearDownTestSuite();
-  }
-
-  // Mesa's shader cache and fontconfig's cache go to a folder of the test's own.
-  static testing::ProcessResult vumo(const std::vector<std::string>& arguments) {
-    return testing::runVumo(arguments, {{"XDG_CACHE_HOME", cache_->path().string()}});
-  }
-
   static testing::ProcessResult frame(const std::string& id, std::int64_t milliseconds, const fs::path& out,
                                       std::vector<std::string> extra = {}) {
     std::vector<std::string> arguments = {"cli",   "frame",     id, "--ms", std::to_string(milliseconds),
@@ -46,20 +31,10 @@ class FrameCommand : public testing::SampleProjectSuite {
     return vumo(arguments);
   }
 
-  // Previews a setting and commits it with the arguments the preview returned.
-  static void set(const std::string& assignment) {
-    auto preview = vumo({"cli", "set", id_, assignment});
-    ASSERT_EQ(preview.status, 0) << preview.standardError;
-    std::vector<std::string> confirm = {"cli"};
-    const Json answer = Json::parse(preview.standardOutput);
-    for (const auto& word : answer["confirmationArguments"]) confirm.push_back(word);
-    auto commit = vumo(confirm);
-    ASSERT_EQ(commit.status, 0) << commit.standardError;
-  }
+  static void set(const std::string& assignment) { commitPreviewed({"cli", "set", id_, assignment}); }
 
   static StillImage picture(const fs::path& file) { return decodeStillImage(readFile(file, 64 << 20)); }
 
-  static inline testing::TemporaryDirectory* cache_ = nullptr;
   testing::TemporaryDirectory out_;
 };
 

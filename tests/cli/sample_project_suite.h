@@ -7,9 +7,11 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 #include "project/project_store.h"
 #include "sample_project.h"
+#include "shared/json.h"
 #include "support/test_support.h"
 
 namespace vumo::testing {
@@ -18,15 +20,36 @@ class SampleProjectSuite : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
     home_ = new ScopedDataHome();
+    cache_ = new TemporaryDirectory();
     ProjectStore store;
     id_ = store.readManifest(makeSampleProject(store)).id.string();
   }
   static void TearDownTestSuite() {
+    delete cache_;
+    cache_ = nullptr;
     delete home_;
     home_ = nullptr;
   }
 
+  // The built program, with Mesa's shader cache and fontconfig's cache in a folder of the suite's
+  // own.
+  static ProcessResult vumo(const std::vector<std::string>& arguments) {
+    return runVumo(arguments, {{"XDG_CACHE_HOME", cache_->path().string()}});
+  }
+
+  // Previews an edit (`arguments` after `vumo`) and commits it with the words the preview returned.
+  static void commitPreviewed(const std::vector<std::string>& arguments) {
+    auto preview = vumo(arguments);
+    ASSERT_EQ(preview.status, 0) << preview.standardError;
+    std::vector<std::string> confirm = {"cli"};
+    const Json answer = Json::parse(preview.standardOutput);
+    for (const auto& word : answer["confirmationArguments"]) confirm.push_back(word);
+    auto committed = vumo(confirm);
+    ASSERT_EQ(committed.status, 0) << committed.standardError;
+  }
+
   static inline ScopedDataHome* home_ = nullptr;
+  static inline TemporaryDirectory* cache_ = nullptr;
   static inline std::string id_;
 };
 
