@@ -1,0 +1,1 @@
+#include "recording/recording_media_writing.h"
