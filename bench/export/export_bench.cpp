@@ -43,21 +43,27 @@ std::int64_t bitRate = 0;
 
 using vumo::bench::spawnAndWait;
 
+// Software H.264 unless `hardwareEncoder`, so that both sides of the ratio run the same encoder.
 void exportFilm(benchmark::State& state, double motionBlur,
-                vumo::ExportFrameConversion conversion = vumo::ExportFrameConversion::automatic) {
+                vumo::ExportFrameConversion conversion = vumo::ExportFrameConversion::automatic,
+                bool hardwareEncoder = false) {
   vumo::ProjectSnapshot blurred = snapshot;
   blurred.timeline.motionBlurAmount = motionBlur;
   vumo::ProjectExporter exporter(renderer);
   vumo::ExportStageTimes total;
   std::int64_t frames = 0;
+  std::string encoder;
   for (auto _ : state) {
     vumo::ExportStageTimes times;
     vumo::ProjectExportOptions options;
     options.stageTimes = &times;
     options.conversion = conversion;
+    options.allowHardwareEncoders = hardwareEncoder;
     try {
-      frames = exporter.exportProject(blurred, workFolder + "/film.mp4", vumo::ExportConfiguration{}, {}, {}, options)
-                   .frameCount;
+      vumo::ExportedFilm film =
+          exporter.exportProject(blurred, workFolder + "/film.mp4", vumo::ExportConfiguration{}, {}, {}, options);
+      frames = film.frameCount;
+      encoder = film.encoder;
     } catch (const std::exception& error) {
       state.SkipWithError(error.what());
       return;
@@ -77,6 +83,7 @@ void exportFilm(benchmark::State& state, double motionBlur,
   state.counters["encode_s"] = total.encodeSeconds / runs;
   state.counters["audio_s"] = total.audioSeconds / runs;
   state.counters["frames"] = double(frames);
+  state.SetLabel(encoder);
 }
 
 void BM_ExportWithoutMotionBlur(benchmark::State& state) { exportFilm(state, 0); }
@@ -89,6 +96,10 @@ void BM_ExportGpuConversion(benchmark::State& state) {
 }
 void BM_ExportGpuConversionWithoutOverlap(benchmark::State& state) {
   exportFilm(state, 0, vumo::ExportFrameConversion::gpu);
+}
+
+void BM_ExportHardwareEncoder(benchmark::State& state) {
+  exportFilm(state, 0, vumo::ExportFrameConversion::automatic, true);
 }
 
 void BM_FfmpegTranscode(benchmark::State& state) {
@@ -119,6 +130,7 @@ BENCHMARK(BM_ExportWithMotionBlur)->Unit(benchmark::kSecond)->Iterations(1)->Use
 BENCHMARK(BM_ExportGpuConversion)->Unit(benchmark::kSecond)->Iterations(1)->UseRealTime();
 BENCHMARK(BM_ExportSoftwareConversion)->Unit(benchmark::kSecond)->Iterations(1)->UseRealTime();
 BENCHMARK(BM_ExportGpuConversionWithoutOverlap)->Unit(benchmark::kSecond)->Iterations(1)->UseRealTime();
+BENCHMARK(BM_ExportHardwareEncoder)->Unit(benchmark::kSecond)->Iterations(1)->UseRealTime();
 
 int main(int argc, char** argv) {
   char pattern[] = "/tmp/vumo-export-bench-XXXXXX";
@@ -173,6 +185,12 @@ int main(int argc, char** argv) {
                                                   Clock::wall},
                                                  {"export read back frame by frame / ffmpeg transcode",
                                                   "BM_ExportGpuConversionWithoutOverlap",
+                                                  "BM_FfmpegTranscode",
+                                                  {},
+                                                  1.0,
+                                                  Clock::wall},
+                                                 {"export with a hardware encoder where one opens / ffmpeg transcode",
+                                                  "BM_ExportHardwareEncoder",
                                                   "BM_FfmpegTranscode",
                                                   {},
                                                   1.0,
