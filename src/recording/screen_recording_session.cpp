@@ -113,6 +113,7 @@ class RecordingSessionCore {
     return diagnosticNotes_;
   }
   const ProjectPackage& package() const { return package_; }
+  void drainCaptureQueue() { captureQueue_.waitUntilIdle(); }
 
  private:
   struct ScreenTiming {
@@ -833,6 +834,7 @@ void ScreenRecordingSession::fail(const std::string& reason) noexcept { core_->f
 void ScreenRecordingSession::setWebcamOverlay(const std::optional<WebcamOverlay>& overlay) {
   core_->setWebcamOverlay(overlay);
 }
+void ScreenRecordingSession::drainCaptureQueue() { core_->drainCaptureQueue(); }
 RecordingLiveStatus ScreenRecordingSession::liveStatus() const { return core_->liveStatus(); }
 RecordingMetrics ScreenRecordingSession::metrics() const { return core_->metrics(); }
 std::vector<std::string> ScreenRecordingSession::diagnosticNotes() const { return core_->diagnosticNotes(); }

@@ -101,6 +101,8 @@ class ScreenRecordingSession : public RecordingSession {
 
   // The interface may move the camera overlay while recording; the first timeline takes it.
   void setWebcamOverlay(const std::optional<WebcamOverlay>& overlay);
+  // Returns once every sample delivered so far has been handled by the capture thread.
+  void drainCaptureQueue();
   RecordingLiveStatus liveStatus() const;
   RecordingMetrics metrics() const;
   std::vector<std::string> diagnosticNotes() const;
