@@ -224,10 +224,6 @@ RecordingSessionCore::RecordingSessionCore(ProjectStore& store, CreatedProject p
       webcamOverlay_(settings_.webcamOverlay),
       lastKnownGlobalFrame_(source_.globalFrame) {
   if (!streams_.video) throw std::invalid_argument("a recording needs a video stream");
-  if (deviceSource_) {
-    streams_.pointer.reset();
-    streams_.cursorShapes.reset();
-  }
   if (!streams_.camera) streams_.cameraConfiguration.reset();
   if (!streams_.cameraConfiguration) streams_.camera.reset();
 
@@ -558,7 +554,8 @@ void RecordingSessionCore::startStreams() {
 
 void RecordingSessionCore::start() {
   startStreams();
-  if (streams_.pointer) {
+  // A device has no pointer of ours: whatever pointer streams came along stay unused.
+  if (streams_.pointer && !deviceSource_) {
     auto recorder = std::make_unique<MouseEventRecorder>(*streams_.pointer, clock_, geometryTracker_,
                                                          controlRegionStore_, [this](const MouseEvent& event) {
                                                            try {
@@ -582,7 +579,7 @@ void RecordingSessionCore::start() {
     }
     mouseRecorder_ = std::move(recorder);
   }
-  if (streams_.cursorShapes) {
+  if (streams_.cursorShapes && !deviceSource_) {
     cursorRecorder_ = std::make_unique<CursorShapeRecorder>(
         *streams_.cursorShapes, cursorAssetStore_, cursorShapeStore_,
         [this](const std::string& note) { addNote(note); },

@@ -120,7 +120,7 @@ class ScreenRecordingSession : public RecordingSession {
 class DeviceRecordingSession final : public ScreenRecordingSession {
  public:
   // The manifest's source must be of kind `device`; `streams.pointer` and `streams.cursorShapes`
-  // are ignored.
+  // stay unused.
   DeviceRecordingSession(ProjectStore& store, CreatedProject project, RecordingCaptureStreams streams,
                          const RecordingMediaWriterFactory& writerFactory, RecordingSessionSettings settings = {});
 };
