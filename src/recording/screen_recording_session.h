@@ -55,7 +55,8 @@ struct RecordingSessionSettings {
   std::chrono::milliseconds areaCheckInterval{1000};
   // Every live status update, throttled to 10 a second except for transport changes. Any thread.
   std::function<void(const RecordingLiveStatus&)> liveStatusHandler;
-  // The text of the first fatal error, once, from any thread. The owner answers with `fail`.
+  // The text of the first fatal error, once, from any thread (a stream's, the capture thread, the
+  // monitor). The owner answers with `fail` from its own thread, never from inside the handler.
   std::function<void(const std::string&)> failureHandler;
   // Screen frames waiting for the capture thread beyond this many are dropped and counted: a
   // stalled writer shows up as drops, never as a blocked capture.

@@ -3,6 +3,7 @@
 #include <exception>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -27,6 +28,8 @@ struct FakeWriterLog {
   // Thrown by the appends of the video frames with these positions (0 for the first frame).
   std::vector<std::pair<std::size_t, std::exception_ptr>> videoFailures;
   std::int64_t writerDroppedVideoFrames = 0;
+  // Runs on the capture thread before each video frame is taken, outside the log's lock.
+  std::function<void()> beforeVideoAppend;
 
   std::vector<std::int64_t> video() {
     std::lock_guard guard(mutex);
@@ -45,6 +48,7 @@ class FakeMediaWriter : public RecordingMediaWriting {
       : log_(std::move(log)), movie_(std::move(movie)) {}
 
   void appendVideo(const VideoFrame& frame, std::int64_t output) override {
+    if (log_->beforeVideoAppend) log_->beforeVideoAppend();
     std::lock_guard guard(log_->mutex);
     std::size_t position = attempts_++;
     for (const auto& [failing, error] : log_->videoFailures)

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
+#include <future>
 #include <mutex>
 #include <thread>
 
@@ -431,6 +432,30 @@ TEST(ScreenRecordingSession, AMovedWindowIsANewGeometryAndAClosedOneKeepsItsLast
   EXPECT_EQ(result.snapshot.geometry[1].time, ProjectTime{4 * interval});
   EXPECT_EQ(result.snapshot.geometry[1].globalWindowFrame, (RectValue{50, 10, 320, 180}));
   EXPECT_EQ(result.snapshot.manifest.metrics.geometryRevisions, 2);
+}
+
+TEST(ScreenRecordingSession, AStalledWriterCostsDroppedFramesNotABlockedStream) {
+  SessionFixture f({.adjust = [](RecordingSessionSettings& settings) { settings.maximumPendingFrames = 5; }});
+  std::promise<void> writerBusy;
+  std::promise<void> release;
+  std::shared_future<void> released = release.get_future().share();
+  bool first = true;
+  f.log->beforeVideoAppend = [&] {
+    if (!std::exchange(first, false)) return;
+    writerBusy.set_value();
+    released.wait();
+  };
+  f.session->start();
+  f.video->emitFrames(1);
+  writerBusy.get_future().wait();
+  f.video->emitFrames(9);  // five wait for the capture thread, four are dropped at once
+  EXPECT_EQ(f.session->metrics().droppedVideoFrames, 4);
+  release.set_value();
+  RecordingSessionResult result = f.session->stop();
+  EXPECT_EQ(result.snapshot.manifest.metrics.videoFrames, 6);
+  EXPECT_EQ(result.snapshot.manifest.metrics.droppedVideoFrames, 4);
+  std::vector<std::int64_t> written = {0, 1, 2, 3, 4, 5};
+  EXPECT_EQ(f.log->videoFrameNumbers, written);
 }
 
 TEST(ScreenRecordingSession, AStreamThatEndsByItselfIsFatal) {
