@@ -81,12 +81,12 @@ ProjectTime cursorTime(const CursorShapeSample& sample) { return sample.time; }
 
 }  // namespace
 
-// Everything of a recording session; the two session classes only choose the source mode.
+// Everything of a recording session. A device source differs only in its geometry and in having
+// no pointer of its own.
 class RecordingSessionCore {
  public:
   RecordingSessionCore(ProjectStore& store, CreatedProject project, RecordingCaptureStreams streams,
-                       const RecordingMediaWriterFactory& writerFactory, RecordingSessionSettings settings,
-                       bool deviceSource);
+                       const RecordingMediaWriterFactory& writerFactory, RecordingSessionSettings settings);
   ~RecordingSessionCore();
 
   void start();
@@ -183,6 +183,7 @@ class RecordingSessionCore {
   std::unique_ptr<CursorShapeRecorder> cursorRecorder_;
   std::jthread cursorShapeTask_;
   std::jthread areaMonitorTask_;
+  bool started_ = false;
   bool streamsRunning_ = false;
   bool cameraRunning_ = false;
   bool ended_ = false;
@@ -203,13 +204,13 @@ class RecordingSessionCore {
 
 RecordingSessionCore::RecordingSessionCore(ProjectStore& store, CreatedProject project, RecordingCaptureStreams streams,
                                            const RecordingMediaWriterFactory& writerFactory,
-                                           RecordingSessionSettings settings, bool deviceSource)
+                                           RecordingSessionSettings settings)
     : store_(store),
       package_(std::move(project.package)),
       manifest_(std::move(project.manifest)),
       source_(manifest_.source),
       options_(manifest_.options),
-      deviceSource_(deviceSource),
+      deviceSource_(source_.kind == CaptureSourceKind::device),
       settings_(std::move(settings)),
       streams_(std::move(streams)),
       controlRegionStore_(settings_.controlRegionStore ? *settings_.controlRegionStore
@@ -553,6 +554,8 @@ void RecordingSessionCore::startStreams() {
 }
 
 void RecordingSessionCore::start() {
+  if (started_) throw std::logic_error("a recording session starts once");
+  started_ = true;
   startStreams();
   // A device has no pointer of ours: whatever pointer streams came along stay unused.
   if (streams_.pointer && !deviceSource_) {
@@ -799,7 +802,7 @@ ScreenRecordingSession::ScreenRecordingSession(ProjectStore& store, CreatedProje
                                                const RecordingMediaWriterFactory& writerFactory,
                                                RecordingSessionSettings settings)
     : core_(std::make_unique<RecordingSessionCore>(store, std::move(project), std::move(streams), writerFactory,
-                                                   std::move(settings), false)) {}
+                                                   std::move(settings))) {}
 
 ScreenRecordingSession::ScreenRecordingSession(std::unique_ptr<RecordingSessionCore> core) : core_(std::move(core)) {}
 
@@ -816,10 +819,18 @@ std::unique_ptr<ScreenRecordingSession> ScreenRecordingSession::create(
     webcam = RecordingWebcamConfiguration{c.deviceID, c.deviceName, c.pixelSize, c.framesPerSecond};
   }
   CreatedProject project = store.createProject(source, options, streams.video->pixelSize(), microphone, webcam);
-  bool device = source.kind == CaptureSourceKind::device;
-  auto core = std::make_unique<RecordingSessionCore>(store, std::move(project), std::move(streams), writerFactory,
-                                                     std::move(settings), device);
-  return std::unique_ptr<ScreenRecordingSession>(new ScreenRecordingSession(std::move(core)));
+  ProjectPackage package = project.package;
+  try {
+    return std::make_unique<ScreenRecordingSession>(store, std::move(project), std::move(streams), writerFactory,
+                                                    std::move(settings));
+  } catch (...) {
+    // A writer that cannot open leaves nothing to recover: the package goes again.
+    try {
+      store.discardRecording(package);
+    } catch (...) {
+    }
+    throw;
+  }
 }
 
 void ScreenRecordingSession::start() { core_->start(); }
@@ -852,6 +863,6 @@ DeviceRecordingSession::DeviceRecordingSession(ProjectStore& store, CreatedProje
                                                const RecordingMediaWriterFactory& writerFactory,
                                                RecordingSessionSettings settings)
     : ScreenRecordingSession(std::make_unique<RecordingSessionCore>(
-          store, requireDevice(std::move(project)), std::move(streams), writerFactory, std::move(settings), true)) {}
+          store, requireDevice(std::move(project)), std::move(streams), writerFactory, std::move(settings))) {}
 
 }  // namespace vumo

@@ -80,13 +80,17 @@ struct RecordingSessionSettings {
 class ScreenRecordingSession : public RecordingSession {
  public:
   // `project` is the package that `store.createProject` made for this recording, with the source
-  // and options in its manifest. The store must outlive the session and is used on the owner's
+  // and options in its manifest; a source of kind `device` is recorded as DeviceRecordingSession
+  // says. The store must outlive the session and is used on the owner's
   // thread only (stop, discard, fail).
   ScreenRecordingSession(ProjectStore& store, CreatedProject project, RecordingCaptureStreams streams,
                          const RecordingMediaWriterFactory& writerFactory, RecordingSessionSettings settings = {});
+  // Dropped without stop, discard or fail, it stops the streams and leaves the package as a crash
+  // would, for recovery.
   ~ScreenRecordingSession() override;
 
-  // Creates the package (encoded at the video stream's size) and the session over it.
+  // Creates the package (encoded at the video stream's size) and the session over it; a session
+  // that cannot be made (the writer did not open) takes the new package away again.
   static std::unique_ptr<ScreenRecordingSession> create(
       ProjectStore& store, const CaptureSourceDescriptor& source, const RecordingOptions& options,
       RecordingCaptureStreams streams, const RecordingMediaWriterFactory& writerFactory,

@@ -483,6 +483,23 @@ TEST(ScreenRecordingSession, AFailedStartLeavesNothingRunning) {
   }
 }
 
+TEST(ScreenRecordingSession, AWriterThatCannotOpenTakesTheNewPackageAway) {
+  testing::ScopedDataHome home;
+  ProjectStore store;
+  RecordingCaptureStreams streams;
+  streams.video = std::make_unique<SyntheticVideoStream>(PixelSize{320, 180}, 30);
+  auto failingFactory = [](const RecordingWriterConfiguration&) -> std::unique_ptr<RecordingMediaWriting> {
+    throw std::runtime_error("no encoder");
+  };
+  EXPECT_THROW(ScreenRecordingSession::create(store, displaySource(), thirtyFramesWithAudio(), std::move(streams),
+                                              failingFactory),
+               std::runtime_error);
+  std::size_t entries = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(store.projectsDirectoryPath()))
+    if (entry.path().filename().string()[0] != '.') ++entries;
+  EXPECT_EQ(entries, 0u);
+}
+
 TEST(DeviceRecordingSession, RecordsTheDevicePictureWithoutPointer) {
   CaptureSourceDescriptor device;
   device.kind = CaptureSourceKind::device;
