@@ -72,6 +72,18 @@ class ChunkStore {
     if (buffer_.size() >= maximumCount_ || spanReached) scheduleCommitLocked();
   }
 
+  // Called as a recording's clock advances, so that a quiet stream still reaches the disk: raises
+  // a latched write failure, and hands the buffered records to the I/O thread once `now` is
+  // `maximumSpan` past the first of them. Never waits for the disk.
+  void commitIfDue(ProjectTime now) {
+    std::lock_guard guard(lock_);
+    if (writeError_) std::rethrow_exception(writeError_);
+    if (!firstTime_) return;
+    std::int64_t age = 0;
+    if (!trySub(now.nanoseconds, firstTime_->nanoseconds, age) || age >= maximumSpanNanoseconds_)
+      scheduleCommitLocked();
+  }
+
   // Writes out what is buffered and waits until every chunk so far is on disk.
   void flush() {
     {
