@@ -15,14 +15,6 @@ namespace vumo {
 
 namespace {
 
-sigset_t cancellationSignals() {
-  sigset_t set;
-  sigemptyset(&set);
-  sigaddset(&set, SIGINT);
-  sigaddset(&set, SIGTERM);
-  return set;
-}
-
 void closeIfOpen(int& fd) {
   if (fd >= 0) ::close(fd);
   fd = -1;
@@ -30,8 +22,11 @@ void closeIfOpen(int& fd) {
 
 }  // namespace
 
-SignalCancellation::SignalCancellation() {
-  const sigset_t set = cancellationSignals();
+SignalWatcher::SignalWatcher(std::initializer_list<int> signalNumbers, std::function<void(int)> handler)
+    : handler_(std::move(handler)) {
+  sigset_t set;
+  sigemptyset(&set);
+  for (int number : signalNumbers) sigaddset(&set, number);
   signals_ = ::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
   finished_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   if (signals_ < 0 || finished_ < 0) {
@@ -55,8 +50,8 @@ SignalCancellation::SignalCancellation() {
         if (waits[0].revents & POLLIN) {
           signalfd_siginfo info;
           while (::read(signals_, &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
+            handler_(static_cast<int>(info.ssi_signo));
           }
-          source_.request_stop();
         }
         if (waits[1].revents != 0) return;
       }
@@ -68,7 +63,7 @@ SignalCancellation::SignalCancellation() {
   }
 }
 
-SignalCancellation::~SignalCancellation() {
+SignalWatcher::~SignalWatcher() {
   if (watcher_.joinable()) {
     const std::uint64_t one = 1;
     ssize_t written;
@@ -79,8 +74,6 @@ SignalCancellation::~SignalCancellation() {
   }
   closeIfOpen(signals_);
   closeIfOpen(finished_);
-  // The signals stay blocked: one that arrives now, after the command finished, must not kill the
-  // process while it writes its answer and exits.
 }
 
 }  // namespace vumo

@@ -36,6 +36,11 @@ const std::string& VerbArguments::value() {
   return words_[++index_];
 }
 
+std::optional<std::string> VerbArguments::optionalValue() {
+  if (index_ + 1 >= words_.size() || words_[index_ + 1].starts_with("--")) return std::nullopt;
+  return words_[++index_];
+}
+
 const std::string& VerbArguments::projectID() const {
   if (projectID_.empty()) throw CLIArgumentError::missingValue("<id-prefix>");
   return projectID_;

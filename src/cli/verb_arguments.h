@@ -4,6 +4,7 @@
 // each option means; this reads them in order and refuses what no verb accepts.
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -21,8 +22,13 @@ class VerbArguments {
   const std::string& option() const { return words_[index_]; }
   // The word after the current option, consumed; CLIArgumentError::missingValue at the end.
   const std::string& value();
+  // The word after the current option when it is no option itself, consumed; none otherwise
+  // (`--microphone` alone means the default source, `--microphone NAME` a chosen one).
+  std::optional<std::string> optionalValue();
   // The id prefix; CLIArgumentError::missingValue("<id-prefix>") when none was given.
   const std::string& projectID() const;
+  // For a verb that takes no project, where a bare word is a mistake.
+  bool hasProjectID() const { return !projectID_.empty(); }
 
  private:
   const std::vector<std::string>& words_;

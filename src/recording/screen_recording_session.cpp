@@ -104,6 +104,8 @@ class RecordingSessionCore {
     std::lock_guard guard(liveStatusLock_);
     return liveStatus_;
   }
+  bool hasFirstFrame() const { return clock_.isStarted(); }
+  std::int64_t framesHandedOver() const { return framesHandedOver_.load(std::memory_order_relaxed); }
   RecordingMetrics metrics() const {
     std::lock_guard guard(metricsLock_);
     return metrics_;
@@ -158,6 +160,7 @@ class RecordingSessionCore {
   RecordingControlRegionStore& controlRegionStore_;
 
   RecordingClock clock_;
+  std::atomic<std::int64_t> framesHandedOver_{0};
   GeometryTracker geometryTracker_;
   ChunkStore<MouseEvent> eventStore_;
   ChunkStore<GeometrySample> geometryStore_;
@@ -390,6 +393,7 @@ void RecordingSessionCore::processScreen(const VideoFrame& frame) {
 
   // Retiming hands the writer the output time; the pixels are never copied.
   mediaWriter_->appendVideo(frame, timing->outputPTS);
+  framesHandedOver_.fetch_add(1, std::memory_order_relaxed);
   lastOutputScreenPTS_ = timing->outputPTS;
 
   ProjectTime elapsed = *time;
@@ -845,6 +849,8 @@ void ScreenRecordingSession::setWebcamOverlay(const std::optional<WebcamOverlay>
 void ScreenRecordingSession::drainCaptureQueue() { core_->drainCaptureQueue(); }
 RecordingLiveStatus ScreenRecordingSession::liveStatus() const { return core_->liveStatus(); }
 RecordingMetrics ScreenRecordingSession::metrics() const { return core_->metrics(); }
+bool ScreenRecordingSession::hasFirstFrame() const { return core_->hasFirstFrame(); }
+std::int64_t ScreenRecordingSession::framesHandedOver() const { return core_->framesHandedOver(); }
 std::vector<std::string> ScreenRecordingSession::diagnosticNotes() const { return core_->diagnosticNotes(); }
 const ProjectPackage& ScreenRecordingSession::package() const { return core_->package(); }
 

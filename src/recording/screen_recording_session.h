@@ -110,6 +110,11 @@ class ScreenRecordingSession : public RecordingSession {
   void drainCaptureQueue();
   RecordingLiveStatus liveStatus() const;
   RecordingMetrics metrics() const;
+  // Whether a frame has reached the writer: before it, ending the recording leaves nothing worth
+  // keeping.
+  bool hasFirstFrame() const;
+  // Frames given to the writer so far (the writer may still drop some when it is behind).
+  std::int64_t framesHandedOver() const;
   std::vector<std::string> diagnosticNotes() const;
   const ProjectPackage& package() const;
 
