@@ -198,6 +198,8 @@ struct RecordingMediaWriter::State {
   bool stopping = false;  // drain what is queued, flush the encoders, end
   bool discarding = false;
   bool held = false;
+  bool busy = false;  // the encoder thread works on items it took
+  std::condition_variable idle;
   std::optional<std::string> encoderFailure;
   std::atomic<bool> failed{false};
   std::thread encoderThread;
@@ -370,9 +372,12 @@ struct RecordingMediaWriter::State {
     const int produced = swr_convert(track.resampler.get(), output, capacity, input, inputCount);
     if (produced < 0) failEncoding(describeLibavError(produced));
 
-    // The first sample's place on the file's timeline; the track starts with the file, so what
-    // lies before the first buffer is silence and what lies before the file is cut.
-    const std::int64_t position = av_rescale(item.relativeNanoseconds, audioSampleRate, nanosecondsPerSecond);
+    // The first sample's place in the track, which starts with the file: what lies before the
+    // first buffer is silence, and what lies before the file is cut.
+    // The encoder's priming samples come first in the track and decode as sound; the samples
+    // handed in are placed after them, so that a decoded sample's index is its time in the file.
+    const std::int64_t position =
+        av_rescale(item.relativeNanoseconds, audioSampleRate, nanosecondsPerSecond) - track.encoder->initial_padding;
     std::int64_t expected = track.nextPosition.value_or(0);
     std::int64_t skip = 0;
     if (!track.nextPosition || std::abs(position - expected) > audioResyncSamples) {
@@ -416,7 +421,8 @@ struct RecordingMediaWriter::State {
       track.frame->nb_samples = count;
       if (av_audio_fifo_read(track.fifo.get(), reinterpret_cast<void**>(track.frame->data), count) < count)
         failEncoding("the audio queue could not be read");
-      track.frame->pts = track.sentSamples;
+      // Less the priming, which the encoder takes off again: the first packet is at 0.
+      track.frame->pts = track.sentSamples + track.encoder->initial_padding;
       track.sentSamples += count;
       write(track.encoder.get(), track.stream, track.frame.get());
     }
@@ -476,6 +482,7 @@ struct RecordingMediaWriter::State {
           camera = std::move(webcamQueue.front());
           webcamQueue.pop_front();
         }
+        busy = true;
         finishing = stopping && videoQueue.empty() && webcamQueue.empty() && systemAudioQueue.empty() &&
                     microphoneQueue.empty();
       }
@@ -491,6 +498,11 @@ struct RecordingMediaWriter::State {
           flushed = true;
           return;
         }
+        {
+          std::lock_guard lock(mutex);
+          busy = false;
+        }
+        idle.notify_all();
       } catch (const EncodingFailure& failure) {
         recordFailure(failure.text);
         return;
@@ -502,13 +514,17 @@ struct RecordingMediaWriter::State {
   }
 
   void recordFailure(std::string text) {
-    std::lock_guard lock(mutex);
-    encoderFailure = std::move(text);
-    failed = true;
-    videoQueue.clear();
-    webcamQueue.clear();
-    systemAudioQueue.clear();
-    microphoneQueue.clear();
+    {
+      std::lock_guard lock(mutex);
+      encoderFailure = std::move(text);
+      failed = true;
+      busy = false;
+      videoQueue.clear();
+      webcamQueue.clear();
+      systemAudioQueue.clear();
+      microphoneQueue.clear();
+    }
+    idle.notify_all();
   }
 
   void stopEncoder(bool discard) {
@@ -724,6 +740,16 @@ void RecordingMediaWriter::cancel() {
 }
 
 std::string RecordingMediaWriter::videoEncoderName() const { return state_->screen.encoder.name; }
+
+void RecordingMediaWriter::waitUntilEncodedForTesting() {
+  State& s = *state_;
+  std::unique_lock lock(s.mutex);
+  s.idle.wait(lock, [&s] {
+    return s.encoderFailure || s.discarding || s.stopping ||
+           (!s.busy && s.videoQueue.empty() && s.webcamQueue.empty() && s.systemAudioQueue.empty() &&
+            s.microphoneQueue.empty());
+  });
+}
 
 void RecordingMediaWriter::holdEncoderForTesting(bool held) {
   {

@@ -85,6 +85,8 @@ class RecordingMediaWriter final : public RecordingMediaWriting {
   // Test seam: holds the encoder thread before it takes the next item until released, so that a
   // test can fill the queues deterministically.
   void holdEncoderForTesting(bool held);
+  // Test seam: returns once the encoder thread has written everything queued so far.
+  void waitUntilEncodedForTesting();
 
  private:
   struct State;
