@@ -442,6 +442,7 @@ struct RecordingMediaWriter::State {
   }
 
   void flushEncoders() {
+    if (format->pb == nullptr) return;  // no screen frame ever came: there is no file
     write(screen.encoder.context.get(), screen.stream, nullptr);
     if (webcam) write(webcam->encoder.context.get(), webcam->stream, nullptr);
     for (AudioTrack* track : {systemAudio ? &*systemAudio : nullptr, microphone ? &*microphone : nullptr}) {
