@@ -38,8 +38,8 @@ struct Planes {
       v[i] = static_cast<std::uint8_t>(192 - i % 128);
     }
   }
-  VideoFrame frame() const {
-    VideoFrame f;
+  DecodedVideoFrame frame() const {
+    DecodedVideoFrame f;
     f.width = width;
     f.height = height;
     f.planeCount = 3;

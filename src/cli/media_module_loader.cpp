@@ -21,7 +21,9 @@ const MediaModule& MediaModuleLoader::loadFrom(const std::filesystem::path& file
   const MediaModule* module = entry();
   if (module == nullptr || module->interfaceVersion != MediaModule::currentInterfaceVersion ||
       module->makeWaveformService == nullptr || module->exportCaptionAudio == nullptr ||
-      module->makeStillRenderer == nullptr || module->makeExporter == nullptr)
+      module->makeStillRenderer == nullptr || module->makeExporter == nullptr ||
+      module->makeRecordingMediaWriter == nullptr || module->listVideoDevices == nullptr ||
+      module->makeVideoDeviceStream == nullptr)
     throw MediaModuleError::unavailable(file.string() + " was built for another version of Vumo");
   return *module;
 }

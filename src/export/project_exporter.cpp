@@ -6,13 +6,10 @@ extern "C" {
 #include <libavutil/channel_layout.h>
 #include <libavutil/error.h>
 #include <libavutil/frame.h>
-#include <libavutil/hwcontext.h>
-#include <libavutil/opt.h>
 #include <libswscale/swscale.h>
 }
 
 #include <fmt/format.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -30,6 +27,7 @@ extern "C" {
 #include "media/project_frame_source.h"
 #include "media/sequence_audio_reader.h"
 #include "media/timeline_composition.h"
+#include "media/video_encoder.h"
 #include "scene/scene_evaluator.h"
 #include "shared/cancellation.h"
 
@@ -65,123 +63,21 @@ FramePtr allocateFrame() {
   return frame;
 }
 
-// The film's encoder settings for one codec implementation; none when the implementation refuses
-// them (or, for a hardware one, when there is no device behind it). `hardwareFrames`: the surfaces
-// a VAAPI encoder takes its frames in.
-CodecContextPtr openVideoEncoder(const AVCodec* codec, PixelSize size, int framesPerSecond, std::int64_t bitRate,
-                                 bool hevc, bool globalHeader, AVBufferRef* hardwareFrames = nullptr) {
-  CodecContextPtr context(avcodec_alloc_context3(codec));
-  if (!context) return nullptr;
-  context->width = static_cast<int>(size.width);
-  context->height = static_cast<int>(size.height);
-  context->time_base = AVRational{1, framesPerSecond};
-  context->framerate = AVRational{framesPerSecond, 1};
-  context->sample_aspect_ratio = AVRational{1, 1};
-  context->pix_fmt = AV_PIX_FMT_YUV420P;
-  if (hardwareFrames != nullptr) {
-    context->pix_fmt = AV_PIX_FMT_VAAPI;
-    context->hw_frames_ctx = av_buffer_ref(hardwareFrames);
-    if (context->hw_frames_ctx == nullptr) return nullptr;
-  }
-  context->bit_rate = bitRate;
-  // A keyframe at least every 2 seconds, so seeking in a player never decodes far; no B-frames,
-  // so decode order is presentation order.
-  context->gop_size = 2 * framesPerSecond;
-  context->max_b_frames = 0;
-  context->color_primaries = AVCOL_PRI_BT709;
-  context->color_trc = AVCOL_TRC_BT709;
-  context->colorspace = AVCOL_SPC_BT709;
-  context->color_range = AVCOL_RANGE_MPEG;
-  context->thread_count = 0;
-  if (globalHeader) context->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
-  const std::string_view name = codec->name;
-  if (name == "libx264") {
-    av_opt_set(context->priv_data, "preset", "veryfast", 0);
-    av_opt_set(context->priv_data, "profile", "high", 0);
-  } else if (name == "libx265") {
-    av_opt_set(context->priv_data, "preset", "veryfast", 0);
-    av_opt_set(context->priv_data, "profile", "main", 0);
-    av_opt_set(context->priv_data, "x265-params", "log-level=error:bframes=0", 0);
-  } else {
-    av_opt_set(context->priv_data, "profile", hevc ? "main" : "high", 0);
-  }
-  if (avcodec_open2(context.get(), codec, nullptr) < 0) return nullptr;
-  return context;
-}
-
-struct VideoEncoder {
-  CodecContextPtr context;
-  std::string name;
-  BufferRefPtr hardwareFrames;  // VAAPI only: the surfaces each frame is uploaded to
-};
-
-// Copies a frame of the film's planes into a surface of `hardwareFrames`; false when the device
-// refuses.
-bool uploadFrame(AVBufferRef* hardwareFrames, const AVFrame* frame, FramePtr& surface) {
-  surface = allocateFrame();
-  if (av_hwframe_get_buffer(hardwareFrames, surface.get(), 0) < 0) return false;
-  if (av_hwframe_transfer_data(surface.get(), frame, 0) < 0) return false;
-  return av_frame_copy_props(surface.get(), frame) >= 0;
-}
-
-// A VAAPI encoder on the render node `device`, or none. A path that is not a character device is
-// refused before libva is asked, so a machine without one pays nothing; a device whose surfaces do
-// not take the film's planes is refused at once too, rather than on the first frame.
-std::optional<VideoEncoder> openVaapiEncoder(const std::filesystem::path& device,
-                                             const ResolvedExportConfiguration& resolved, PixelSize size,
-                                             bool globalHeader) {
-  struct stat information {};
-  if (device.empty() || ::stat(device.c_str(), &information) != 0 || !S_ISCHR(information.st_mode)) return std::nullopt;
-  const bool hevc = resolved.codec == ExportCodec::hevc;
-  const AVCodec* codec = avcodec_find_encoder_by_name(hevc ? "hevc_vaapi" : "h264_vaapi");
-  if (codec == nullptr) return std::nullopt;
-  AVBufferRef* rawDevice = nullptr;
-  if (av_hwdevice_ctx_create(&rawDevice, AV_HWDEVICE_TYPE_VAAPI, device.c_str(), nullptr, 0) < 0 ||
-      rawDevice == nullptr)
-    return std::nullopt;
-  const BufferRefPtr deviceContext(rawDevice);
-  BufferRefPtr frames(av_hwframe_ctx_alloc(deviceContext.get()));
-  if (!frames) return std::nullopt;
-  auto* framesContext = reinterpret_cast<AVHWFramesContext*>(frames->data);
-  framesContext->format = AV_PIX_FMT_VAAPI;
-  framesContext->sw_format = AV_PIX_FMT_NV12;
-  framesContext->width = static_cast<int>(size.width);
-  framesContext->height = static_cast<int>(size.height);
-  framesContext->initial_pool_size = 16;
-  if (av_hwframe_ctx_init(frames.get()) < 0) return std::nullopt;
-
-  FramePtr probe = allocateFrame();
-  probe->format = AV_PIX_FMT_YUV420P;
-  probe->width = framesContext->width;
-  probe->height = framesContext->height;
-  if (av_frame_get_buffer(probe.get(), 0) < 0) return std::nullopt;
-  FramePtr surface;
-  if (!uploadFrame(frames.get(), probe.get(), surface)) return std::nullopt;
-  surface.reset();
-
-  auto context =
-      openVideoEncoder(codec, size, resolved.framesPerSecond, resolved.bitRate, hevc, globalHeader, frames.get());
-  if (!context) return std::nullopt;
-  return VideoEncoder{std::move(context), codec->name, std::move(frames)};
-}
-
 // A hardware encoder only where opening one works (VAAPI, then NVENC); otherwise the software
 // encoder, whose refusal means the settings themselves cannot be written.
 VideoEncoder openVideoEncoder(const ResolvedExportConfiguration& resolved, PixelSize size, bool globalHeader,
                               bool allowHardware, const std::filesystem::path& vaapiDevice) {
-  const bool hevc = resolved.codec == ExportCodec::hevc;
-  if (allowHardware) {
-    if (auto encoder = openVaapiEncoder(vaapiDevice, resolved, size, globalHeader)) return std::move(*encoder);
-    if (const AVCodec* codec = avcodec_find_encoder_by_name(hevc ? "hevc_nvenc" : "h264_nvenc")) {
-      if (auto context = openVideoEncoder(codec, size, resolved.framesPerSecond, resolved.bitRate, hevc, globalHeader))
-        return {std::move(context), codec->name, nullptr};
-    }
-  }
-  const AVCodec* codec = avcodec_find_encoder_by_name(hevc ? "libx265" : "libx264");
-  if (codec == nullptr) fail(ExporterCase::unsupportedSettings);
-  auto context = openVideoEncoder(codec, size, resolved.framesPerSecond, resolved.bitRate, hevc, globalHeader);
-  if (!context) fail(ExporterCase::unsupportedSettings);
-  return {std::move(context), codec->name, nullptr};
+  VideoEncoderSettings settings;
+  settings.hevc = resolved.codec == ExportCodec::hevc;
+  settings.size = size;
+  settings.framesPerSecond = resolved.framesPerSecond;
+  settings.bitRate = resolved.bitRate;
+  settings.globalHeader = globalHeader;
+  settings.allowHardware = allowHardware;
+  settings.vaapiDevice = vaapiDevice;
+  auto encoder = media_detail::openVideoEncoder(settings);
+  if (!encoder) fail(ExporterCase::unsupportedSettings);
+  return std::move(*encoder);
 }
 
 CodecContextPtr openAudioEncoder(bool globalHeader) {
@@ -270,18 +166,7 @@ class FilmWriter {
   const std::string& encoderName() const { return video_.name; }
 
   // An empty frame of the film's planes, for the GPU's conversion to fill.
-  FramePtr newVideoFrame() const {
-    FramePtr frame = allocateFrame();
-    frame->format = AV_PIX_FMT_YUV420P;
-    frame->width = static_cast<int>(size_.width);
-    frame->height = static_cast<int>(size_.height);
-    frame->color_primaries = AVCOL_PRI_BT709;
-    frame->color_trc = AVCOL_TRC_BT709;
-    frame->colorspace = AVCOL_SPC_BT709;
-    frame->color_range = AVCOL_RANGE_MPEG;
-    if (av_frame_get_buffer(frame.get(), 0) < 0) throw std::bad_alloc();
-    return frame;
-  }
+  FramePtr newVideoFrame() const { return newYuvFrame(size_); }
   int audioFrameSamples() const {
     const int size = audio_ ? audio_->frame_size : 0;
     return size > 0 ? size : 1024;

@@ -8,6 +8,7 @@
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
+#include <libavutil/audio_fifo.h>
 #include <libavutil/error.h>
 #include <libavutil/frame.h>
 #include <libavutil/mem.h>
@@ -49,6 +50,9 @@ struct AVBufferDeleter {
 struct BufferRefDeleter {
   void operator()(AVBufferRef* buffer) const { av_buffer_unref(&buffer); }
 };
+struct AudioFifoDeleter {
+  void operator()(AVAudioFifo* fifo) const { av_audio_fifo_free(fifo); }
+};
 struct ScalerDeleter {
   void operator()(SwsContext* scaler) const { sws_freeContext(scaler); }
 };
@@ -68,6 +72,7 @@ using IOContextPtr = std::unique_ptr<AVIOContext, IOContextDeleter>;
 using InputFormatPtr = std::unique_ptr<AVFormatContext, InputFormatDeleter>;
 using AVBufferPtr = std::unique_ptr<std::uint8_t, AVBufferDeleter>;
 using BufferRefPtr = std::unique_ptr<AVBufferRef, BufferRefDeleter>;
+using AudioFifoPtr = std::unique_ptr<AVAudioFifo, AudioFifoDeleter>;
 using ScalerPtr = std::unique_ptr<SwsContext, ScalerDeleter>;
 using OutputFormatPtr = std::unique_ptr<AVFormatContext, OutputFormatDeleter>;
 

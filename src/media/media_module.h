@@ -13,10 +13,13 @@
 #include <optional>
 #include <stop_token>
 #include <string>
+#include <vector>
 
 #include "media/still_image.h"
+#include "media/video_device_stream.h"
 #include "media/waveform_service.h"
 #include "project/project_snapshot.h"
+#include "recording/recording_media_writing.h"
 #include "shared/geometry.h"
 #include "shared/media_track_kind.h"
 #include "shared/project_time.h"
@@ -79,7 +82,7 @@ class ProjectExporting {
 struct MediaModule {
   // Raised whenever a member changes meaning, so a program never calls into an engine built for
   // another one.
-  static constexpr int currentInterfaceVersion = 3;
+  static constexpr int currentInterfaceVersion = 4;
   static constexpr const char* fileName = "vumo-media.so";
   static constexpr const char* entryPointName = "vumoMediaModule";
 
@@ -91,6 +94,12 @@ struct MediaModule {
   std::shared_ptr<ProjectStillRendering> (*makeStillRenderer)() = nullptr;
   // Creates the GPU context and the renderer on it; throws RenderingContextError.
   std::shared_ptr<ProjectExporting> (*makeExporter)() = nullptr;
+  // The movie of a recording; throws RecordingMediaWriterError or FileError.
+  std::unique_ptr<RecordingMediaWriting> (*makeRecordingMediaWriter)(const RecordingWriterConfiguration&) = nullptr;
+  // The cameras and capture devices under /dev.
+  std::vector<VideoDeviceDescription> (*listVideoDevices)() = nullptr;
+  // Throws VideoDeviceError.
+  std::unique_ptr<VideoCaptureStream> (*makeVideoDeviceStream)(const VideoDeviceRequest&) = nullptr;
 };
 
 using MediaModuleEntryPoint = const MediaModule* (*)();

@@ -16,9 +16,9 @@ namespace vumo {
 
 struct ProjectFrames {
   ProjectTime sequenceTime;
-  std::optional<VideoFrame> screen;      // none in a hole of the screen track
-  std::optional<VideoFrame> camera;      // none without camera media or in a hole of its track
-  std::optional<VideoFrame> background;  // the wallpaper's frame when the canvas shows a video
+  std::optional<DecodedVideoFrame> screen;      // none in a hole of the screen track
+  std::optional<DecodedVideoFrame> camera;      // none without camera media or in a hole of its track
+  std::optional<DecodedVideoFrame> background;  // the wallpaper's frame when the canvas shows a video
 };
 
 // Not copyable; use from one thread at a time. Asking for increasing times decodes forward.

@@ -76,7 +76,7 @@ struct SequenceVideoReader::State {
   // The lowest source time `current` answers for: its own time, or an earlier one that a seek
   // landed after (before the stream's first frame).
   std::int64_t currentCoversFrom = 0;
-  std::optional<VideoFrame> currentPicture;  // `current` as delivered, once converted
+  std::optional<DecodedVideoFrame> currentPicture;  // `current` as delivered, once converted
 
   ScalerPtr scaler;
 
@@ -88,7 +88,7 @@ struct SequenceVideoReader::State {
   std::optional<std::int64_t> keyframeTicksAtOrBefore(std::int64_t ticks) const;
   std::optional<TimedFrame> decodeNext(const std::optional<TimedFrame>& previous);
   void feed();
-  VideoFrame picture(const TimedFrame& timed);
+  DecodedVideoFrame picture(const TimedFrame& timed);
   std::shared_ptr<AVFrame> toYuv420p(const AVFrame& source, VideoColorMatrix matrix, bool fullRange);
 };
 
@@ -130,7 +130,7 @@ SequenceVideoReader::~SequenceVideoReader() = default;
 
 std::int64_t SequenceVideoReader::seekCount() const { return state_->seekCount; }
 
-std::optional<VideoFrame> SequenceVideoReader::frameAt(ProjectTime sequenceTime) {
+std::optional<DecodedVideoFrame> SequenceVideoReader::frameAt(ProjectTime sequenceTime) {
   State& state = *state_;
   throwIfCancelled(state.stopToken());
   const std::vector<CompositionPiece>& pieces = state.track.pieces;
@@ -150,7 +150,7 @@ std::optional<VideoFrame> SequenceVideoReader::frameAt(ProjectTime sequenceTime)
   state.position(source);
   if (!state.current) return std::nullopt;
   if (!state.currentPicture) state.currentPicture = state.picture(*state.current);
-  VideoFrame frame = *state.currentPicture;
+  DecodedVideoFrame frame = *state.currentPicture;
   frame.sequenceTime = sequenceTime;
   return frame;
 }
@@ -263,11 +263,11 @@ void SequenceVideoReader::State::feed() {
   }
 }
 
-VideoFrame SequenceVideoReader::State::picture(const TimedFrame& timed) {
+DecodedVideoFrame SequenceVideoReader::State::picture(const TimedFrame& timed) {
   const AVFrame& decoded = *timed.frame;
   if (decoded.width <= 0 || decoded.height <= 0)
     throw SequenceReaderError(SequenceReaderError::Case::decodingFailed, "a frame without a size");
-  VideoFrame frame;
+  DecodedVideoFrame frame;
   frame.width = decoded.width;
   frame.height = decoded.height;
   frame.matrix = matrixOf(decoded.colorspace);

@@ -32,7 +32,7 @@ enum class VideoColorMatrix { bt709, bt601, bt2020 };
 
 // One decoded picture. The planes belong to `frame`, which the value shares, so they stay valid
 // for as long as any copy lives, whatever the reader decodes next. Read-only.
-struct VideoFrame {
+struct DecodedVideoFrame {
   int width = 0;
   int height = 0;
   VideoPixelLayout layout = VideoPixelLayout::yuv420p;
@@ -66,7 +66,7 @@ class SequenceVideoReader {
   // first frame for a time before it, the last for one after it). None in a hole of the track and
   // outside the sequence. Throws SequenceReaderError (decodingFailed, conversionFailed) or
   // CancelledError.
-  std::optional<VideoFrame> frameAt(ProjectTime sequenceTime);
+  std::optional<DecodedVideoFrame> frameAt(ProjectTime sequenceTime);
 
   // How often the reader has jumped (seeking, then decoding up to the time) instead of decoding
   // forward: for tests and measurements of access patterns.

@@ -110,9 +110,9 @@ void uploadPlane(PlaneTexture& plane, GLenum internalFormat, GLenum format, int 
   checkGl("plane upload");
 }
 
-PlaneFormat uploadFrame(const std::optional<VideoFrame>& frame, PlaneTexture* planes) {
+PlaneFormat uploadFrame(const std::optional<DecodedVideoFrame>& frame, PlaneTexture* planes) {
   if (!frame || frame->width <= 0 || frame->height <= 0) return {};
-  const VideoFrame& f = *frame;
+  const DecodedVideoFrame& f = *frame;
   const int chromaWidth = (f.width + 1) / 2;
   const int chromaHeight = (f.height + 1) / 2;
   PlaneFormat result;
@@ -130,7 +130,7 @@ PlaneFormat uploadFrame(const std::optional<VideoFrame>& frame, PlaneTexture* pl
   return result;
 }
 
-PixelSize frameSize(const std::optional<VideoFrame>& frame) {
+PixelSize frameSize(const std::optional<DecodedVideoFrame>& frame) {
   return frame ? PixelSize{frame->width, frame->height} : PixelSize{};
 }
 

@@ -29,9 +29,9 @@ namespace vumo {
 // the layout uses; a frame that is missing is drawn black (screen, camera) or not at all.
 struct SceneFrames {
   PixelSize sourceSize;
-  std::optional<VideoFrame> screen;
-  std::optional<VideoFrame> webcam;
-  std::optional<VideoFrame> backgroundVideo;
+  std::optional<DecodedVideoFrame> screen;
+  std::optional<DecodedVideoFrame> webcam;
+  std::optional<DecodedVideoFrame> backgroundVideo;
 };
 
 // Where captions and text annotations come from as pictures. `standard()` draws them with

@@ -48,7 +48,7 @@ class QuadrantFrame {
   }
 
   SceneFrames frames() const {
-    VideoFrame f;
+    DecodedVideoFrame f;
     f.width = width_;
     f.height = height_;
     f.layout = VideoPixelLayout::yuv420p;

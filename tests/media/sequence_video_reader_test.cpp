@@ -20,7 +20,7 @@ std::string numberedFramesGraph(int cb = 100, int cr = 200, const std::string& f
 }
 
 // Rounded, so that a lossy codec's level a step or two off still names its frame.
-int frameNumberOf(const VideoFrame& frame) { return (frame.planes[0][0] - 16 + 2) / 5; }
+int frameNumberOf(const DecodedVideoFrame& frame) { return (frame.planes[0][0] - 16 + 2) / 5; }
 
 // A movie of the numbered frames in `name`, written with `options` (lossless codecs keep levels exact).
 std::filesystem::path makeMovie(const std::filesystem::path& folder, const std::string& name, const std::string& graph,
@@ -120,7 +120,7 @@ TEST_F(SequenceVideo, ShowsTheSourceFrameOfEverySequenceTime) {
     SequenceVideoReader reader(MediaContainer::open(path), editedTrack());
     for (const Expectation& row : rows) {
       SCOPED_TRACE(row.time.nanoseconds);
-      std::optional<VideoFrame> frame = reader.frameAt(row.time);
+      std::optional<DecodedVideoFrame> frame = reader.frameAt(row.time);
       if (row.frame < 0) {
         EXPECT_FALSE(frame);
         continue;
@@ -133,7 +133,7 @@ TEST_F(SequenceVideo, ShowsTheSourceFrameOfEverySequenceTime) {
   }
   for (const Expectation& row : editedExpectations()) {
     SequenceVideoReader reader(MediaContainer::open(*movie), editedTrack());
-    std::optional<VideoFrame> frame = reader.frameAt(row.time);
+    std::optional<DecodedVideoFrame> frame = reader.frameAt(row.time);
     EXPECT_EQ(frame ? frameNumberOf(*frame) : -1, row.frame) << row.time.nanoseconds;
   }
 }
@@ -144,7 +144,7 @@ TEST_F(SequenceVideo, DecodesForwardWithinAPieceAndSeeksOnJumps) {
     SequenceVideoReader reader(MediaContainer::open(path), editedTrack());
     // Every 10 ms through the first piece: one seek to start, then decoding forward only.
     for (int t = 0; t < 1000; t += 10) {
-      std::optional<VideoFrame> frame = reader.frameAt(ms(t));
+      std::optional<DecodedVideoFrame> frame = reader.frameAt(ms(t));
       ASSERT_TRUE(frame);
       ASSERT_EQ(frameNumberOf(*frame), t / 100) << t;
     }
@@ -152,7 +152,7 @@ TEST_F(SequenceVideo, DecodesForwardWithinAPieceAndSeeksOnJumps) {
     // The 2× piece starts at source 2 s, a keyframe past the next frame, so the reader jumps there;
     // then it goes on decoding forward through every second frame, keyframes or not.
     for (int t = 1000; t < 2000; t += 10) {
-      std::optional<VideoFrame> frame = reader.frameAt(ms(t));
+      std::optional<DecodedVideoFrame> frame = reader.frameAt(ms(t));
       ASSERT_TRUE(frame);
       ASSERT_EQ(frameNumberOf(*frame), 20 + (t - 1000) / 50) << t;
     }
@@ -169,7 +169,7 @@ TEST_F(SequenceVideo, DecodesForwardWithinAPieceAndSeeksOnJumps) {
 
 TEST_F(SequenceVideo, AFrameStaysValidAfterTheReaderMovesOn) {
   SequenceVideoReader reader(MediaContainer::open(*movie), editedTrack());
-  std::optional<VideoFrame> early = reader.frameAt(ms(250));
+  std::optional<DecodedVideoFrame> early = reader.frameAt(ms(250));
   ASSERT_TRUE(early);
   for (int t = 260; t < 1000; t += 50) reader.frameAt(ms(t));
   reader.frameAt(ms(1500));
@@ -257,7 +257,7 @@ TEST_F(SequenceVideo, DeliversPlanesInTheDecodersLayoutOrYuv420p) {
     SCOPED_TRACE(row.name);
     const std::filesystem::path path = makeMovie(folder->path(), row.movieName, row.graph, row.options);
     SequenceVideoReader reader(MediaContainer::open(path), screenTrack({piece(rangeMs(0, 4000), ms(0), ms(4000))}));
-    std::optional<VideoFrame> frame = reader.frameAt(ms(1250));
+    std::optional<DecodedVideoFrame> frame = reader.frameAt(ms(1250));
     ASSERT_TRUE(frame);
     EXPECT_EQ(frame->width, 16);
     EXPECT_EQ(frame->height, 16);

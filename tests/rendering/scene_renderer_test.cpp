@@ -66,8 +66,8 @@ class SyntheticFrame {
       }
   }
 
-  VideoFrame frame() const {
-    VideoFrame f;
+  DecodedVideoFrame frame() const {
+    DecodedVideoFrame f;
     f.width = width_;
     f.height = height_;
     f.layout = layout_;

@@ -5,6 +5,8 @@
 
 #include "export/project_exporter.h"
 #include "media/caption_audio_exporter.h"
+#include "media/recording_media_writer.h"
+#include "media/video_device_stream.h"
 #include "rendering/project_frame_renderer.h"
 #include "rendering/rendering_context.h"
 #include "rendering/rendering_errors.h"
@@ -61,10 +63,23 @@ std::shared_ptr<vumo::ProjectExporting> makeExporter() {
       std::make_shared<vumo::SceneRenderer>(vumo::RenderingContext::create(*resources)));
 }
 
+std::unique_ptr<vumo::RecordingMediaWriting> makeRecordingMediaWriter(
+    const vumo::RecordingWriterConfiguration& configuration) {
+  return std::make_unique<vumo::RecordingMediaWriter>(configuration);
+}
+
+std::vector<vumo::VideoDeviceDescription> listVideoDevices() { return vumo::listVideoDevices(); }
+
 }  // namespace
 
 extern "C" __attribute__((visibility("default"))) const vumo::MediaModule* vumoMediaModule() {
-  static const vumo::MediaModule module{vumo::MediaModule::currentInterfaceVersion, &makeWaveformService,
-                                        &exportCaptionAudio, &makeStillRenderer, &makeExporter};
+  static const vumo::MediaModule module{vumo::MediaModule::currentInterfaceVersion,
+                                        &makeWaveformService,
+                                        &exportCaptionAudio,
+                                        &makeStillRenderer,
+                                        &makeExporter,
+                                        &makeRecordingMediaWriter,
+                                        &listVideoDevices,
+                                        &vumo::makeVideoDeviceStream};
   return &module;
 }
