@@ -22,8 +22,11 @@
 #include "editor/project_timeline_watcher.h"
 #include "export/export_errors.h"
 #include "media/media_errors.h"
+#include "media/recording_media_writer.h"
 #include "media/still_image.h"
+#include "media/video_device_stream.h"
 #include "project/project_store_error.h"
+#include "recording/recording_errors.h"
 #include "rendering/rendering_errors.h"
 #include "timeline/device_frame_catalog.h"
 #include "timeline/timeline_edit_engine.h"
@@ -202,6 +205,13 @@ std::vector<std::string> everyCase() {
   listing.add<ProjectFrameRendererError>([](auto kind) { return ProjectFrameRendererError(kind, "12"); });
   listing.add<ExportConfigurationError>([](auto kind) { return ExportConfigurationError(kind); });
   listing.add<ProjectExporterError>([](auto kind) { return ProjectExporterError(kind, "Broken pipe"); });
+  listing.add<ScreenRecordingSessionError>([](auto kind) { return ScreenRecordingSessionError(kind); });
+  listing.add<MouseEventRecorderError>([](auto kind) { return MouseEventRecorderError(kind); });
+  listing.add<RecordingMediaWriterError>([](RecordingMediaWriterError::Case kind) {
+    return RecordingMediaWriterError(
+        kind, kind == RecordingMediaWriterError::Case::cannotAddInput ? "microphone" : "No space left on device");
+  });
+  listing.add<VideoDeviceError>([](auto kind) { return VideoDeviceError(kind, "/dev/video4"); });
   listing.add<CaptionAudioExporterError>([](CaptionAudioExporterError::Case kind) {
     return kind == CaptionAudioExporterError::Case::missingTrack
                ? CaptionAudioExporterError::missingTrack(MediaTrackKind::microphone)

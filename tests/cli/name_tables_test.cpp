@@ -14,6 +14,7 @@
 #include "export/export_progress.h"
 #include "media/still_image.h"
 #include "project/project_manifest.h"
+#include "recording/recording_session.h"
 #include "shared/json.h"
 #include "shared/media_track_kind.h"
 #include "timeline/device_frame_catalog.h"
@@ -31,7 +32,7 @@ using EveryNamedEnumeration =
                CaptionTrackSelection, CaptionTimingAlignmentAction, AgentEditingCapabilityID,
                AgentEditingCapabilityGroup, AgentEditingPreset, AgentEditingAspectRatio, AgentEditingClickStyle,
                AgentEditingWebcamShape, StillImageFormat, ExportResolution, ExportFrameRate, ExportQuality, ExportCodec,
-               ExportPreset, ExportPhase>;
+               ExportPreset, ExportPhase, RecordingTransportState, RecordingWebcamState>;
 
 // A word listed twice would leave one of its cases unreadable, and a case's first word is the one
 // every writer uses, so it must read back as that case, through JSON too.
