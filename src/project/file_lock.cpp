@@ -9,10 +9,12 @@
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <cstring>
 #include <mutex>
 
 #include "project/project_store_error.h"
 #include "shared/error.h"
+#include "shared/files.h"
 
 namespace vumo {
 
@@ -68,6 +70,52 @@ ExclusiveFileLock::~ExclusiveFileLock() {
     ::flock(fd_, LOCK_UN);
     ::close(fd_);
   }
+}
+
+namespace {
+
+// Opened like a lock file of the store: never through a symbolic link, never blocking on a FIFO.
+int openRecordingLock(const std::filesystem::path& packageRoot, int flags) {
+  const int fd = ::open((packageRoot / RecordingPackageLock::fileName).c_str(),
+                        flags | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0600);
+  if (fd < 0) return -1;
+  struct stat status {};
+  if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
+    ::close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+}  // namespace
+
+RecordingPackageLock::RecordingPackageLock(const std::filesystem::path& packageRoot) {
+  fd_ = openRecordingLock(packageRoot, O_RDWR | O_CREAT);
+  if (fd_ < 0)
+    throw SystemFileError("Could not create the recording lock in " + packageRoot.string() + ": " +
+                          std::strerror(errno));
+  if (::flock(fd_, LOCK_EX | LOCK_NB) != 0) {
+    const int error = errno;
+    ::close(fd_);
+    fd_ = -1;
+    throw SystemFileError("Could not take the recording lock in " + packageRoot.string() + ": " + std::strerror(error));
+  }
+}
+
+RecordingPackageLock::~RecordingPackageLock() {
+  if (fd_ >= 0) {
+    ::flock(fd_, LOCK_UN);
+    ::close(fd_);
+  }
+}
+
+bool RecordingPackageLock::isHeld(const std::filesystem::path& packageRoot) {
+  const int fd = openRecordingLock(packageRoot, O_RDONLY);
+  if (fd < 0) return false;
+  // A shared lock conflicts with the recorder's exclusive one and with nothing else.
+  const bool held = ::flock(fd, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+  ::close(fd);
+  return held;
 }
 
 }  // namespace vumo

@@ -25,4 +25,26 @@ class ExclusiveFileLock {
   int fd_ = -1;
 };
 
+// Taken by a live recording on a file inside its package and held until the recording is finished,
+// failed or discarded, so that recovery in another process leaves a package alone while its
+// recorder still writes it. A killed recorder's lock goes with its process. The lock file is
+// `recording.lock` at the package's root; it survives the rename of a finished package.
+class RecordingPackageLock {
+ public:
+  static constexpr const char* fileName = "recording.lock";
+
+  // Fails with FileError when the file cannot be made or another process holds it.
+  explicit RecordingPackageLock(const std::filesystem::path& packageRoot);
+  ~RecordingPackageLock();
+  RecordingPackageLock(const RecordingPackageLock&) = delete;
+  RecordingPackageLock& operator=(const RecordingPackageLock&) = delete;
+
+  // Whether some live process holds the lock of this package. A package without the file, or
+  // whose file is no regular file, has no live recorder.
+  static bool isHeld(const std::filesystem::path& packageRoot);
+
+ private:
+  int fd_ = -1;
+};
+
 }  // namespace vumo

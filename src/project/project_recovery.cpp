@@ -4,6 +4,7 @@
 
 #include "project/chunk_reader.h"
 #include "project/cursor_asset_store.h"
+#include "project/file_lock.h"
 #include "project/folder_listing.h"
 #include "project/media_probe.h"
 #include "project/package_files.h"
@@ -61,6 +62,8 @@ std::vector<RecoverableProject> ProjectRecovery::recoverableProjects() const {
   std::sort(entries.begin(), entries.end());
   for (const fs::path& entry : entries) {
     if (!endsWith(entry.filename().string(), unfinishedSuffix) || !isDirectory(entry)) continue;
+    // Still being recorded by a live process: not a crash.
+    if (RecordingPackageLock::isHeld(entry)) continue;
     ProjectPackage package{entry};
     ProjectManifest manifest;
     try {

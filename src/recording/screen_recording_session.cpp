@@ -13,6 +13,7 @@
 #include "project/chunk_reader.h"
 #include "project/chunk_store.h"
 #include "project/cursor_asset_store.h"
+#include "project/file_lock.h"
 #include "project/project_store.h"
 #include "project/serial_work_queue.h"
 #include "recording/cursor_shape_recorder.h"
@@ -152,6 +153,8 @@ class RecordingSessionCore {
   ProjectStore& store_;
   ProjectPackage package_;
   ProjectManifest manifest_;
+  // Held for the session's whole life: recovery in another process skips the package meanwhile.
+  RecordingPackageLock recordingLock_;
   CaptureSourceDescriptor source_;
   RecordingOptions options_;
   bool deviceSource_;
@@ -211,6 +214,7 @@ RecordingSessionCore::RecordingSessionCore(ProjectStore& store, CreatedProject p
     : store_(store),
       package_(std::move(project.package)),
       manifest_(std::move(project.manifest)),
+      recordingLock_(package_.rootPath),
       source_(manifest_.source),
       options_(manifest_.options),
       deviceSource_(source_.kind == CaptureSourceKind::device),

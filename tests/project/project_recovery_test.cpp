@@ -5,6 +5,7 @@
 
 #include "project/chunk_store.h"
 #include "project/cursor_asset_store.h"
+#include "project/file_lock.h"
 #include "project/media_probe.h"
 #include "project/project_store.h"
 #include "project_fixtures.h"
@@ -115,6 +116,20 @@ TEST_F(RecoveryTest, APackageWhoseMediaWasCutShortIsRecoveredWithWhatItsChunksHo
   ASSERT_EQ(snapshot.timeline.segments.size(), 1u);
   EXPECT_EQ(snapshot.timeline.segments[0].sourceRange.duration, duration);
   EXPECT_TRUE(f.store.recoverableProjects().empty());
+}
+
+TEST_F(RecoveryTest, APackageStillBeingRecordedIsLeftToItsRecorder) {
+  ProjectPackage package = interruptedRecording(firstHalf(movie("fragmented.mov")));
+  {
+    RecordingPackageLock live(package.rootPath);
+    EXPECT_TRUE(RecordingPackageLock::isHeld(package.rootPath));
+    EXPECT_TRUE(f.store.recoverableProjects().empty());
+    // One recorder to a package.
+    EXPECT_THROW(RecordingPackageLock second(package.rootPath), FileError);
+  }
+  // The recorder is gone (as a killed process's lock goes with it): now it is a crash to recover.
+  EXPECT_FALSE(RecordingPackageLock::isHeld(package.rootPath));
+  EXPECT_EQ(f.store.recoverableProjects().size(), 1u);
 }
 
 TEST_F(RecoveryTest, PackagesWithoutPlayableVideoAreLeftWhereTheyAre) {
