@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <stdexcept>
 #include <thread>
 
@@ -98,13 +99,23 @@ XvfbServer::XvfbServer() {
       continue;
     std::string display = ":" + std::to_string(number);
     auto process = std::make_unique<BackgroundProcess>(
-        std::vector<std::string>{program.string(), display, "-screen", "0", "1280x720x24", "-nolisten", "tcp"},
+        std::vector<std::string>{program.string(), display, "-screen", "0", "1280x720x24", "-nolisten", "tcp", "-noreset"},
         std::vector<std::string>{}, folder_.path() / "xvfb.log");
-    // Up when it accepts a client, not merely when the socket exists.
+    // Up when the display's lock file names our server and it accepts a client. Two tests that
+    // chose the same number at once both start a server; the one whose pid is not in the lock
+    // file is the loser and exits.
+    std::filesystem::path lockFile = "/tmp/.X" + std::to_string(number) + "-lock";
+    auto owner = [&]() -> long {
+      std::ifstream in(lockFile);
+      long pid = -1;
+      in >> pid;
+      return in ? pid : -1;
+    };
     bool up = waitFor(
         [&] {
           if (!process->running()) return true;
-          if (!std::filesystem::exists(socket)) return false;
+          long pid = owner();
+          if (pid != long(process->pid())) return false;
           xcb_connection_t* probe = xcb_connect(display.c_str(), nullptr);
           bool ok = !xcb_connection_has_error(probe);
           xcb_disconnect(probe);

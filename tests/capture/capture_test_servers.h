@@ -29,6 +29,7 @@ class BackgroundProcess {
   BackgroundProcess(const BackgroundProcess&) = delete;
   BackgroundProcess& operator=(const BackgroundProcess&) = delete;
   bool running();
+  pid_t pid() const { return pid_; }
 
  private:
   pid_t pid_ = -1;
