@@ -1,9 +1,9 @@
 #include "capture/pulse_audio_stream.h"
 
+#include <fmt/core.h>
 #include <pulse/pulseaudio.h>
 
 #include <cstring>
-#include <fmt/core.h>
 #include <optional>
 
 #include "capture/capture_error.h"
@@ -43,24 +43,27 @@ class PulseConnection {
       if (loop_) pa_threaded_mainloop_free(loop_);
       throw CaptureError(CaptureError::Case::audioServerUnavailable, "its client loop could not start");
     }
-    Locked locked(loop_);
-    context_ = pa_context_new(pa_threaded_mainloop_get_api(loop_), "Vumo");
-    pa_context_set_state_callback(
-        context_, [](pa_context*, void* loop) { signalLoop(static_cast<pa_threaded_mainloop*>(loop)); }, loop_);
-    bool connected =
-        pa_context_connect(context_, server.empty() ? nullptr : server.c_str(), PA_CONTEXT_NOAUTOSPAWN, nullptr) >= 0;
-    if (connected) {
-      waitUntil([&] {
-        auto state = pa_context_get_state(context_);
-        return state == PA_CONTEXT_READY || !PA_CONTEXT_IS_GOOD(state);
-      });
-      connected = pa_context_get_state(context_) == PA_CONTEXT_READY;
+    std::string failure;
+    {
+      Locked locked(loop_);
+      context_ = pa_context_new(pa_threaded_mainloop_get_api(loop_), "Vumo");
+      pa_context_set_state_callback(
+          context_, [](pa_context*, void* loop) { signalLoop(static_cast<pa_threaded_mainloop*>(loop)); }, loop_);
+      bool connected =
+          pa_context_connect(context_, server.empty() ? nullptr : server.c_str(), PA_CONTEXT_NOAUTOSPAWN, nullptr) >= 0;
+      if (connected) {
+        waitUntil([&] {
+          auto state = pa_context_get_state(context_);
+          return state == PA_CONTEXT_READY || !PA_CONTEXT_IS_GOOD(state);
+        });
+        connected = pa_context_get_state(context_) == PA_CONTEXT_READY;
+      }
+      if (!connected) failure = pa_strerror(pa_context_errno(context_));
     }
-    if (!connected) {
-      std::string reason = pa_strerror(pa_context_errno(context_));
+    if (!failure.empty()) {
       close();
       throw CaptureError(CaptureError::Case::audioServerUnavailable,
-                         server.empty() ? reason : fmt::format("{} ({})", reason, server));
+                         server.empty() ? failure : fmt::format("{} ({})", failure, server));
     }
   }
 
@@ -284,7 +287,8 @@ struct PulseAudioStream::State {
     pa_channel_map map;
     pa_channel_map_init_stereo(&map);
     stream = pa_stream_new(connection.context(), "Vumo recording", &spec, &map);
-    if (!stream) throw CaptureError(CaptureError::Case::audioCaptureFailed, pa_strerror(pa_context_errno(connection.context())));
+    if (!stream)
+      throw CaptureError(CaptureError::Case::audioCaptureFailed, pa_strerror(pa_context_errno(connection.context())));
     pa_stream_set_state_callback(
         stream,
         [](pa_stream* s, void* data) {
@@ -302,13 +306,12 @@ struct PulseAudioStream::State {
     attributes.prebuf = std::uint32_t(-1);
     attributes.minreq = std::uint32_t(-1);
     attributes.fragsize = std::uint32_t(framesPerBuffer * bytesPerFrame);
-    auto flags = pa_stream_flags_t(PA_STREAM_ADJUST_LATENCY | PA_STREAM_AUTO_TIMING_UPDATE | PA_STREAM_INTERPOLATE_TIMING);
-    bool ready = pa_stream_connect_record(stream, source.c_str(), &attributes, flags) >= 0 &&
-                 connection.waitUntil([&] {
-                   auto state = pa_stream_get_state(stream);
-                   return state == PA_STREAM_READY || !PA_STREAM_IS_GOOD(state);
-                 }) &&
-                 pa_stream_get_state(stream) == PA_STREAM_READY;
+    auto flags =
+        pa_stream_flags_t(PA_STREAM_ADJUST_LATENCY | PA_STREAM_AUTO_TIMING_UPDATE | PA_STREAM_INTERPOLATE_TIMING);
+    bool ready = pa_stream_connect_record(stream, source.c_str(), &attributes, flags) >= 0 && connection.waitUntil([&] {
+      auto state = pa_stream_get_state(stream);
+      return state == PA_STREAM_READY || !PA_STREAM_IS_GOOD(state);
+    }) && pa_stream_get_state(stream) == PA_STREAM_READY;
     if (!ready) {
       std::string reason = pa_strerror(pa_context_errno(connection.context()));
       stopping = true;
@@ -346,7 +349,8 @@ void PulseAudioStream::start(std::function<void(const AudioBuffer&)> onBuffer, S
       [](pa_context* context, void* data) {
         auto* state = static_cast<State*>(data);
         signalLoop(state->connection.loop());
-        if (!PA_CONTEXT_IS_GOOD(pa_context_get_state(context))) state->reportEnd(pa_strerror(pa_context_errno(context)));
+        if (!PA_CONTEXT_IS_GOOD(pa_context_get_state(context)))
+          state->reportEnd(pa_strerror(pa_context_errno(context)));
       },
       state_.get());
 }
@@ -356,8 +360,8 @@ void PulseAudioStream::stop() {
   state_->stopping = true;
   state_->release();
   pa_context_set_state_callback(
-      state_->connection.context(), [](pa_context*, void* loop) { signalLoop(static_cast<pa_threaded_mainloop*>(loop)); },
-      state_->connection.loop());
+      state_->connection.context(),
+      [](pa_context*, void* loop) { signalLoop(static_cast<pa_threaded_mainloop*>(loop)); }, state_->connection.loop());
 }
 
 }  // namespace vumo

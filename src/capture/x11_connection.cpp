@@ -16,8 +16,8 @@ std::string environmentValue(const char* name) {
 
 bool serverIsXwayland(xcb_connection_t* connection) {
   static constexpr std::string_view name = "XWAYLAND";
-  XcbReply<xcb_query_extension_reply_t> reply(xcb_query_extension_reply(
-      connection, xcb_query_extension(connection, name.size(), name.data()), nullptr));
+  XcbReply<xcb_query_extension_reply_t> reply(
+      xcb_query_extension_reply(connection, xcb_query_extension(connection, name.size(), name.data()), nullptr));
   return reply && reply->present;
 }
 

@@ -196,8 +196,7 @@ struct X11PointerStream::State {
   }
 };
 
-X11PointerStream::X11PointerStream(const std::string& displayName)
-    : state_(std::make_unique<State>(displayName)) {}
+X11PointerStream::X11PointerStream(const std::string& displayName) : state_(std::make_unique<State>(displayName)) {}
 
 X11PointerStream::~X11PointerStream() { stop(); }
 

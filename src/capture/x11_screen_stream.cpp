@@ -1,5 +1,6 @@
 #include "capture/x11_screen_stream.h"
 
+#include <fmt/core.h>
 #include <sys/ipc.h>
 #include <sys/shm.h>
 #include <xcb/composite.h>
@@ -12,7 +13,6 @@
 #include <cmath>
 #include <condition_variable>
 #include <cstring>
-#include <fmt/core.h>
 #include <mutex>
 #include <thread>
 
@@ -236,8 +236,8 @@ struct X11ScreenStream::State {
     if (!pixmapStale) return windowPixmap != XCB_NONE;
     if (windowPixmap != XCB_NONE) xcb_free_pixmap(x.get(), windowPixmap);
     windowPixmap = xcb_generate_id(x.get());
-    XcbReply<xcb_generic_error_t> error(xcb_request_check(
-        x.get(), xcb_composite_name_window_pixmap_checked(x.get(), source.nativeID, windowPixmap)));
+    XcbReply<xcb_generic_error_t> error(
+        xcb_request_check(x.get(), xcb_composite_name_window_pixmap_checked(x.get(), source.nativeID, windowPixmap)));
     pixmapStale = false;
     if (error) windowPixmap = XCB_NONE;
     damaged = true;
@@ -333,7 +333,8 @@ struct X11ScreenStream::State {
       while (sleepUntil(deadlineOf(tick))) {
         std::uint64_t deadline = deadlineOf(tick);
         handleEvents();
-        if (isWindow && (windowProbeDue || monotonicNanoseconds() - lastWindowProbe >= windowProbeIntervalNanoseconds) &&
+        if (isWindow &&
+            (windowProbeDue || monotonicNanoseconds() - lastWindowProbe >= windowProbeIntervalNanoseconds) &&
             !probeWindow())
           throw CaptureError(CaptureError::Case::windowGone);
         bool changed = false;

@@ -1,11 +1,11 @@
 #include "capture/x11_source_catalogue.h"
 
+#include <fmt/core.h>
 #include <xcb/randr.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <fmt/core.h>
 
 #include "capture/capture_error.h"
 #include "capture/x11_connection.h"
@@ -61,8 +61,8 @@ std::string windowTitle(const X11Connection& x, xcb_window_t window, xcb_atom_t 
 std::vector<X11DisplayInfo> listDisplays(const X11Connection& x) {
   std::vector<X11DisplayInfo> displays;
   displays.push_back({x.root(), "screen",
-                      RectValue{0, 0, double(x.screen()->width_in_pixels), double(x.screen()->height_in_pixels)},
-                      true, true});
+                      RectValue{0, 0, double(x.screen()->width_in_pixels), double(x.screen()->height_in_pixels)}, true,
+                      true});
   const xcb_query_extension_reply_t* randr = xcb_get_extension_data(x.get(), &xcb_randr_id);
   if (!randr || !randr->present) return displays;
   XcbReply<xcb_randr_query_version_reply_t> version(
@@ -159,7 +159,8 @@ X11CaptureSources listX11CaptureSources(const std::string& displayName, std::int
     info.nativeID = window;
     info.title = windowTitle(x, window, netWMName, utf8String);
     if (!fromWindowManager && info.title.empty()) continue;
-    if (auto pid = readProperty(x, window, netWMPID, XCB_ATOM_CARDINAL); pid && pid->format == 32 && pid->bytes.size() >= 4) {
+    if (auto pid = readProperty(x, window, netWMPID, XCB_ATOM_CARDINAL);
+        pid && pid->format == 32 && pid->bytes.size() >= 4) {
       std::uint32_t value = 0;
       std::memcpy(&value, pid->bytes.data(), 4);
       info.processID = value;
@@ -174,8 +175,8 @@ X11CaptureSources listX11CaptureSources(const std::string& displayName, std::int
         if (!className.empty()) info.applicationName = latin1ToUTF8(className);
       }
     }
-    info.frame = RectValue{double(origin->dst_x), double(origin->dst_y), double(geometry->width),
-                           double(geometry->height)};
+    info.frame =
+        RectValue{double(origin->dst_x), double(origin->dst_y), double(geometry->width), double(geometry->height)};
     sources.windows.push_back(std::move(info));
   }
   return sources;
@@ -213,8 +214,8 @@ CaptureSourceDescriptor windowCaptureSource(const X11WindowInfo& window) {
 }
 
 CaptureSourceDescriptor areaCaptureSource(const X11DisplayInfo& display, const RectValue& area) {
-  bool finite = std::isfinite(area.x) && std::isfinite(area.y) && std::isfinite(area.width) &&
-                std::isfinite(area.height);
+  bool finite =
+      std::isfinite(area.x) && std::isfinite(area.y) && std::isfinite(area.width) && std::isfinite(area.height);
   bool inside = finite && area.width >= 2 && area.height >= 2 && area.x >= 0 && area.y >= 0 &&
                 area.x + area.width <= display.frame.width && area.y + area.height <= display.frame.height;
   if (!inside)

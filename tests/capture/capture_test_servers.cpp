@@ -98,9 +98,10 @@ XvfbServer::XvfbServer() {
     if (std::filesystem::exists(socket) || std::filesystem::exists("/tmp/.X" + std::to_string(number) + "-lock"))
       continue;
     std::string display = ":" + std::to_string(number);
-    auto process = std::make_unique<BackgroundProcess>(
-        std::vector<std::string>{program.string(), display, "-screen", "0", "1280x720x24", "-nolisten", "tcp", "-noreset"},
-        std::vector<std::string>{}, folder_.path() / "xvfb.log");
+    auto process =
+        std::make_unique<BackgroundProcess>(std::vector<std::string>{program.string(), display, "-screen", "0",
+                                                                     "1280x720x24", "-nolisten", "tcp", "-noreset"},
+                                            std::vector<std::string>{}, folder_.path() / "xvfb.log");
     // Up when the display's lock file names our server and it accepts a client. Two tests that
     // chose the same number at once both start a server; the one whose pid is not in the lock
     // file is the loser and exits.
@@ -140,8 +141,7 @@ PulseAudioServer::PulseAudioServer() {
   pulseServer_.emplace("PULSE_SERVER", server_);
   process_ = std::make_unique<BackgroundProcess>(
       std::vector<std::string>{program.string(), "-n", "--daemonize=no", "--exit-idle-time=-1", "--disable-shm=yes",
-                               "--log-target=stderr",
-                               "--load=module-null-sink sink_name=vumo_test_sink rate=48000",
+                               "--log-target=stderr", "--load=module-null-sink sink_name=vumo_test_sink rate=48000",
                                "--load=module-native-protocol-unix socket=" + socket.string() + " auth-anonymous=1"},
       std::vector<std::string>{"HOME=" + folder_.path().string(), "XDG_RUNTIME_DIR=" + folder_.path().string()},
       folder_.path() / "pulseaudio.log");
@@ -160,8 +160,7 @@ TestX11Client::TestX11Client(const std::string& display) {
 TestX11Client::~TestX11Client() { xcb_disconnect(connection_); }
 
 xcb_atom_t TestX11Client::atom(const std::string& name) {
-  auto* reply =
-      xcb_intern_atom_reply(connection_, xcb_intern_atom(connection_, 0, name.size(), name.c_str()), nullptr);
+  auto* reply = xcb_intern_atom_reply(connection_, xcb_intern_atom(connection_, 0, name.size(), name.c_str()), nullptr);
   xcb_atom_t atom = reply ? reply->atom : xcb_atom_t(XCB_ATOM_NONE);
   std::free(reply);
   return atom;
@@ -172,8 +171,8 @@ xcb_window_t TestX11Client::createWindow(int x, int y, int width, int height, st
   xcb_window_t window = xcb_generate_id(connection_);
   std::uint32_t values[] = {rgb, XCB_EVENT_MASK_EXPOSURE};
   xcb_create_window(connection_, XCB_COPY_FROM_PARENT, window, screen_->root, std::int16_t(x), std::int16_t(y),
-                    std::uint16_t(width), std::uint16_t(height), 0, XCB_WINDOW_CLASS_INPUT_OUTPUT,
-                    screen_->root_visual, XCB_CW_BACK_PIXEL | XCB_CW_EVENT_MASK, values);
+                    std::uint16_t(width), std::uint16_t(height), 0, XCB_WINDOW_CLASS_INPUT_OUTPUT, screen_->root_visual,
+                    XCB_CW_BACK_PIXEL | XCB_CW_EVENT_MASK, values);
   if (!title.empty())
     xcb_change_property(connection_, XCB_PROP_MODE_REPLACE, window, atom("_NET_WM_NAME"), atom("UTF8_STRING"), 8,
                         std::uint32_t(title.size()), title.data());
@@ -210,6 +209,12 @@ void TestX11Client::setLatin1Property(xcb_window_t window, xcb_atom_t property, 
 void TestX11Client::moveWindow(xcb_window_t window, int x, int y) {
   std::uint32_t values[] = {std::uint32_t(x), std::uint32_t(y)};
   xcb_configure_window(connection_, window, XCB_CONFIG_WINDOW_X | XCB_CONFIG_WINDOW_Y, values);
+  sync();
+}
+
+void TestX11Client::resizeWindow(xcb_window_t window, int width, int height) {
+  std::uint32_t values[] = {std::uint32_t(width), std::uint32_t(height)};
+  xcb_configure_window(connection_, window, XCB_CONFIG_WINDOW_WIDTH | XCB_CONFIG_WINDOW_HEIGHT, values);
   sync();
 }
 

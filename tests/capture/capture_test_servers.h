@@ -78,6 +78,7 @@ class TestX11Client {
   void setWindowListProperty(xcb_window_t window, const std::string& name, const std::vector<xcb_window_t>& windows);
   void setLatin1Property(xcb_window_t window, xcb_atom_t property, const std::string& value);
   void moveWindow(xcb_window_t window, int x, int y);
+  void resizeWindow(xcb_window_t window, int width, int height);
   void destroyWindow(xcb_window_t window);
   // Waits until the server has handled everything sent so far.
   void sync();

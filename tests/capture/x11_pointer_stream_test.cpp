@@ -1,3 +1,5 @@
+#include "capture/x11_pointer_stream.h"
+
 #include <gtest/gtest.h>
 #include <png.h>
 
@@ -6,7 +8,6 @@
 #include <thread>
 
 #include "capture/x11_cursor_shape_provider.h"
-#include "capture/x11_pointer_stream.h"
 #include "capture_test_servers.h"
 
 namespace vumo {
@@ -22,12 +23,10 @@ TEST(X11PointerStream, ServerTimesRunOnPastTheirWrap) {
   };
   X11ServerTimeUnwrapper unwrapper(0xFFFF'FF00u);
   Step steps[] = {
-      {0xFFFF'FF10u, 0xFFFF'FF10},
-      {0xFFFF'FF08u, 0xFFFF'FF08},           // a little out of order
-      {0x0000'0010u, 0x1'0000'0010},         // past the wrap
-      {0xFFFF'FFF0u, 0xFFFF'FFF0},           // back before it again
-      {0x0000'0100u, 0x1'0000'0100},
-      {0x8000'0000u, 0x1'8000'0000},         // half the range on
+      {0xFFFF'FF10u, 0xFFFF'FF10},   {0xFFFF'FF08u, 0xFFFF'FF08},    // a little out of order
+      {0x0000'0010u, 0x1'0000'0010},                                 // past the wrap
+      {0xFFFF'FFF0u, 0xFFFF'FFF0},                                   // back before it again
+      {0x0000'0100u, 0x1'0000'0100}, {0x8000'0000u, 0x1'8000'0000},  // half the range on
   };
   for (const auto& step : steps) EXPECT_EQ(unwrapper.unwrap(step.milliseconds), step.expected) << step.milliseconds;
 }
@@ -76,9 +75,9 @@ TEST(X11PointerStream, ReportsMovesClicksAndDragsButNoWheel) {
   using P = MousePhase;
   PointValue a{303, 198}, b{305, 202};
   std::vector<Seen> expected = {
-      {a, B::none, P::moved},  {a, B::left, P::down},   {a, B::left, P::up},      {a, B::right, P::down},
-      {a, B::right, P::up},    {a, B::other, P::down},  {a, B::other, P::up},     {a, B::other, P::down},
-      {a, B::other, P::up},    {a, B::left, P::down},   {b, B::left, P::dragged}, {b, B::left, P::up},
+      {a, B::none, P::moved}, {a, B::left, P::down},  {a, B::left, P::up},      {a, B::right, P::down},
+      {a, B::right, P::up},   {a, B::other, P::down}, {a, B::other, P::up},     {a, B::other, P::down},
+      {a, B::other, P::up},   {a, B::left, P::down},  {b, B::left, P::dragged}, {b, B::left, P::up},
   };
   std::lock_guard guard(lock);
   std::vector<Seen> seen;
@@ -139,7 +138,8 @@ TEST(X11CursorShapeProvider, PremultipliedPixelsAreStoredWithStraightAlpha) {
   ASSERT_TRUE(png_image_finish_read(&image, nullptr, decoded.data(), 0, nullptr));
   for (std::size_t i = 0; i < pixels.size(); ++i)
     for (int channel = 0; channel < 4; ++channel)
-      EXPECT_EQ(decoded[i * 4 + std::size_t(channel)], cases[i].rgba[channel]) << "pixel " << i << " channel " << channel;
+      EXPECT_EQ(decoded[i * 4 + std::size_t(channel)], cases[i].rgba[channel])
+          << "pixel " << i << " channel " << channel;
   EXPECT_TRUE(encodePremultipliedARGBAsPNG(pixels.data(), 0, 1).empty());
 }
 

@@ -1,3 +1,5 @@
+#include "capture/x11_screen_stream.h"
+
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -6,7 +8,6 @@
 #include <thread>
 
 #include "capture/capture_error.h"
-#include "capture/x11_screen_stream.h"
 #include "capture/x11_source_catalogue.h"
 #include "capture_test_servers.h"
 
@@ -185,6 +186,19 @@ TEST(X11ScreenStream, ACoveredWindowStillRecordsAndItsEndEndsTheStream) {
     std::lock_guard guard(log.lock);
     EXPECT_EQ(log.metadata.back().globalFrame, (RectValue{420, 310, 301, 201}));
     EXPECT_EQ(log.metadata.back().contentRect, (RectValue{0, 0, 301, 201}));
+  }
+  // A resized window keeps recording at its new size; the writer scales it.
+  client.resizeWindow(window, 201, 101);
+  client.fillRectangle(window, 150, 50, 10, 10, red);
+  std::this_thread::sleep_for(250ms);
+  {
+    auto picture = log.picture();
+    EXPECT_EQ(picture->width, 200);
+    EXPECT_EQ(picture->height, 100);
+    EXPECT_EQ(rgbAt(*picture, 155, 55), red);
+    EXPECT_EQ(stream.pixelSize(), (PixelSize{300, 200}));
+    std::lock_guard guard(log.lock);
+    EXPECT_EQ(log.metadata.back().globalFrame, (RectValue{420, 310, 201, 101}));
   }
   client.destroyWindow(window);
   for (int i = 0; i < 50; ++i) {

@@ -1,3 +1,5 @@
+#include "capture/x11_source_catalogue.h"
+
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -5,7 +7,6 @@
 
 #include "capture/capture_error.h"
 #include "capture/x11_connection.h"
-#include "capture/x11_source_catalogue.h"
 #include "capture_test_servers.h"
 
 namespace vumo {
@@ -19,8 +20,7 @@ TEST(X11SourceCatalogue, FrameSizesAreWholeEvenAndNeverLarger) {
     double width, height;
     PixelSize expected;
   } cases[] = {
-      {1280, 720, {1280, 720}}, {321, 201, {320, 200}}, {320.9, 199.5, {320, 198}},
-      {1, 0, {2, 2}},           {3, 2, {2, 2}},
+      {1280, 720, {1280, 720}}, {321, 201, {320, 200}}, {320.9, 199.5, {320, 198}}, {1, 0, {2, 2}}, {3, 2, {2, 2}},
   };
   for (const auto& c : cases) EXPECT_EQ(evenPixelSize(c.width, c.height), c.expected) << c.width << "x" << c.height;
 }
@@ -57,10 +57,10 @@ TEST(X11SourceCatalogue, OnlyXwaylandUnderWaylandIsRefused) {
   } cases[] = {
       {"x11", "", false, true},
       {"wayland", "wayland-0", true, false},
-      {"", "wayland-0", true, false},        // the variable alone tells a Wayland session
-      {"wayland", "", true, false},          // and so does the session type alone
-      {"wayland", "wayland-0", false, true}, // a nested X server (Xvfb, Xephyr) is whole in itself
-      {"x11", "", true, true},               // Xwayland outside a Wayland session: nothing is hidden
+      {"", "wayland-0", true, false},         // the variable alone tells a Wayland session
+      {"wayland", "", true, false},           // and so does the session type alone
+      {"wayland", "wayland-0", false, true},  // a nested X server (Xvfb, Xephyr) is whole in itself
+      {"x11", "", true, true},                // Xwayland outside a Wayland session: nothing is hidden
   };
   for (const auto& c : cases)
     EXPECT_EQ(x11SeesWholeScreen(c.sessionType, c.waylandDisplay, c.xwayland), c.seesWholeScreen)
@@ -72,13 +72,15 @@ TEST(X11SourceCatalogue, NoDisplayIsAClearError) {
   try {
     X11Connection connection(":999");
   } catch (const CaptureError& error) {
-    EXPECT_EQ(error.message(), "Unable to connect to the X display :999. Recording needs an X11 session (check DISPLAY).");
+    EXPECT_EQ(error.message(),
+              "Unable to connect to the X display :999. Recording needs an X11 session (check DISPLAY).");
     EXPECT_EQ(error.localizationKey(), "capture.error.noDisplay");
   }
 }
 
 const X11WindowInfo* findWindow(const X11CaptureSources& sources, std::uint32_t id) {
-  auto it = std::find_if(sources.windows.begin(), sources.windows.end(), [&](const auto& w) { return w.nativeID == id; });
+  auto it =
+      std::find_if(sources.windows.begin(), sources.windows.end(), [&](const auto& w) { return w.nativeID == id; });
   return it == sources.windows.end() ? nullptr : &*it;
 }
 
