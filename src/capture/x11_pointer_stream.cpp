@@ -21,6 +21,9 @@ namespace {
 
 // How long the server may take to answer the clock probe at start.
 constexpr int serverTimeProbeMilliseconds = 2000;
+// How often the pointer's position is looked at for moves that made no raw event: 100 times a
+// second, more often than the fastest recording takes frames.
+constexpr std::uint64_t lookIntervalNanoseconds = 10'000'000;
 
 MouseButton buttonOf(int logicalButton) {
   if (logicalButton == 1) return MouseButton::left;
@@ -44,7 +47,9 @@ struct X11PointerStream::State {
   std::set<int> heldButtons;  // logical numbers
   std::optional<X11ServerTimeUnwrapper> serverTime;
   std::int64_t serverToHostNanoseconds = 0;
-  std::optional<PointerEvent> lastMove;
+  std::optional<PointValue> lastPosition;
+  std::optional<MousePhase> lastPhase;
+  std::uint64_t lastHostTime = 0;
 
   explicit State(const std::string& displayName) : x(displayName) {
     inputOpcode = x.requireExtension(&xcb_input_id, "XInputExtension").major_opcode;
@@ -132,21 +137,37 @@ struct X11PointerStream::State {
   void deliver(std::uint32_t serverMilliseconds, MouseButton button, MousePhase phase) {
     auto position = pointerPosition();
     if (!position) return;
+    // Raw motion also comes when the pointer is held at a screen edge; that is no movement.
+    bool isMove = phase == MousePhase::moved || phase == MousePhase::dragged;
+    if (isMove && lastPosition == position && lastPhase == phase) return;
     std::int64_t unwrapped = serverTime->unwrap(serverMilliseconds);
+    emit(unwrapped * 1'000'000, *position, button, phase);
+  }
+
+  // Where the server makes no raw motion (a pointer moved by XTEST, as remote desktops do, or
+  // warped by an application), the position is looked at a few times a frame instead.
+  void lookForUnreportedMove() {
+    auto position = pointerPosition();
+    if (!position || position == lastPosition) return;
+    std::int64_t serverNanoseconds = std::int64_t(monotonicNanoseconds()) - serverToHostNanoseconds;
+    if (heldButtons.empty())
+      emit(serverNanoseconds, *position, MouseButton::none, MousePhase::moved);
+    else
+      emit(serverNanoseconds, *position, heldButton(), MousePhase::dragged);
+  }
+
+  void emit(std::int64_t serverNanoseconds, PointValue position, MouseButton button, MousePhase phase) {
     PointerEvent event;
-    event.rawTimestampNanoseconds = std::uint64_t(std::max<std::int64_t>(unwrapped, 0)) * 1'000'000;
+    event.rawTimestampNanoseconds = std::uint64_t(std::max<std::int64_t>(serverNanoseconds, 0));
+    // Server milliseconds and looked-up positions interleave; the host times never run backwards.
     event.hostTimeNanoseconds =
-        std::uint64_t(std::max<std::int64_t>(unwrapped * 1'000'000 + serverToHostNanoseconds, 0));
-    event.globalPoint = *position;
+        std::max(lastHostTime, std::uint64_t(std::max<std::int64_t>(serverNanoseconds + serverToHostNanoseconds, 0)));
+    event.globalPoint = position;
     event.button = button;
     event.phase = phase;
-    // Raw motion also comes when the pointer is held at a screen edge; that is no movement.
-    if (phase == MousePhase::moved || phase == MousePhase::dragged) {
-      if (lastMove && lastMove->globalPoint == event.globalPoint && lastMove->phase == phase) return;
-      lastMove = event;
-    } else {
-      lastMove.reset();
-    }
+    lastPosition = position;
+    lastPhase = phase;
+    lastHostTime = event.hostTimeNanoseconds;
     onEvent(event);
   }
 
@@ -186,11 +207,20 @@ struct X11PointerStream::State {
   }
 
   void run() {
+    lastPosition = pointerPosition();
     std::array<pollfd, 2> descriptors{pollfd{x.fileDescriptor(), POLLIN, 0}, pollfd{wakeDescriptor, POLLIN, 0}};
+    std::uint64_t nextLook = monotonicNanoseconds();
     while (!x.hasError()) {
       while (XcbReply<xcb_generic_event_t> event{xcb_poll_for_event(x.get())}) handle(event.get());
+      if (std::uint64_t now = monotonicNanoseconds(); now >= nextLook) {
+        lookForUnreportedMove();
+        nextLook = now + lookIntervalNanoseconds;
+        continue;  // the look may have queued events
+      }
       xcb_flush(x.get());
-      if (poll(descriptors.data(), descriptors.size(), -1) < 0 && errno != EINTR) break;
+      std::uint64_t now = monotonicNanoseconds();
+      int timeout = now >= nextLook ? 0 : int((nextLook - now + 999'999) / 1'000'000);
+      if (poll(descriptors.data(), descriptors.size(), timeout) < 0 && errno != EINTR) break;
       if (descriptors[1].revents & POLLIN) break;
     }
   }

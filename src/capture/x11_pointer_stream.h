@@ -11,7 +11,10 @@ namespace vumo {
 // selected on the root window: listen-only, never a grab, so the user's input is never delayed.
 // Each event takes the pointer's position from the server at the time it is handled, and its time
 // from the server's millisecond clock, unwrapped past its 32-bit overflow and carried onto the
-// monotonic host clock by an offset measured once at start.
+// monotonic host clock by an offset measured once at start. The server makes no raw motion for a
+// pointer moved by XTEST (remote desktops, test tools) or warped by an application, so the
+// position is also looked at 100 times a second, and a move found that way is stamped with the
+// time it was seen. Host times never run backwards from one event to the next.
 //
 // Buttons go through the server's button map: 1 is left, 3 right, 2 and 8 upwards other; 4 to 7
 // are wheel steps, not clicks, and leave no event. A move with a button held is `dragged` with the
