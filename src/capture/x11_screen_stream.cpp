@@ -291,8 +291,12 @@ struct X11ScreenStream::State {
         &rawError));
     XcbReply<xcb_generic_error_t> error(rawError);
     if (!reply) {
+      // The screen shrank under a display or an area (a monitor unplugged, a resolution change).
+      if (!isWindow)
+        throw CaptureError(CaptureError::Case::sourceNotFound,
+                           fmt::format("{} is no longer on the screen of {}", source.title, x.displayName()));
       // A window resized between the probe and the copy: try again at the next tick.
-      pixmapStale = windowProbeDue = damaged = isWindow;
+      pixmapStale = windowProbeDue = damaged = true;
       return nullptr;
     }
     auto buffer = acquireBuffer(int(size.width), int(size.height));

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cmath>
 #include <mutex>
 #include <set>
 #include <thread>
@@ -135,6 +136,37 @@ TEST(X11ScreenStream, ASteadyRecordingReusesItsBuffers) {
   EXPECT_GE(changedFrames, 15);
   // The buffer of the previous frame is held by the stream for repeats, so two take turns.
   EXPECT_LE(buffers.size(), 2u);
+}
+
+TEST(X11ScreenStream, TicksMissedWhileTheConsumerWasSlowAreSkippedNotBunched) {
+  XvfbServer server;
+  X11ScreenStream stream(displayCaptureSource(screen), 30, server.display());
+  std::mutex lock;
+  std::vector<std::int64_t> times;
+  stream.start(
+      [&](const VideoFrame& frame) {
+        std::size_t count;
+        {
+          std::lock_guard guard(lock);
+          times.push_back(frame.presentationNanoseconds);
+          count = times.size();
+        }
+        // The fourth frame takes 3.3 tick intervals to hand over: ticks 4, 5 and 6 pass meanwhile.
+        if (count == 4) std::this_thread::sleep_for(110ms);
+      },
+      nullptr);
+  std::this_thread::sleep_for(400ms);
+  stream.stop();
+  std::lock_guard guard(lock);
+  ASSERT_GT(times.size(), 6u);
+  EXPECT_GE(stream.missedTicks(), 3);
+  const double period = 1e9 / 30;
+  // The next frame is that of the first tick still ahead, on the grid: 4 intervals on (more on a
+  // machine slow enough to wake late).
+  double gap = double(times[4] - times[3]);
+  EXPECT_GE(std::lround(gap / period), 4);
+  EXPECT_NEAR(gap, double(std::lround(gap / period)) * period, 1.0);
+  for (std::size_t i = 1; i < times.size(); ++i) EXPECT_GE(double(times[i] - times[i - 1]), period - 1) << i;
 }
 
 TEST(X11ScreenStream, AnAreaIsCroppedFromTheScreen) {
