@@ -1,6 +1,7 @@
 #include "capture/x11_pointer_stream.h"
 
 #include <poll.h>
+#include <pthread.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 #include <xcb/xinput.h>
@@ -236,7 +237,10 @@ void X11PointerStream::start(std::function<void(const PointerEvent&)> onEvent) {
   state_->measureServerTime();
   state_->readButtonMap();
   state_->selectRawEvents();
-  state_->worker = std::thread([state = state_.get()] { state->run(); });
+  state_->worker = std::thread([state = state_.get()] {
+    pthread_setname_np(pthread_self(), "Vumo.Pointer");
+    state->run();
+  });
 }
 
 void X11PointerStream::stop() {

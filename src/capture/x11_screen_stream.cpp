@@ -1,6 +1,7 @@
 #include "capture/x11_screen_stream.h"
 
 #include <fmt/core.h>
+#include <pthread.h>
 #include <sys/ipc.h>
 #include <sys/shm.h>
 #include <xcb/composite.h>
@@ -388,7 +389,10 @@ void X11ScreenStream::start(std::function<void(const VideoFrame&)> onFrame, Stre
   if (state_->worker.joinable()) return;
   state_->onFrame = std::move(onFrame);
   state_->onStopped = std::move(onStopped);
-  state_->worker = std::thread([state = state_.get()] { state->run(); });
+  state_->worker = std::thread([state = state_.get()] {
+    pthread_setname_np(pthread_self(), "Vumo.Screen");
+    state->run();
+  });
 }
 
 void X11ScreenStream::stop() {

@@ -8,6 +8,7 @@
 #include "capture/capture_error.h"
 #include "capture/x11_connection.h"
 #include "capture_test_servers.h"
+#include "shared/json.h"
 
 namespace vumo {
 namespace {
@@ -65,6 +66,22 @@ TEST(X11SourceCatalogue, OnlyXwaylandUnderWaylandIsRefused) {
   for (const auto& c : cases)
     EXPECT_EQ(x11SeesWholeScreen(c.sessionType, c.waylandDisplay, c.xwayland), c.seesWholeScreen)
         << c.sessionType << " / " << c.waylandDisplay << " / " << c.xwayland;
+}
+
+TEST(X11SourceCatalogue, SourcesAreDocumentsWithAbsentValuesLeftOut) {
+  X11CaptureSources sources;
+  sources.displays.push_back({1234, "screen", RectValue{0, 0, 1280, 720}, true, true});
+  sources.windows.push_back({77, "Notes", std::nullopt, std::nullopt, RectValue{10, 20, 300, 200}});
+  sources.windows.push_back({78, "Term", "XTerm", 4242, RectValue{0, 0, 2, 2}});
+  Json expected = parseJson(R"({
+    "displays": [{"frame": {"height": 720, "width": 1280, "x": 0, "y": 0}, "name": "screen", "nativeID": 1234,
+                  "primary": true, "wholeScreen": true}],
+    "windows": [
+      {"frame": {"height": 200, "width": 300, "x": 10, "y": 20}, "nativeID": 77, "title": "Notes"},
+      {"applicationName": "XTerm", "frame": {"height": 2, "width": 2, "x": 0, "y": 0}, "nativeID": 78,
+       "processID": 4242, "title": "Term"}
+    ]})");
+  EXPECT_EQ(Json(sources), expected);
 }
 
 TEST(X11SourceCatalogue, NoDisplayIsAClearError) {
