@@ -165,7 +165,10 @@ struct X11ScreenStream::State {
     auto originCookie = xcb_translate_coordinates(x.get(), source.nativeID, x.root(), 0, 0);
     XcbReply<xcb_get_geometry_reply_t> geometry(xcb_get_geometry_reply(x.get(), geometryCookie, nullptr));
     XcbReply<xcb_translate_coordinates_reply_t> origin(xcb_translate_coordinates_reply(x.get(), originCookie, nullptr));
-    if (!geometry || !origin) return false;
+    if (!geometry || !origin) {
+      throwIfDisconnected();
+      return false;
+    }
     RectValue frame{double(origin->dst_x), double(origin->dst_y), double(geometry->width), double(geometry->height)};
     if (frame.width != windowFrame.width || frame.height != windowFrame.height) pixmapStale = true;
     windowFrame = frame;
@@ -228,6 +231,10 @@ struct X11ScreenStream::State {
           throw CaptureError(CaptureError::Case::windowGone);
       }
     }
+    throwIfDisconnected();
+  }
+
+  void throwIfDisconnected() const {
     if (x.hasError()) throwCaptureFailed("the connection to the X server was lost");
   }
 
@@ -292,6 +299,7 @@ struct X11ScreenStream::State {
         &rawError));
     XcbReply<xcb_generic_error_t> error(rawError);
     if (!reply) {
+      throwIfDisconnected();
       // The screen shrank under a display or an area (a monitor unplugged, a resolution change).
       if (!isWindow)
         throw CaptureError(CaptureError::Case::sourceNotFound,

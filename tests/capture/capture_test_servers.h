@@ -40,6 +40,8 @@ class XvfbServer {
  public:
   XvfbServer();
   const std::string& display() const { return display_; }
+  // Ends the server now, as a crash or a logout would.
+  void kill() { process_.reset(); }
 
  private:
   TemporaryDirectory folder_;
@@ -54,6 +56,8 @@ class PulseAudioServer {
   PulseAudioServer();
   const std::string& server() const { return server_; }
   const std::filesystem::path& folder() const { return folder_.path(); }
+  // Ends the server now, as a crash or a logout would.
+  void kill() { process_.reset(); }
 
  private:
   TemporaryDirectory folder_;

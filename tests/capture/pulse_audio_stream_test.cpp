@@ -118,5 +118,26 @@ TEST(PulseAudioStream, SystemAudioDeliversWhatIsPlayedInRealTime) {
   }
 }
 
+TEST(PulseAudioStream, AServerThatGoesAwayEndsTheStream) {
+  PulseAudioServer server;
+  PulseAudioStream stream(PulseAudioCapture::systemAudio, "", server.server());
+  std::mutex lock;
+  std::exception_ptr ended;
+  stream.start([](const AudioBuffer&) {},
+               [&](std::exception_ptr error) {
+                 std::lock_guard guard(lock);
+                 ended = error;
+               });
+  server.kill();
+  for (int i = 0; i < 200; ++i) {
+    std::this_thread::sleep_for(10ms);
+    std::lock_guard guard(lock);
+    if (ended) break;
+  }
+  std::lock_guard guard(lock);
+  ASSERT_TRUE(ended);
+  EXPECT_ERROR_CASE(std::rethrow_exception(ended), CaptureError, CaptureError::Case::audioCaptureFailed);
+}
+
 }  // namespace
 }  // namespace vumo

@@ -245,5 +245,22 @@ TEST(X11ScreenStream, ACoveredWindowStillRecordsAndItsEndEndsTheStream) {
                     CaptureError::Case::windowGone);
 }
 
+TEST(X11ScreenStream, AServerThatGoesAwayEndsTheStream) {
+  XvfbServer server;
+  X11ScreenStream stream(displayCaptureSource(screen), 30, server.display());
+  FrameLog log;
+  log.start(stream);
+  std::this_thread::sleep_for(100ms);
+  server.kill();
+  for (int i = 0; i < 100; ++i) {
+    std::this_thread::sleep_for(20ms);
+    std::lock_guard guard(log.lock);
+    if (log.stopped) break;
+  }
+  std::lock_guard guard(log.lock);
+  ASSERT_TRUE(log.stopped);
+  EXPECT_ERROR_CASE(std::rethrow_exception(log.stoppedWith), CaptureError, CaptureError::Case::screenCaptureFailed);
+}
+
 }  // namespace
 }  // namespace vumo
