@@ -283,10 +283,10 @@ struct PulseAudioStream::State {
   }
 
   void start() {
-    pa_sample_spec spec{PA_SAMPLE_FLOAT32LE, sampleRate, channelCount};
+    pa_sample_spec format{PA_SAMPLE_FLOAT32LE, sampleRate, channelCount};
     pa_channel_map map;
     pa_channel_map_init_stereo(&map);
-    stream = pa_stream_new(connection.context(), "Vumo recording", &spec, &map);
+    stream = pa_stream_new(connection.context(), "Vumo recording", &format, &map);
     if (!stream)
       throw CaptureError(CaptureError::Case::audioCaptureFailed, pa_strerror(pa_context_errno(connection.context())));
     pa_stream_set_state_callback(
