@@ -1,0 +1,417 @@
+#include "capture/x11_screen_stream.h"
+
+#include <fmt/core.h>
+#include <pthread.h>
+#include <sys/ipc.h>
+#include <sys/shm.h>
+#include <xcb/composite.h>
+#include <xcb/damage.h>
+#include <xcb/shm.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <condition_variable>
+#include <cstring>
+#include <mutex>
+#include <thread>
+
+#include "capture/capture_error.h"
+#include "capture/x11_connection.h"
+#include "capture/x11_source_catalogue.h"
+
+namespace vumo {
+
+namespace {
+
+constexpr std::uint64_t nanosecondsPerSecond = 1'000'000'000;
+// Buffers the stream keeps for reuse. The writer holds a few frames at a time; when it holds more,
+// a frame gets a buffer of its own that is freed after use.
+constexpr std::size_t pooledBuffers = 8;
+// How often a window's position is asked for when no event announced a change.
+constexpr std::uint64_t windowProbeIntervalNanoseconds = 100'000'000;
+
+[[noreturn]] void throwCaptureFailed(const std::string& detail) {
+  throw CaptureError(CaptureError::Case::screenCaptureFailed, detail);
+}
+
+// A System V shared memory segment attached both here and in the X server, which copies pictures
+// into it with no socket traffic.
+class SharedMemorySegment {
+ public:
+  SharedMemorySegment(xcb_connection_t* connection, std::size_t bytes) : connection_(connection), size_(bytes) {
+    int id = shmget(IPC_PRIVATE, bytes, IPC_CREAT | 0600);
+    if (id < 0) throwCaptureFailed(fmt::format("no shared memory segment of {} bytes", bytes));
+    void* address = shmat(id, nullptr, 0);
+    if (address == reinterpret_cast<void*>(-1)) {
+      shmctl(id, IPC_RMID, nullptr);
+      throwCaptureFailed("the shared memory segment could not be attached");
+    }
+    address_ = static_cast<std::uint8_t*>(address);
+    segment_ = xcb_generate_id(connection);
+    XcbReply<xcb_generic_error_t> error(
+        xcb_request_check(connection, xcb_shm_attach_checked(connection, segment_, id, 0)));
+    // Once both sides are attached the segment can be marked for removal: it goes away with the
+    // last detach, even if this process dies.
+    shmctl(id, IPC_RMID, nullptr);
+    if (error) {
+      shmdt(address_);
+      throwCaptureFailed("the X server cannot share memory with this program (a remote display?)");
+    }
+  }
+  ~SharedMemorySegment() {
+    xcb_shm_detach(connection_, segment_);
+    xcb_flush(connection_);
+    shmdt(address_);
+  }
+  SharedMemorySegment(const SharedMemorySegment&) = delete;
+  SharedMemorySegment& operator=(const SharedMemorySegment&) = delete;
+
+  std::size_t size() const { return size_; }
+  const std::uint8_t* data() const { return address_; }
+  xcb_shm_seg_t segment() const { return segment_; }
+
+ private:
+  xcb_connection_t* connection_;
+  std::size_t size_;
+  std::uint8_t* address_ = nullptr;
+  xcb_shm_seg_t segment_ = 0;
+};
+
+bool intersects(const xcb_rectangle_t& a, const RectValue& b) {
+  return a.x < b.x + b.width && b.x < a.x + a.width && a.y < b.y + b.height && b.y < a.y + a.height;
+}
+
+// The bits per pixel of the server's pictures of one depth; the copy below reads 32-bit pixels
+// in the order B, G, R, X.
+int bitsPerPixel(const xcb_setup_t* setup, int depth) {
+  for (auto it = xcb_setup_pixmap_formats_iterator(setup); it.rem > 0; xcb_format_next(&it))
+    if (it.data->depth == depth) return it.data->bits_per_pixel;
+  return 0;
+}
+
+}  // namespace
+
+struct X11ScreenStream::State {
+  CaptureSourceDescriptor source;
+  std::uint64_t framesPerSecond = 30;
+  X11Connection x;
+  const xcb_query_extension_reply_t* damageExtension = nullptr;
+  bool isWindow = false;
+
+  std::function<void(const VideoFrame&)> onFrame;
+  StreamStoppedHandler onStopped;
+  std::thread worker;
+  std::mutex wakeLock;
+  std::condition_variable wake;
+  bool stopping = false;
+  std::atomic<std::int64_t> missed{0};
+
+  // Only the worker touches what follows.
+  std::unique_ptr<SharedMemorySegment> segment;
+  xcb_damage_damage_t damage = 0;
+  bool damaged = true;
+  // The root rectangle of a display or an area.
+  RectValue captureRect;
+  // A window: its named pixmap (none while unmapped), its border, its frame on the root.
+  xcb_pixmap_t windowPixmap = XCB_NONE;
+  bool pixmapStale = true;
+  int borderWidth = 0;
+  RectValue windowFrame;
+  bool windowProbeDue = true;
+  std::uint64_t lastWindowProbe = 0;
+
+  std::vector<std::shared_ptr<PixelBuffer>> pool;
+  std::shared_ptr<PixelBuffer> last;
+
+  State(CaptureSourceDescriptor source_, int fps, const std::string& displayName)
+      : source(std::move(source_)), framesPerSecond(std::uint64_t(std::max(fps, 1))), x(displayName) {
+    x.requireExtension(&xcb_shm_id, "MIT-SHM");
+    damageExtension = &x.requireExtension(&xcb_damage_id, "DAMAGE");
+    XcbReply<xcb_damage_query_version_reply_t>(
+        xcb_damage_query_version_reply(x.get(), xcb_damage_query_version(x.get(), 1, 1), nullptr));
+    const xcb_setup_t* setup = xcb_get_setup(x.get());
+    if (setup->image_byte_order != XCB_IMAGE_ORDER_LSB_FIRST)
+      throwCaptureFailed("the X server sends pictures in most-significant-byte-first order");
+    isWindow = source.kind == CaptureSourceKind::window;
+    if (isWindow) {
+      x.requireExtension(&xcb_composite_id, "Composite");
+      XcbReply<xcb_composite_query_version_reply_t> version(
+          xcb_composite_query_version_reply(x.get(), xcb_composite_query_version(x.get(), 0, 4), nullptr));
+      if (!version || (version->major_version == 0 && version->minor_version < 2))
+        throw CaptureError(CaptureError::Case::extensionMissing, "Composite 0.2");
+      if (!probeWindow()) throw CaptureError(CaptureError::Case::windowGone);
+    } else {
+      if (bitsPerPixel(setup, x.screen()->root_depth) != 32)
+        throwCaptureFailed(fmt::format("pictures of depth {} are not 32 bits a pixel", x.screen()->root_depth));
+      PixelSize size = source.initialPixelSize;
+      captureRect = RectValue{std::round(source.globalFrame.x), std::round(source.globalFrame.y), double(size.width),
+                              double(size.height)};
+      bool inside = captureRect.x >= 0 && captureRect.y >= 0 &&
+                    captureRect.x + captureRect.width <= x.screen()->width_in_pixels &&
+                    captureRect.y + captureRect.height <= x.screen()->height_in_pixels;
+      if (!inside || size.width <= 0 || size.height <= 0)
+        throw CaptureError(CaptureError::Case::sourceNotFound,
+                           fmt::format("{} is no longer on the screen of {}", source.title, x.displayName()));
+    }
+  }
+
+  xcb_drawable_t target() const { return isWindow ? xcb_drawable_t(source.nativeID) : x.root(); }
+
+  // The window's size and position on the root; false once it no longer exists.
+  bool probeWindow() {
+    auto geometryCookie = xcb_get_geometry(x.get(), source.nativeID);
+    auto originCookie = xcb_translate_coordinates(x.get(), source.nativeID, x.root(), 0, 0);
+    XcbReply<xcb_get_geometry_reply_t> geometry(xcb_get_geometry_reply(x.get(), geometryCookie, nullptr));
+    XcbReply<xcb_translate_coordinates_reply_t> origin(xcb_translate_coordinates_reply(x.get(), originCookie, nullptr));
+    if (!geometry || !origin) {
+      throwIfDisconnected();
+      return false;
+    }
+    RectValue frame{double(origin->dst_x), double(origin->dst_y), double(geometry->width), double(geometry->height)};
+    if (frame.width != windowFrame.width || frame.height != windowFrame.height) pixmapStale = true;
+    windowFrame = frame;
+    borderWidth = geometry->border_width;
+    if (bitsPerPixel(xcb_get_setup(x.get()), geometry->depth) != 32)
+      throwCaptureFailed(fmt::format("the window's pictures of depth {} are not 32 bits a pixel", geometry->depth));
+    lastWindowProbe = monotonicNanoseconds();
+    windowProbeDue = false;
+    return true;
+  }
+
+  void setUp() {
+    if (isWindow) {
+      // Automatic redirection keeps the window on screen as before and gives it an off-screen
+      // pixmap that other windows cannot cover.
+      XcbReply<xcb_generic_error_t> error(xcb_request_check(
+          x.get(), xcb_composite_redirect_window_checked(x.get(), source.nativeID, XCB_COMPOSITE_REDIRECT_AUTOMATIC)));
+      if (error && !probeWindow()) throw CaptureError(CaptureError::Case::windowGone);
+      std::uint32_t mask = XCB_EVENT_MASK_STRUCTURE_NOTIFY;
+      xcb_change_window_attributes(x.get(), source.nativeID, XCB_CW_EVENT_MASK, &mask);
+    }
+    damage = xcb_generate_id(x.get());
+    xcb_damage_create(x.get(), damage, target(), XCB_DAMAGE_REPORT_LEVEL_BOUNDING_BOX);
+    // A new damage object reports its whole window at once. The round trip puts that report in the
+    // queue before the first copy, which clears it, so it does not turn the second tick into a copy.
+    x.sync();
+  }
+
+  void tearDown() {
+    if (x.hasError()) return;
+    if (damage) xcb_damage_destroy(x.get(), damage);
+    if (windowPixmap != XCB_NONE) xcb_free_pixmap(x.get(), windowPixmap);
+    windowPixmap = XCB_NONE;
+    if (isWindow) {
+      std::uint32_t mask = 0;
+      xcb_change_window_attributes(x.get(), source.nativeID, XCB_CW_EVENT_MASK, &mask);
+      xcb_composite_unredirect_window(x.get(), source.nativeID, XCB_COMPOSITE_REDIRECT_AUTOMATIC);
+    }
+    segment.reset();
+    x.sync();
+  }
+
+  // Reads what the server reported since the last tick: damage, and for a window its moves,
+  // resizes, mapping and end.
+  void handleEvents() {
+    while (XcbReply<xcb_generic_event_t> event{xcb_poll_for_event(x.get())}) {
+      std::uint8_t type = event->response_type & 0x7F;
+      if (type == damageExtension->first_event + XCB_DAMAGE_NOTIFY) {
+        auto* notify = reinterpret_cast<xcb_damage_notify_event_t*>(event.get());
+        if (isWindow || intersects(notify->area, captureRect)) damaged = true;
+      } else if (type == XCB_CONFIGURE_NOTIFY) {
+        windowProbeDue = true;
+      } else if (type == XCB_MAP_NOTIFY) {
+        pixmapStale = true;
+        damaged = true;
+      } else if (type == XCB_UNMAP_NOTIFY) {
+        pixmapStale = true;
+      } else if (type == XCB_DESTROY_NOTIFY) {
+        if (reinterpret_cast<xcb_destroy_notify_event_t*>(event.get())->window == source.nativeID)
+          throw CaptureError(CaptureError::Case::windowGone);
+      }
+    }
+    throwIfDisconnected();
+  }
+
+  void throwIfDisconnected() const {
+    if (x.hasError()) throwCaptureFailed("the connection to the X server was lost");
+  }
+
+  // The window's current pixmap, named anew after a resize or a new mapping. None while the
+  // window is not viewable.
+  bool refreshWindowPixmap() {
+    if (!pixmapStale) return windowPixmap != XCB_NONE;
+    if (windowPixmap != XCB_NONE) xcb_free_pixmap(x.get(), windowPixmap);
+    windowPixmap = xcb_generate_id(x.get());
+    XcbReply<xcb_generic_error_t> error(
+        xcb_request_check(x.get(), xcb_composite_name_window_pixmap_checked(x.get(), source.nativeID, windowPixmap)));
+    pixmapStale = false;
+    if (error) windowPixmap = XCB_NONE;
+    damaged = true;
+    return windowPixmap != XCB_NONE;
+  }
+
+  std::shared_ptr<PixelBuffer> acquireBuffer(int width, int height) {
+    std::shared_ptr<PixelBuffer> buffer;
+    for (auto& candidate : pool)
+      if (candidate.use_count() == 1) {
+        buffer = candidate;
+        break;
+      }
+    if (!buffer) {
+      buffer = std::make_shared<PixelBuffer>();
+      if (pool.size() < pooledBuffers) pool.push_back(buffer);
+    }
+    buffer->width = width;
+    buffer->height = height;
+    buffer->stride = width * 4;
+    buffer->bytes.resize(std::size_t(buffer->stride) * std::size_t(height));
+    return buffer;
+  }
+
+  // Copies the source into a free buffer; nothing when the picture cannot be had this tick (a
+  // window that is unmapped or being resized).
+  std::shared_ptr<PixelBuffer> copyPicture() {
+    xcb_drawable_t drawable = x.root();
+    int left = int(captureRect.x), top = int(captureRect.y);
+    PixelSize size = source.initialPixelSize;
+    if (isWindow) {
+      if (!refreshWindowPixmap()) return nullptr;
+      drawable = windowPixmap;
+      left = top = borderWidth;
+      size = evenPixelSize(windowFrame.width, windowFrame.height);
+    }
+    std::size_t bytes = std::size_t(size.width) * std::size_t(size.height) * 4;
+    if (!segment || segment->size() < bytes) {
+      segment.reset();
+      segment = std::make_unique<SharedMemorySegment>(x.get(), bytes);
+    }
+    // The damage is cleared before the copy, in the same request stream: whatever is drawn after
+    // this point is reported again and copied at the next tick.
+    xcb_damage_subtract(x.get(), damage, XCB_NONE, XCB_NONE);
+    damaged = false;
+    xcb_generic_error_t* rawError = nullptr;
+    XcbReply<xcb_shm_get_image_reply_t> reply(xcb_shm_get_image_reply(
+        x.get(),
+        xcb_shm_get_image(x.get(), drawable, std::int16_t(left), std::int16_t(top), std::uint16_t(size.width),
+                          std::uint16_t(size.height), ~0u, XCB_IMAGE_FORMAT_Z_PIXMAP, segment->segment(), 0),
+        &rawError));
+    XcbReply<xcb_generic_error_t> error(rawError);
+    if (!reply) {
+      throwIfDisconnected();
+      // The screen shrank under a display or an area (a monitor unplugged, a resolution change).
+      if (!isWindow)
+        throw CaptureError(CaptureError::Case::sourceNotFound,
+                           fmt::format("{} is no longer on the screen of {}", source.title, x.displayName()));
+      // A window resized between the probe and the copy: try again at the next tick.
+      pixmapStale = windowProbeDue = damaged = true;
+      return nullptr;
+    }
+    auto buffer = acquireBuffer(int(size.width), int(size.height));
+    const auto* from = reinterpret_cast<const std::uint32_t*>(segment->data());
+    auto* to = reinterpret_cast<std::uint32_t*>(buffer->bytes.data());
+    std::size_t count = std::size_t(size.width) * std::size_t(size.height);
+    // The fourth byte of a 24-bit picture is whatever the server left there.
+    for (std::size_t i = 0; i < count; ++i) to[i] = from[i] | 0xFF000000u;
+    return buffer;
+  }
+
+  GeometryFrameMetadata metadata() const {
+    GeometryFrameMetadata metadata;
+    metadata.globalFrame = isWindow ? windowFrame : source.globalFrame;
+    metadata.contentRect = RectValue{0, 0, metadata.globalFrame.width, metadata.globalFrame.height};
+    metadata.scaleFactor = 1;
+    return metadata;
+  }
+
+  // Waits until the deadline; false when the stream is stopped meanwhile.
+  bool sleepUntil(std::uint64_t deadline) {
+    std::unique_lock lock(wakeLock);
+    auto until = std::chrono::steady_clock::time_point(std::chrono::nanoseconds(deadline));
+    return !wake.wait_until(lock, until, [&] { return stopping; });
+  }
+
+  bool isStopping() {
+    std::lock_guard lock(wakeLock);
+    return stopping;
+  }
+
+  void run() {
+    try {
+      setUp();
+      std::uint64_t start = monotonicNanoseconds();
+      auto deadlineOf = [&](std::uint64_t tick) { return start + tick * nanosecondsPerSecond / framesPerSecond; };
+      std::uint64_t tick = 0;
+      while (sleepUntil(deadlineOf(tick))) {
+        std::uint64_t deadline = deadlineOf(tick);
+        handleEvents();
+        if (isWindow &&
+            (windowProbeDue || monotonicNanoseconds() - lastWindowProbe >= windowProbeIntervalNanoseconds) &&
+            !probeWindow())
+          throw CaptureError(CaptureError::Case::windowGone);
+        bool changed = false;
+        if (damaged || !last) {
+          if (auto copied = copyPicture()) {
+            last = std::move(copied);
+            changed = true;
+          }
+        }
+        if (last) {
+          VideoFrame frame;
+          frame.pixels = last;
+          frame.presentationNanoseconds = std::int64_t(deadline);
+          frame.displayTimeNanoseconds = deadline;
+          frame.metadata = metadata();
+          frame.changed = changed;
+          onFrame(frame);
+        } else {
+          missed.fetch_add(1);
+        }
+        // The next tick is the first whose deadline is still ahead; those passed meanwhile are lost.
+        std::uint64_t now = monotonicNanoseconds();
+        std::uint64_t next = std::max(tick + 1, (now - start) * framesPerSecond / nanosecondsPerSecond + 1);
+        missed.fetch_add(std::int64_t(next - tick - 1));
+        tick = next;
+      }
+      tearDown();
+    } catch (...) {
+      auto error = std::current_exception();
+      try {
+        tearDown();
+      } catch (...) {
+      }
+      if (!isStopping() && onStopped) onStopped(error);
+    }
+  }
+};
+
+X11ScreenStream::X11ScreenStream(CaptureSourceDescriptor source, int framesPerSecond, const std::string& displayName)
+    : state_(std::make_unique<State>(std::move(source), framesPerSecond, displayName)) {}
+
+X11ScreenStream::~X11ScreenStream() { stop(); }
+
+PixelSize X11ScreenStream::pixelSize() const { return state_->source.initialPixelSize; }
+
+void X11ScreenStream::start(std::function<void(const VideoFrame&)> onFrame, StreamStoppedHandler onStopped) {
+  if (state_->worker.joinable()) return;
+  state_->onFrame = std::move(onFrame);
+  state_->onStopped = std::move(onStopped);
+  state_->worker = std::thread([state = state_.get()] {
+    pthread_setname_np(pthread_self(), "Vumo.Screen");
+    state->run();
+  });
+}
+
+void X11ScreenStream::stop() {
+  {
+    std::lock_guard lock(state_->wakeLock);
+    state_->stopping = true;
+  }
+  state_->wake.notify_all();
+  if (state_->worker.joinable()) state_->worker.join();
+}
+
+std::int64_t X11ScreenStream::missedTicks() const { return state_->missed.load(); }
+
+}  // namespace vumo
