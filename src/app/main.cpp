@@ -10,8 +10,10 @@
 #include <vector>
 
 #include "agent/agent_prompt_builder.h"
+#include "cli/desktop_recording_platform.h"
 #include "cli/export_command.h"
 #include "cli/prompt_command.h"
+#include "cli/record_command.h"
 #include "cli/settings_command.h"
 #include "cli/signal_cancellation.h"
 #include "cli/vumo_cli.h"
@@ -62,6 +64,13 @@ struct VumoEntryPoint {
     return exportCommand.run(arguments);
   }
 
+  static int runRecord(const std::vector<std::string>& arguments) {
+    RecordSignals signals;
+    RecordCommand record(signals, VumoCLI::Streams::process(), ::isatty(STDERR_FILENO) == 1,
+                         makeDesktopRecordingPlatform());
+    return record.run(arguments);
+  }
+
   static int runApplication() {
     std::fputs(
         "vumo: the desktop application is not available in this build; run `vumo cli` for the agent command line.\n",
@@ -71,13 +80,15 @@ struct VumoEntryPoint {
 
   static int main(int argc, char** argv) {
     const std::string_view verb = argc < 2 ? std::string_view() : std::string_view(argv[1]);
-    if (verb != "cli" && verb != "settings" && verb != "prompt" && verb != "export") return runApplication();
+    if (verb != "cli" && verb != "settings" && verb != "prompt" && verb != "export" && verb != "record")
+      return runApplication();
     // A reader that went away is a failed write (EPIPE), reported like any other, not a silent
     // death by signal.
     std::signal(SIGPIPE, SIG_IGN);
     if (verb == "settings") return runSettings({argv + 2, argv + argc});
     if (verb == "prompt") return runPrompt({argv + 2, argv + argc});
     if (verb == "export") return runExport({argv + 2, argv + argc});
+    if (verb == "record") return runRecord({argv + 2, argv + argc});
     std::vector<std::string> arguments(argv + 2, argv + argc);
     if (!arguments.empty() && (arguments.front() == "version" || arguments.front() == "--version")) {
       return printVersion();

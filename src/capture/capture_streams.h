@@ -65,7 +65,7 @@ struct PointerEvent {
   MousePhase phase = MousePhase::moved;
 };
 
-// The pointer's current image: premultiplied-alpha PNG bytes, its size and hot spot in points.
+// The pointer's current image: PNG bytes (straight alpha), its size and hot spot in points.
 struct CapturedCursorShape {
   std::string pngData;
   SizeValue logicalSize;

@@ -72,4 +72,15 @@ void X11Connection::sync() const {
       xcb_get_input_focus_reply(connection_, xcb_get_input_focus(connection_), nullptr));
 }
 
+std::optional<X11WindowPlacement> windowPlacement(const X11Connection& x, xcb_window_t window) {
+  auto geometryCookie = xcb_get_geometry(x.get(), window);
+  auto originCookie = xcb_translate_coordinates(x.get(), window, x.root(), 0, 0);
+  XcbReply<xcb_get_geometry_reply_t> geometry(xcb_get_geometry_reply(x.get(), geometryCookie, nullptr));
+  XcbReply<xcb_translate_coordinates_reply_t> origin(xcb_translate_coordinates_reply(x.get(), originCookie, nullptr));
+  if (!geometry || !origin) return std::nullopt;
+  return X11WindowPlacement{
+      RectValue{double(origin->dst_x), double(origin->dst_y), double(geometry->width), double(geometry->height)},
+      geometry->border_width, geometry->depth};
+}
+
 }  // namespace vumo

@@ -7,8 +7,11 @@
 
 #include <cstdlib>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
+
+#include "shared/geometry.h"
 
 namespace vumo {
 
@@ -53,5 +56,16 @@ class X11Connection {
   xcb_screen_t* screen_ = nullptr;
   std::string displayName_;
 };
+
+// A window's client area on the root, with what a copy of its pixels needs to know.
+struct X11WindowPlacement {
+  RectValue frame;
+  std::uint16_t borderWidth = 0;
+  std::uint8_t depth = 0;
+};
+
+// Asks for the geometry and the root position at once (one round trip); none once the window no
+// longer exists.
+std::optional<X11WindowPlacement> windowPlacement(const X11Connection& x, xcb_window_t window);
 
 }  // namespace vumo

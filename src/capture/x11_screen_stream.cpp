@@ -161,20 +161,17 @@ struct X11ScreenStream::State {
 
   // The window's size and position on the root; false once it no longer exists.
   bool probeWindow() {
-    auto geometryCookie = xcb_get_geometry(x.get(), source.nativeID);
-    auto originCookie = xcb_translate_coordinates(x.get(), source.nativeID, x.root(), 0, 0);
-    XcbReply<xcb_get_geometry_reply_t> geometry(xcb_get_geometry_reply(x.get(), geometryCookie, nullptr));
-    XcbReply<xcb_translate_coordinates_reply_t> origin(xcb_translate_coordinates_reply(x.get(), originCookie, nullptr));
-    if (!geometry || !origin) {
+    const std::optional<X11WindowPlacement> placement = windowPlacement(x, source.nativeID);
+    if (!placement) {
       throwIfDisconnected();
       return false;
     }
-    RectValue frame{double(origin->dst_x), double(origin->dst_y), double(geometry->width), double(geometry->height)};
+    const RectValue& frame = placement->frame;
     if (frame.width != windowFrame.width || frame.height != windowFrame.height) pixmapStale = true;
     windowFrame = frame;
-    borderWidth = geometry->border_width;
-    if (bitsPerPixel(xcb_get_setup(x.get()), geometry->depth) != 32)
-      throwCaptureFailed(fmt::format("the window's pictures of depth {} are not 32 bits a pixel", geometry->depth));
+    borderWidth = placement->borderWidth;
+    if (bitsPerPixel(xcb_get_setup(x.get()), placement->depth) != 32)
+      throwCaptureFailed(fmt::format("the window's pictures of depth {} are not 32 bits a pixel", placement->depth));
     lastWindowProbe = monotonicNanoseconds();
     windowProbeDue = false;
     return true;

@@ -590,6 +590,9 @@ RecordingMediaWriter::RecordingMediaWriter(const RecordingWriterConfiguration& c
     : state_(std::make_unique<State>()) {
   State& s = *state_;
   s.configuration = configuration;
+  // Encoders that cannot open (a hardware one without its driver) and x264's statistics would
+  // otherwise talk over the recorder's own status line; failures reach the caller as errors.
+  av_log_set_level(AV_LOG_QUIET);
   std::error_code error;
   std::filesystem::remove(configuration.url, error);
   if (error) throw FileError(fmt::format("Could not remove {}: {}", configuration.url.string(), error.message()));

@@ -269,6 +269,7 @@ std::vector<VideoDeviceDescription> listVideoDevices(const std::filesystem::path
 }
 
 std::unique_ptr<VideoCaptureStream> makeVideoDeviceStream(const VideoDeviceRequest& request) {
+  av_log_set_level(AV_LOG_QUIET);
   return std::make_unique<DeviceStream>(request);
 }
 

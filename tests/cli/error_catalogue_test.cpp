@@ -17,6 +17,7 @@
 #include "agent/edit_plan_exchange.h"
 #include "agent/timeline_plan_engine.h"
 #include "captions/caption_errors.h"
+#include "capture/capture_error.h"
 #include "cli/cli_errors.h"
 #include "cli/prompt_command.h"
 #include "editor/project_timeline_watcher.h"
@@ -211,6 +212,7 @@ std::vector<std::string> everyCase() {
     return RecordingMediaWriterError(
         kind, kind == RecordingMediaWriterError::Case::cannotAddInput ? "microphone" : "No space left on device");
   });
+  listing.add<CaptureError>([](auto kind) { return CaptureError(kind, ":99"); });
   listing.add<VideoDeviceError>([](auto kind) { return VideoDeviceError(kind, "/dev/video4"); });
   listing.add<CaptionAudioExporterError>([](CaptionAudioExporterError::Case kind) {
     return kind == CaptionAudioExporterError::Case::missingTrack
