@@ -9,7 +9,7 @@
 #include <thread>
 
 #include "capture/capture_error.h"
-#include "capture_test_servers.h"
+#include "support/desktop_servers.h"
 
 namespace vumo {
 namespace {

@@ -8,7 +8,7 @@
 #include <thread>
 
 #include "capture/x11_cursor_shape_provider.h"
-#include "capture_test_servers.h"
+#include "support/desktop_servers.h"
 
 namespace vumo {
 namespace {

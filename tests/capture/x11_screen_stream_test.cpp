@@ -10,7 +10,7 @@
 
 #include "capture/capture_error.h"
 #include "capture/x11_source_catalogue.h"
-#include "capture_test_servers.h"
+#include "support/desktop_servers.h"
 
 namespace vumo {
 namespace {

@@ -7,7 +7,7 @@
 
 #include "capture/capture_error.h"
 #include "capture/x11_connection.h"
-#include "capture_test_servers.h"
+#include "support/desktop_servers.h"
 #include "shared/json.h"
 
 namespace vumo {

@@ -1,4 +1,4 @@
-#include "capture_test_servers.h"
+#include "support/desktop_servers.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -43,7 +43,7 @@ std::filesystem::path requireProgram(const std::string& name, const std::string&
     if (!candidate.parent_path().empty() && ::access(candidate.c_str(), X_OK) == 0) return candidate;
     begin = end + 1;
   }
-  throw std::runtime_error(name + " is not installed; the capture tests need the package " + package +
+  throw std::runtime_error(name + " is not installed; recording tests need the package " + package +
                            " (scripts/install-deps installs it)");
 }
 

@@ -1,7 +1,8 @@
 #pragma once
 
-// The X server and the sound server that the capture tests record from, each a private instance
-// started for one test and ended with it, so no test sees the user's screen or sound.
+// The X server and the sound server that the capture and recording tests and benchmarks record
+// from, each a private instance started for one test and ended with it, so nothing sees the user's
+// screen or sound.
 
 #include <sys/types.h>
 #include <xcb/xcb.h>
