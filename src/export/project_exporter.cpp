@@ -38,9 +38,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using ExporterCase = ProjectExporterError::Case;
 
-constexpr int audioSampleRate = 48'000;
-constexpr int audioChannelCount = 2;
-constexpr std::int64_t audioBitRate = 192'000;
+constexpr int audioSampleRate = media_detail::aacSampleRate;
+constexpr int audioChannelCount = media_detail::aacChannelCount;
 // Sound is written up to this far ahead of the picture, so the muxer never waits long for either.
 constexpr std::int64_t audioLeadNanoseconds = 2'000'000'000;
 constexpr std::int64_t nanosecondsPerSecond = 1'000'000'000;
@@ -81,17 +80,8 @@ VideoEncoder openVideoEncoder(const ResolvedExportConfiguration& resolved, Pixel
 }
 
 CodecContextPtr openAudioEncoder(bool globalHeader) {
-  const AVCodec* codec = avcodec_find_encoder(AV_CODEC_ID_AAC);
-  if (codec == nullptr) fail(ExporterCase::writerInput);
-  CodecContextPtr context(avcodec_alloc_context3(codec));
+  CodecContextPtr context = media_detail::openAacEncoder(globalHeader);
   if (!context) fail(ExporterCase::writerInput);
-  context->sample_rate = audioSampleRate;
-  context->sample_fmt = AV_SAMPLE_FMT_FLTP;
-  av_channel_layout_default(&context->ch_layout, audioChannelCount);
-  context->bit_rate = audioBitRate;
-  context->time_base = AVRational{1, audioSampleRate};
-  if (globalHeader) context->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
-  if (avcodec_open2(context.get(), codec, nullptr) < 0) fail(ExporterCase::writerInput);
   return context;
 }
 

@@ -45,9 +45,8 @@ constexpr ErrorCase<WriterCase> writerCases[] = {
 static_assert(inCaseOrder(writerCases));
 
 constexpr std::int64_t nanosecondsPerSecond = 1'000'000'000;
-constexpr int audioSampleRate = 48'000;
-constexpr int audioChannelCount = 2;
-constexpr std::int64_t audioBitRate = 192'000;
+constexpr int audioSampleRate = media_detail::aacSampleRate;
+constexpr int audioChannelCount = media_detail::aacChannelCount;
 constexpr std::int64_t webcamBitRate = 4'000'000;
 // Video timestamps: the frames arrive at any nanosecond, not on a grid of the frame rate.
 constexpr AVRational videoTimeBase{1, 90'000};
@@ -122,21 +121,6 @@ struct TrackOffsets {
   std::optional<std::int64_t> last;
   std::int64_t drift() const { return first && last ? std::abs(*last - *first) : 0; }
 };
-
-CodecContextPtr openAudioEncoder(bool globalHeader) {
-  const AVCodec* codec = avcodec_find_encoder(AV_CODEC_ID_AAC);
-  if (codec == nullptr) return nullptr;
-  CodecContextPtr context(avcodec_alloc_context3(codec));
-  if (!context) return nullptr;
-  context->sample_rate = audioSampleRate;
-  context->sample_fmt = AV_SAMPLE_FMT_FLTP;
-  av_channel_layout_default(&context->ch_layout, audioChannelCount);
-  context->bit_rate = audioBitRate;
-  context->time_base = AVRational{1, audioSampleRate};
-  if (globalHeader) context->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
-  if (avcodec_open2(context.get(), codec, nullptr) < 0) return nullptr;
-  return context;
-}
 
 // Where a picture of `source` goes inside `target` with its aspect kept, both sides even.
 struct PlacedRect {
@@ -239,7 +223,7 @@ struct RecordingMediaWriter::State {
   AudioTrack makeAudioTrack(const RecordingWriterText& name) {
     auto fail = [&name] { return RecordingMediaWriterError(WriterCase::cannotAddInput, name.englishText); };
     AudioTrack track;
-    track.encoder = openAudioEncoder(true);
+    track.encoder = media_detail::openAacEncoder(true);
     if (!track.encoder) throw fail();
     track.stream = avformat_new_stream(format.get(), nullptr);
     if (track.stream == nullptr || avcodec_parameters_from_context(track.stream->codecpar, track.encoder.get()) < 0)

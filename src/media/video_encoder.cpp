@@ -140,4 +140,19 @@ FramePtr newYuvFrame(PixelSize size) {
   return frame;
 }
 
+CodecContextPtr openAacEncoder(bool globalHeader) {
+  const AVCodec* codec = avcodec_find_encoder(AV_CODEC_ID_AAC);
+  if (codec == nullptr) return nullptr;
+  CodecContextPtr context(avcodec_alloc_context3(codec));
+  if (!context) return nullptr;
+  context->sample_rate = aacSampleRate;
+  context->sample_fmt = AV_SAMPLE_FMT_FLTP;
+  av_channel_layout_default(&context->ch_layout, aacChannelCount);
+  context->bit_rate = aacBitRate;
+  context->time_base = AVRational{1, aacSampleRate};
+  if (globalHeader) context->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+  if (avcodec_open2(context.get(), codec, nullptr) < 0) return nullptr;
+  return context;
+}
+
 }  // namespace vumo::media_detail

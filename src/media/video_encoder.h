@@ -1,6 +1,6 @@
 #pragma once
 
-// Opening a video encoder the way every writer of the program wants it: a hardware encoder only
+// Opening the encoders the way every writer of the program wants them. Video: a hardware encoder only
 // where opening one works (VAAPI on a render node, then NVENC), otherwise the software one. Shared
 // by export and the recording's movie, which differ only in their settings.
 
@@ -43,5 +43,13 @@ bool uploadFrame(AVBufferRef* hardwareFrames, const AVFrame* frame, FramePtr& su
 
 // A frame of `size` in limited-range BT.709 Y'CbCr 4:2:0, tagged so.
 FramePtr newYuvFrame(PixelSize size);
+
+// The sound of every file the program writes: AAC, 48 kHz stereo, 192 kbit/s, planar float in.
+inline constexpr int aacSampleRate = 48'000;
+inline constexpr int aacChannelCount = 2;
+inline constexpr std::int64_t aacBitRate = 192'000;
+
+// Nothing when the AAC encoder does not open.
+CodecContextPtr openAacEncoder(bool globalHeader);
 
 }  // namespace vumo::media_detail

@@ -127,6 +127,10 @@ class RecordingSessionCore {
 
   // Capture thread.
   void post(std::function<void()> job);
+  // Hands a frame to the capture thread unless `pending` frames already wait there: a stalled
+  // writer shows up as counted drops, never as a blocked stream or a growing queue.
+  void postFrame(std::atomic<std::size_t>& pending, const VideoFrame& frame, void (RecordingSessionCore::*drop)(),
+                 void (RecordingSessionCore::*process)(const VideoFrame&));
   void runOnCaptureQueue(std::function<void()> job);
   std::optional<ScreenTiming> outputScreenTiming(std::int64_t inputPTS, std::uint64_t displayTime);
   void processScreen(const VideoFrame& frame);
@@ -504,19 +508,26 @@ void RecordingSessionCore::publishStatus(const std::function<void(RecordingLiveS
 
 // ---- Owner's thread ---------------------------------------------------------------------------
 
+void RecordingSessionCore::postFrame(std::atomic<std::size_t>& pending, const VideoFrame& frame,
+                                     void (RecordingSessionCore::*drop)(),
+                                     void (RecordingSessionCore::*process)(const VideoFrame&)) {
+  if (pending.fetch_add(1) >= settings_.maximumPendingFrames) {
+    pending.fetch_sub(1);
+    (this->*drop)();
+    return;
+  }
+  post([this, &pending, frame, process] {
+    pending.fetch_sub(1);
+    (this->*process)(frame);
+  });
+}
+
 void RecordingSessionCore::startStreams() {
   if (streams_.camera) {
     streams_.camera->start(
         [this](const VideoFrame& frame) {
-          if (pendingWebcamFrames_.fetch_add(1) >= settings_.maximumPendingFrames) {
-            pendingWebcamFrames_.fetch_sub(1);
-            countDroppedWebcamFrame();
-            return;
-          }
-          post([this, frame] {
-            pendingWebcamFrames_.fetch_sub(1);
-            processWebcam(frame);
-          });
+          postFrame(pendingWebcamFrames_, frame, &RecordingSessionCore::countDroppedWebcamFrame,
+                    &RecordingSessionCore::processWebcam);
         },
         [this](std::exception_ptr error) { handleWebcamInterruption(error); });
     cameraRunning_ = true;
@@ -527,15 +538,8 @@ void RecordingSessionCore::startStreams() {
     };
     streams_.video->start(
         [this](const VideoFrame& frame) {
-          if (pendingFrames_.fetch_add(1) >= settings_.maximumPendingFrames) {
-            pendingFrames_.fetch_sub(1);
-            countDroppedVideoFrame();
-            return;
-          }
-          post([this, frame] {
-            pendingFrames_.fetch_sub(1);
-            processScreen(frame);
-          });
+          postFrame(pendingFrames_, frame, &RecordingSessionCore::countDroppedVideoFrame,
+                    &RecordingSessionCore::processScreen);
         },
         onStopped);
     streamsRunning_ = true;
