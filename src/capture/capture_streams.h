@@ -103,6 +103,22 @@ class PointerEventStream {
   virtual void stop() = 0;
 };
 
+// Presses and releases of pointer buttons that come without a position (input devices read
+// directly where the desktop gives no pointer events); the place of a click is the pointer's
+// position at its time, from wherever the position comes.
+struct PointerButtonEvent {
+  std::uint64_t hostTimeNanoseconds = 0;
+  MouseButton button = MouseButton::left;
+  bool pressed = true;
+};
+
+class PointerButtonSource {
+ public:
+  virtual ~PointerButtonSource() = default;
+  virtual void start(std::function<void(const PointerButtonEvent&)> onEvent) = 0;
+  virtual void stop() = 0;
+};
+
 class CursorShapeProvider {
  public:
   virtual ~CursorShapeProvider() = default;
