@@ -18,6 +18,7 @@
 #include "agent/timeline_plan_engine.h"
 #include "captions/caption_errors.h"
 #include "capture/capture_error.h"
+#include "capture/evdev_pointer_buttons.h"
 #include "cli/cli_errors.h"
 #include "cli/prompt_command.h"
 #include "editor/project_timeline_watcher.h"
@@ -213,6 +214,7 @@ std::vector<std::string> everyCase() {
         kind, kind == RecordingMediaWriterError::Case::cannotAddInput ? "microphone" : "No space left on device");
   });
   listing.add<CaptureError>([](auto kind) { return CaptureError(kind, ":99"); });
+  listing.add<PointerDeviceError>([](auto kind) { return PointerDeviceError(kind, "Too many open files"); });
   listing.add<VideoDeviceError>([](auto kind) { return VideoDeviceError(kind, "/dev/video4"); });
   listing.add<CaptionAudioExporterError>([](CaptionAudioExporterError::Case kind) {
     return kind == CaptionAudioExporterError::Case::missingTrack
