@@ -302,6 +302,14 @@ TEST_F(RecordIntegrationTest, ListsTheDisplayTheWindowsAndTheSoundSources) {
   for (const Json& source : answer["audioSources"])
     if (source["name"] == sinkMonitor) monitorListed = source["isMonitor"] == true;
   EXPECT_TRUE(monitorListed) << answer.dump();
+
+  // A Wayland session is refused only where the X server is its Xwayland, which sees no more than
+  // its own clients; a nested server of its own, as the test's is, shows everything drawn on it.
+  testing::ScopedEnvironmentVariable wayland("WAYLAND_DISPLAY", "wayland-0");
+  testing::ScopedEnvironmentVariable sessionType("XDG_SESSION_TYPE", "wayland");
+  const Json nested = answerOf(record({"--list-sources"}));
+  EXPECT_FALSE(nested["x11"].contains("unavailable")) << nested.dump();
+  EXPECT_EQ(nested["x11"]["displays"], answer["x11"]["displays"]);
 }
 
 // One take of the whole screen with sound from both sources and a user at work: clicks at two
