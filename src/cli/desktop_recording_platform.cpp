@@ -148,6 +148,8 @@ class DesktopRecordingPlatform : public RecordingPlatform {
     }
   }
 
+  MediaProbing recordingMediaProbe() override { return module().probeRecordingMedia; }
+
  private:
   static const MediaModule& module() { return MediaModuleLoader::load(); }
 

@@ -23,7 +23,7 @@ const MediaModule& MediaModuleLoader::loadFrom(const std::filesystem::path& file
       module->makeWaveformService == nullptr || module->exportCaptionAudio == nullptr ||
       module->makeStillRenderer == nullptr || module->makeExporter == nullptr ||
       module->makeRecordingMediaWriter == nullptr || module->listVideoDevices == nullptr ||
-      module->makeVideoDeviceStream == nullptr)
+      module->makeVideoDeviceStream == nullptr || module->probeRecordingMedia == nullptr)
     throw MediaModuleError::unavailable(file.string() + " was built for another version of Vumo");
   return *module;
 }

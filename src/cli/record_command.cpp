@@ -112,6 +112,37 @@ RecordRequest parse(const std::vector<std::string>& arguments) {
   return request;
 }
 
+// Packages that a killed recorder left unfinished are completed before this recording makes its
+// own: the headless program has no start-up screen to offer them on. A package whose recorder
+// still runs is held by its lock and left alone. One that cannot be completed stays as it is; the
+// recording asked for goes ahead.
+Json recoverUnfinishedRecordings(ProjectStore& store, const MediaProbing& probe,
+                                 const std::function<void(std::string_view)>& writeError) {
+  Json recovered = Json::array();
+  std::vector<RecoverableProject> candidates;
+  try {
+    candidates = store.recoverableProjects(probe);
+  } catch (const std::exception& error) {
+    writeError(fmt::format("vumo record: could not look for unfinished recordings: {}\n", error.what()));
+    return recovered;
+  }
+  for (const RecoverableProject& candidate : candidates) {
+    try {
+      const ProjectPackage package = store.markRecovered(candidate.package, candidate.mediaDuration);
+      writeError(fmt::format("vumo record: recovered the interrupted recording {} ({} ms) as {}\n",
+                             candidate.manifest.id.string(), candidate.mediaDuration.cliMilliseconds(),
+                             package.rootPath.string()));
+      recovered.push_back({{"projectID", candidate.manifest.id.string()},
+                           {"packagePath", package.rootPath.string()},
+                           {"durationMilliseconds", candidate.mediaDuration.cliMilliseconds()}});
+    } catch (const std::exception& error) {
+      writeError(fmt::format("vumo record: could not recover the interrupted recording {}: {}\n",
+                             candidate.package.rootPath.string(), error.what()));
+    }
+  }
+  return recovered;
+}
+
 std::string clockText(ProjectTime elapsed) {
   const std::int64_t tenths = std::max<std::int64_t>(elapsed.nanoseconds, 0) / 100'000'000;
   return fmt::format("{:02}:{:02}.{}", tenths / 600, (tenths / 10) % 60, tenths % 10);
@@ -203,7 +234,7 @@ std::string RecordCommand::usageText() {
          "\n"
          "Ctrl-C or SIGTERM stops and keeps the recording (status 0); before the first frame it\n"
          "cancels and leaves nothing (130). SIGUSR1 pauses and resumes; the pause leaves no gap.\n"
-         "A killed recording is recovered by the next start of vumo.";
+         "A killed recording is recovered by the next vumo record, which lists it in its answer.";
 }
 
 int RecordCommand::run(const std::vector<std::string>& arguments) {
@@ -236,8 +267,11 @@ int RecordCommand::run(const std::vector<std::string>& arguments) {
     options.webcamDeviceID = request.streams.cameraPath;
     options.framesPerSecond = request.streams.framesPerSecond;
 
-    // A stop asked for while the streams open is seen by the loop's first wait.
     ProjectStore store;
+    const Json recoveredProjects =
+        recoverUnfinishedRecordings(store, platform_->recordingMediaProbe(), streams_.standardError);
+
+    // A stop asked for while the streams open is seen by the loop's first wait.
     std::atomic<bool> failed = false;
     RecordingSessionSettings settings;
     settings.failureHandler = [&](const std::string&) {
@@ -304,7 +338,8 @@ int RecordCommand::run(const std::vector<std::string>& arguments) {
                    {"videoFrames", result.snapshot.manifest.metrics.videoFrames},
                    {"droppedVideoFrames", result.snapshot.manifest.metrics.droppedVideoFrames},
                    {"mouseEvents", result.snapshot.manifest.metrics.mouseEvents},
-                   {"zooms", result.snapshot.timeline.zooms.size()}};
+                   {"zooms", result.snapshot.timeline.zooms.size()},
+                   {"recoveredProjects", recoveredProjects}};
     reporter.writeJSON(answer);
     return 0;
   } catch (const std::exception& error) {

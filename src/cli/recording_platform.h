@@ -10,6 +10,7 @@
 
 #include "project/package_lifecycle.h"
 #include "project/project_manifest.h"
+#include "project/project_recovery.h"
 #include "recording/screen_recording_session.h"
 #include "shared/geometry.h"
 #include "shared/json_fwd.h"
@@ -49,6 +50,8 @@ class RecordingPlatform {
   virtual RecordingMediaWriterFactory writerFactory() = 0;
   // The window probe and the area check of this source, where it has them.
   virtual void watchSource(const CaptureSourceDescriptor& source, RecordingSessionSettings& settings) = 0;
+  // How recovery of unfinished recordings reads their movies.
+  virtual MediaProbing recordingMediaProbe() = 0;
 };
 
 }  // namespace vumo

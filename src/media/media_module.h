@@ -18,6 +18,7 @@
 #include "media/still_image.h"
 #include "media/video_device_stream.h"
 #include "media/waveform_service.h"
+#include "project/media_probe.h"
 #include "project/project_snapshot.h"
 #include "recording/recording_media_writing.h"
 #include "shared/geometry.h"
@@ -82,7 +83,7 @@ class ProjectExporting {
 struct MediaModule {
   // Raised whenever a member changes meaning, so a program never calls into an engine built for
   // another one.
-  static constexpr int currentInterfaceVersion = 4;
+  static constexpr int currentInterfaceVersion = 5;
   static constexpr const char* fileName = "vumo-media.so";
   static constexpr const char* entryPointName = "vumoMediaModule";
 
@@ -100,6 +101,8 @@ struct MediaModule {
   std::vector<VideoDeviceDescription> (*listVideoDevices)() = nullptr;
   // Throws VideoDeviceError.
   std::unique_ptr<VideoCaptureStream> (*makeVideoDeviceStream)(const VideoDeviceRequest&) = nullptr;
+  // What recovery needs to know of an unfinished recording's movie (MediaProbe::inspect).
+  std::optional<MediaProbeResult> (*probeRecordingMedia)(const std::filesystem::path&) = nullptr;
 };
 
 using MediaModuleEntryPoint = const MediaModule* (*)();

@@ -6,7 +6,6 @@
 #include "project/cursor_asset_store.h"
 #include "project/file_lock.h"
 #include "project/folder_listing.h"
-#include "project/media_probe.h"
 #include "project/package_files.h"
 #include "project/stale_temporaries.h"
 #include "shared/files.h"
@@ -56,7 +55,7 @@ void removeWhatKilledWritersLeft(const ProjectPackage& package) {
 
 }  // namespace
 
-std::vector<RecoverableProject> ProjectRecovery::recoverableProjects() const {
+std::vector<RecoverableProject> ProjectRecovery::recoverableProjects(const MediaProbing& probe) const {
   std::vector<RecoverableProject> result;
   std::vector<fs::path> entries = visibleEntries(projectsDirectory_);
   std::sort(entries.begin(), entries.end());
@@ -73,7 +72,7 @@ std::vector<RecoverableProject> ProjectRecovery::recoverableProjects() const {
     } catch (const Error&) {
       continue;
     }
-    auto media = MediaProbe::inspect(package.mediaPath());
+    auto media = probe(package.mediaPath());
     if (!media || !media->isPlayableRecording()) continue;
     result.push_back({package, std::move(manifest), *media->duration});
   }

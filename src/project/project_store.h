@@ -135,6 +135,9 @@ class ProjectStore {
   // ---- Recovery (ProjectRecovery) ------------------------------------------------------------
 
   std::vector<RecoverableProject> recoverableProjects() const { return recovery_.recoverableProjects(); }
+  std::vector<RecoverableProject> recoverableProjects(const MediaProbing& probe) const {
+    return recovery_.recoverableProjects(probe);
+  }
   ProjectPackage markRecovered(const ProjectPackage& package, ProjectTime duration) {
     return recovery_.markRecovered(package, duration);
   }

@@ -4,9 +4,11 @@
 
 #include <atomic>
 #include <filesystem>
+#include <fstream>
 #include <thread>
 
 #include "capture/synthetic_streams.h"
+#include "project/file_lock.h"
 #include "project/project_store.h"
 #include "recording/fake_media_writer.h"
 #include "shared/json.h"
@@ -58,6 +60,14 @@ class SyntheticPlatform : public RecordingPlatform {
     };
   }
   void watchSource(const CaptureSourceDescriptor&, RecordingSessionSettings&) override {}
+  // Any movie with something in it plays for 2.5 s.
+  MediaProbing recordingMediaProbe() override {
+    return [](const fs::path& media) -> std::optional<MediaProbeResult> {
+      std::error_code error;
+      if (fs::file_size(media, error) == 0 || error) return std::nullopt;
+      return MediaProbeResult{ProjectTime{2'500'000'000}, true};
+    };
+  }
 
   std::shared_ptr<testing::FakeWriterLog> log_ = std::make_shared<testing::FakeWriterLog>();
   SyntheticVideoStream* video_ = nullptr;
@@ -164,6 +174,48 @@ TEST_F(RecordCommandTest, AStreamThatFailsEndsTheCommandWithTheErrorAndKeepsAFai
   EXPECT_NE(outcome.error.find("the display went away"), std::string::npos) << outcome.error;
   ASSERT_EQ(packages().size(), 1u);
   EXPECT_EQ(packages().front().extension(), ".tmp");
+}
+
+TEST_F(RecordCommandTest, UnfinishedRecordingsAreRecoveredBeforeTheNewOneUnlessTheirRecorderStillRuns) {
+  ProjectStore store;
+  auto unfinished = [&](bool withMovie) {
+    CaptureSourceDescriptor source;
+    source.kind = CaptureSourceKind::display;
+    source.title = "Killed take";
+    source.globalFrame = {0, 0, 640, 360};
+    source.initialPixelSize = {640, 360};
+    CreatedProject created = store.createProject(source, RecordingOptions{}, {640, 360}, std::nullopt, std::nullopt);
+    fs::create_directories(created.package.mediaPath().parent_path());
+    if (withMovie) std::ofstream(created.package.mediaPath()) << "fragments";
+    return created;
+  };
+  const CreatedProject killed = unfinished(true);
+  const CreatedProject stillRecording = unfinished(true);
+  const CreatedProject withoutMovie = unfinished(false);
+  const RecordingPackageLock liveRecorder(stillRecording.package.rootPath);
+
+  Outcome outcome = run({"--fps", "30", "--duration", "0.2"});
+  ASSERT_EQ(outcome.status, 0) << outcome.error;
+  const Json answer = outcome.answer();
+  ASSERT_EQ(answer["recoveredProjects"].size(), 1u) << answer.dump();
+  EXPECT_EQ(answer["recoveredProjects"][0]["projectID"], killed.manifest.id.string());
+  EXPECT_EQ(answer["recoveredProjects"][0]["durationMilliseconds"], 2500);
+  const fs::path recoveredPath = answer["recoveredProjects"][0]["packagePath"].get<std::string>();
+  EXPECT_EQ(recoveredPath.filename(), killed.manifest.id.string() + ".vumo");
+  const ProjectManifest manifest = store.readManifest(ProjectPackage{recoveredPath});
+  EXPECT_EQ(manifest.state, ProjectState::recovered);
+  EXPECT_EQ(manifest.duration, ProjectTime{2'500'000'000});
+  EXPECT_NE(outcome.error.find("recovered the interrupted recording " + killed.manifest.id.string()), std::string::npos)
+      << outcome.error;
+  EXPECT_TRUE(fs::is_directory(stillRecording.package.rootPath));
+  EXPECT_TRUE(fs::is_directory(withoutMovie.package.rootPath));
+  // The three old packages and the new recording, nothing else.
+  EXPECT_EQ(packages().size(), 4u);
+
+  // Nothing is left to recover the next time.
+  Outcome next = run({"--fps", "30", "--duration", "0.2"});
+  ASSERT_EQ(next.status, 0) << next.error;
+  EXPECT_TRUE(next.answer()["recoveredProjects"].empty());
 }
 
 TEST_F(RecordCommandTest, BadWordsAreRefusedBeforeAnythingIsWritten) {

@@ -80,6 +80,7 @@ extern "C" __attribute__((visibility("default"))) const vumo::MediaModule* vumoM
                                         &makeExporter,
                                         &makeRecordingMediaWriter,
                                         &listVideoDevices,
-                                        &vumo::makeVideoDeviceStream};
+                                        &vumo::makeVideoDeviceStream,
+                                        &vumo::MediaProbe::inspect};
   return &module;
 }
