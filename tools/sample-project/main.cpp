@@ -2,6 +2,7 @@
 // own. Used by the demo and the command-line tests; a real recording takes the project's place on
 // a machine with a screen, and the sound is what the demo plays to that recording.
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
@@ -42,8 +43,9 @@ std::optional<std::int64_t> milliseconds(std::string_view text) {
 // "400-3800,6200-8400": spans that follow one another without overlapping.
 std::optional<Spans> parseSpans(std::string_view text) {
   Spans spans;
-  while (!text.empty()) {
+  for (bool more = true; more;) {
     const std::string_view span = text.substr(0, text.find(','));
+    more = span.size() < text.size();
     text.remove_prefix(std::min(text.size(), span.size() + 1));
     const auto dash = span.find('-');
     if (dash == std::string_view::npos) return std::nullopt;
@@ -52,7 +54,6 @@ std::optional<Spans> parseSpans(std::string_view text) {
     if (!start || !end || *start >= *end || (!spans.empty() && *start < spans.back().second)) return std::nullopt;
     spans.emplace_back(*start, *end);
   }
-  if (spans.empty()) return std::nullopt;
   return spans;
 }
 
