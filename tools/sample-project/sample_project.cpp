@@ -18,7 +18,7 @@ namespace vumo {
 
 namespace {
 
-void runFFmpeg(std::vector<std::string> arguments) {
+void runFFmpeg(std::vector<std::string> arguments, const std::string& what) {
   arguments.insert(arguments.begin(), {"ffmpeg", "-nostdin", "-y", "-loglevel", "error"});
   std::vector<char*> argv;
   for (auto& a : arguments) argv.push_back(a.data());
@@ -29,10 +29,10 @@ void runFFmpeg(std::vector<std::string> arguments) {
   pid_t pid;
   int rc = ::posix_spawnp(&pid, "ffmpeg", &actions, nullptr, argv.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
-  if (rc != 0) throw FileError("Could not start ffmpeg to generate the sample movie");
+  if (rc != 0) throw FileError("Could not start ffmpeg to generate the " + what);
   int status = 0;
   ::waitpid(pid, &status, 0);
-  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) throw FileError("ffmpeg could not generate the sample movie");
+  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) throw FileError("ffmpeg could not generate the " + what);
 }
 
 MouseEvent pointerEvent(std::int64_t milliseconds, PointValue normalized, MousePhase phase, PixelSize size) {
@@ -99,7 +99,7 @@ ProjectPackage makeSampleProject(ProjectStore& store, const SampleProjectOptions
   arguments.insert(arguments.end(),
                    {"-c:v", "mpeg4", "-q:v", "8", "-g", std::to_string(options.framesPerSecond * 2), "-pix_fmt",
                     "yuv420p", "-t", fmt::format("{:.3f}", seconds), created.package.mediaPath().string()});
-  runFFmpeg(std::move(arguments));
+  runFFmpeg(std::move(arguments), "sample movie");
 
   // The pointer wanders in a slow circle and clicks where asked.
   std::vector<MouseEvent> events;
@@ -136,6 +136,15 @@ ProjectPackage makeSampleProject(ProjectStore& store, const SampleProjectOptions
   manifest.metrics.mouseEvents = static_cast<std::int64_t>(events.size());
   store.writeTimeline(makeInitialTimeline(options.duration, std::nullopt, events), created.package);
   return store.finish(created.package, manifest);
+}
+
+void writeSpeechAudio(const std::filesystem::path& file,
+                      const std::vector<std::pair<std::int64_t, std::int64_t>>& speechMilliseconds,
+                      ProjectTime duration) {
+  const double seconds = static_cast<double>(duration.nanoseconds) / 1e9;
+  runFFmpeg({"-f", "lavfi", "-i", speechExpression(speechMilliseconds, seconds), "-c:a", "pcm_s16le", "-ac", "1", "-t",
+             fmt::format("{:.3f}", seconds), "-f", "wav", file.string()},
+            "sample speech");
 }
 
 }  // namespace vumo

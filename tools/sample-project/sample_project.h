@@ -33,4 +33,12 @@ struct SampleProjectOptions {
 // Generates the movie with the `ffmpeg` program; throws FileError when it cannot.
 ProjectPackage makeSampleProject(ProjectStore& store, const SampleProjectOptions& options = {});
 
+// The microphone track of a sample project on its own, as a 48 kHz mono 16-bit WAV file `duration`
+// long: the same voice-like bursts in `speechMilliseconds` over the same hiss, made by the same
+// ffmpeg source. The demo plays it into a sound server while it records a real desktop, so that
+// recording hears what a sample project holds. Throws FileError when ffmpeg cannot write it.
+void writeSpeechAudio(const std::filesystem::path& file,
+                      const std::vector<std::pair<std::int64_t, std::int64_t>>& speechMilliseconds,
+                      ProjectTime duration);
+
 }  // namespace vumo
