@@ -490,7 +490,14 @@ struct ScreenCastPortal::State {
     subscribe(requestInterface, "Response", path, &State::onResponse);
     CallOptions call;
     call.timeout = options.callTimeout;
-    VariantPtr reply = callPortal(connection.get(), method, parameters(token), G_VARIANT_TYPE("(o)"), stop, call);
+    VariantPtr reply;
+    try {
+      reply = callPortal(connection.get(), method, parameters(token), G_VARIANT_TYPE("(o)"), stop, call);
+    } catch (const CancelledError&) {
+      // The portal may have put its dialog up before the stop reached the call.
+      closeRequest(path);
+      throw;
+    }
     const gchar* handle = nullptr;
     g_variant_get(reply.get(), "(&o)", &handle);
     if (path != handle) {
@@ -552,32 +559,38 @@ ScreenCastGrant ScreenCastPortal::State::start(const ScreenCastRequest& wanted, 
   std::string sessionToken = newToken();
   std::string predictedSession = screenCastSessionPath(uniqueName, sessionToken);
   subscribe(sessionInterface, "Closed", predictedSession, &State::onSessionClosedSignal);
-  VariantPtr created = request(
-      "CreateSession",
-      [&](const std::string& token) {
-        GVariantBuilder builder;
-        g_variant_builder_init(&builder, G_VARIANT_TYPE_VARDICT);
-        g_variant_builder_add(&builder, "{sv}", "handle_token", g_variant_new_string(token.c_str()));
-        g_variant_builder_add(&builder, "{sv}", "session_handle_token", g_variant_new_string(sessionToken.c_str()));
-        return g_variant_new("(a{sv})", &builder);
-      },
-      stop);
-  watchPortal();
-  // The handle is a string in the documented interface; some portals send an object path.
-  const gchar* handle = nullptr;
-  if (!g_variant_lookup(created.get(), "session_handle", "&s", &handle) &&
-      !g_variant_lookup(created.get(), "session_handle", "&o", &handle))
-    throw CaptureError(CaptureError::Case::portalFailed, "CreateSession gave no session handle");
-  if (!g_variant_is_object_path(handle))
-    throw CaptureError(CaptureError::Case::portalFailed, "CreateSession gave an invalid session handle");
   {
     std::lock_guard lock(mutex);
-    sessionHandle = handle;
+    // Until the portal names it, the session is where it will be: a stop or a failure while
+    // CreateSession is under way still closes it.
+    sessionHandle = predictedSession;
   }
-  if (sessionHandle != predictedSession)
-    subscribe(sessionInterface, "Closed", sessionHandle, &State::onSessionClosedSignal);
-
   try {
+    VariantPtr created = request(
+        "CreateSession",
+        [&](const std::string& token) {
+          GVariantBuilder builder;
+          g_variant_builder_init(&builder, G_VARIANT_TYPE_VARDICT);
+          g_variant_builder_add(&builder, "{sv}", "handle_token", g_variant_new_string(token.c_str()));
+          g_variant_builder_add(&builder, "{sv}", "session_handle_token", g_variant_new_string(sessionToken.c_str()));
+          return g_variant_new("(a{sv})", &builder);
+        },
+        stop);
+    watchPortal();
+    // The handle is a string in the documented interface; some portals send an object path.
+    const gchar* handle = nullptr;
+    if (!g_variant_lookup(created.get(), "session_handle", "&s", &handle) &&
+        !g_variant_lookup(created.get(), "session_handle", "&o", &handle))
+      throw CaptureError(CaptureError::Case::portalFailed, "CreateSession gave no session handle");
+    if (!g_variant_is_object_path(handle))
+      throw CaptureError(CaptureError::Case::portalFailed, "CreateSession gave an invalid session handle");
+    {
+      std::lock_guard lock(mutex);
+      sessionHandle = handle;
+    }
+    if (sessionHandle != predictedSession)
+      subscribe(sessionInterface, "Closed", sessionHandle, &State::onSessionClosedSignal);
+
     request(
         "SelectSources",
         [&](const std::string& token) {
