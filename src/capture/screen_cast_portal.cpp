@@ -280,10 +280,9 @@ void to_json(Json& j, const ScreenCastPortalProbe& v) {
            {"restoreTokenStored", v.restoreTokenStored}};
 }
 
-ScreenCastPortalProbe probeScreenCastPortal(const ScreenCastPortalOptions& options) {
-  std::stop_source never;
-  ConnectionPtr connection = connectSessionBus(never.get_token());
-  PortalProperties properties = readPortalProperties(connection.get(), never.get_token(), options.callTimeout);
+ScreenCastPortalProbe probeScreenCastPortal(const ScreenCastPortalOptions& options, std::stop_token stop) {
+  ConnectionPtr connection = connectSessionBus(stop);
+  PortalProperties properties = readPortalProperties(connection.get(), stop, options.callTimeout);
   g_dbus_connection_close_sync(connection.get(), nullptr, nullptr);
   ScreenCastPortalProbe probe;
   probe.version = properties.version;

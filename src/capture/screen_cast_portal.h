@@ -127,15 +127,16 @@ struct ScreenCastPortalProbe {
 void to_json(Json& j, const ScreenCastPortalProbe& v);
 
 // The portal's interface properties and whether a token is stored. Fails with CaptureError
-// (sessionBusUnavailable, portalUnavailable) like `ScreenCastPortal::start`.
-ScreenCastPortalProbe probeScreenCastPortal(const ScreenCastPortalOptions& options = {});
+// (sessionBusUnavailable, portalUnavailable, portalTimedOut) like `ScreenCastPortal::start`, or
+// CancelledError.
+ScreenCastPortalProbe probeScreenCastPortal(const ScreenCastPortalOptions& options = {}, std::stop_token stop = {});
 
 // One screen-cast session: CreateSession, SelectSources, Start and OpenPipeWireRemote, then the
 // session stays open while the stream is recorded and is closed with the object (or `close`).
 //
-// Each object holds its own connection to the session bus (read when it is made, so a test's
-// private bus is used) and a thread that receives the portal's signals. Not for use by several
-// threads at once, except `close`, which any thread may call.
+// Each object holds its own connection to the session bus (its address read in `start`, so a
+// test's private bus is used) and a thread that receives the portal's signals. Not for use by
+// several threads at once; the session-closed handler may call `close`.
 class ScreenCastPortal {
  public:
   // Called once, on the portal's signal thread, when the desktop ends the session (the person

@@ -273,19 +273,28 @@ TEST_F(ScreenCastPortalTest, VersionFourRestoresFromTheStoredTokenOnceAndReplace
   EXPECT_EQ(fake.dialogsShown(), 5);
 }
 
-TEST_F(ScreenCastPortalTest, SessionClosedByTheDesktopReachesTheOwner) {
-  FakeScreenCastPortal fake(bus.address());
-  std::atomic<int> closedCalls{0};
-  ScreenCastPortal portal({}, [&] { ++closedCalls; });
-  portal.start({}, std::stop_token{});
-  EXPECT_EQ(closedCalls.load(), 0);
-  fake.closeSessions();
-  EXPECT_TRUE(eventually([&] { return closedCalls.load() == 1; }));
-  portal.close();
-  // A session the desktop ended is not closed again.
-  EXPECT_EQ(fake.sessionsClosedByClient(), 0);
-  std::this_thread::sleep_for(50ms);
-  EXPECT_EQ(closedCalls.load(), 1);
+TEST_F(ScreenCastPortalTest, SessionEndedByTheDesktopOrThePortalReachesTheOwnerOnce) {
+  for (bool portalLeaves : {false, true}) {
+    SCOPED_TRACE(portalLeaves ? "the portal leaves the bus" : "stop sharing");
+    auto fake = std::make_unique<FakeScreenCastPortal>(bus.address());
+    std::atomic<int> closedCalls{0};
+    ScreenCastPortal portal({}, [&] { ++closedCalls; });
+    portal.start({}, std::stop_token{});
+    EXPECT_EQ(closedCalls.load(), 0);
+    if (portalLeaves) {
+      fake.reset();
+    } else {
+      fake->closeSessions();
+    }
+    EXPECT_TRUE(eventually([&] { return closedCalls.load() == 1; }));
+    portal.close();
+    // A session the desktop ended is not closed again.
+    if (fake) {
+      EXPECT_EQ(fake->sessionsClosedByClient(), 0);
+    }
+    std::this_thread::sleep_for(50ms);
+    EXPECT_EQ(closedCalls.load(), 1);
+  }
 }
 
 TEST_F(ScreenCastPortalTest, StopRequestEndsTheWaitForTheDialogAtOnce) {
