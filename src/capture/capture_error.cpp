@@ -31,6 +31,19 @@ constexpr ErrorCase<Case> errorCases[] = {
      "The audio source was not found: {}", "capture", ErrorKind::failure},
     {Case::audioCaptureFailed, "audioCaptureFailed", "capture.error.audioCapture", "Audio capture failed: {}",
      "capture", ErrorKind::failure},
+    {Case::sessionBusUnavailable, "sessionBusUnavailable", "capture.error.sessionBusUnavailable",
+     "Unable to reach the D-Bus session bus, through which the screen-cast portal is asked: {}", "capture",
+     ErrorKind::failure},
+    {Case::portalUnavailable, "portalUnavailable", "capture.error.portalUnavailable",
+     "No screen-cast portal answers on the session bus ({}). Install xdg-desktop-portal and the portal backend of "
+     "this desktop: xdg-desktop-portal-gnome, xdg-desktop-portal-kde or xdg-desktop-portal-wlr.",
+     "capture", ErrorKind::failure},
+    {Case::portalFailed, "portalFailed", "capture.error.portalFailed", "The screen-cast portal failed: {}", "capture",
+     ErrorKind::failure},
+    {Case::portalTimedOut, "portalTimedOut", "capture.error.portalTimedOut",
+     "The screen-cast portal gave no answer in time: {}", "capture", ErrorKind::failure},
+    {Case::sourceTypeUnavailable, "sourceTypeUnavailable", "capture.error.sourceTypeUnavailable",
+     "The screen-cast portal of this desktop cannot share this kind of source: {}", "capture", ErrorKind::failure},
 };
 static_assert(inCaseOrder(errorCases));
 

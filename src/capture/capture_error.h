@@ -21,6 +21,11 @@ class CaptureError : public Error {
     audioServerUnavailable,
     audioSourceMissing,
     audioCaptureFailed,
+    sessionBusUnavailable,
+    portalUnavailable,
+    portalFailed,
+    portalTimedOut,
+    sourceTypeUnavailable,
   };
 
   explicit CaptureError(Case kind, std::string_view detail = {}) : Error(catalogue(), kind, detail), kind_(kind) {}
