@@ -54,7 +54,7 @@ class DesktopRecordingPlatform : public RecordingPlatform {
     answer["videoDevices"] = std::move(devices);
   }
 
-  CaptureSourceDescriptor resolve(const RecordSourceRequest& request) override {
+  CaptureSourceDescriptor resolve(const RecordSourceRequest& request, std::stop_token) override {
     if (request.kind == CaptureSourceKind::device) {
       device_ = module().makeVideoDeviceStream(deviceRequest(*request.devicePath));
       CaptureSourceDescriptor source;

@@ -256,7 +256,7 @@ int RecordCommand::run(const std::vector<std::string>& arguments) {
       return 0;
     }
 
-    CaptureSourceDescriptor source = platform_->resolve(request.source);
+    CaptureSourceDescriptor source = platform_->resolve(request.source, controls_.stopRequested());
     if (request.title) source.title = *request.title;
     RecordingOptions options;
     options.capturesSystemAudio = request.streams.systemAudio;

@@ -13,6 +13,7 @@ std::optional<RecordControlEvent> RecordControls::wait(std::chrono::milliseconds
 }
 
 void RecordControls::post(RecordControlEvent event) {
+  if (event == RecordControlEvent::stop) stopSource_.request_stop();
   std::function<void(RecordControlEvent)> acknowledge;
   {
     std::lock_guard guard(lock_);

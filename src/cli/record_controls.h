@@ -6,6 +6,7 @@
 #include <functional>
 #include <mutex>
 #include <optional>
+#include <stop_token>
 
 #include "cli/signal_cancellation.h"
 
@@ -27,6 +28,9 @@ class RecordControls {
   void post(RecordControlEvent event);
   // Ends the current wait early (a recording that failed on another thread).
   void wake();
+  // Requested by the first stop: what waits before the recording starts (the desktop's source
+  // dialog) is cancelled by it.
+  std::stop_token stopRequested() const { return stopSource_.get_token(); }
   // From now on requests change nothing: each is handed to `acknowledge` (on the poster's thread)
   // while the recording is finished, and it is kept whatever comes.
   void finishing(std::function<void(RecordControlEvent)> acknowledge);
@@ -37,6 +41,7 @@ class RecordControls {
   std::deque<RecordControlEvent> events_;
   bool woken_ = false;
   std::function<void(RecordControlEvent)> acknowledge_;
+  std::stop_source stopSource_;
 };
 
 // SIGINT and SIGTERM ask to stop (and keep the recording), SIGUSR1 toggles pause. None of them can

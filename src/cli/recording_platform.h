@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstdint>
 #include <optional>
+#include <stop_token>
 #include <string>
 
 #include "project/package_lifecycle.h"
@@ -42,7 +43,8 @@ class RecordingPlatform {
   virtual void listSources(Json& answer) = 0;
   // Refuses what cannot be recorded here (no display, a Wayland session X11 cannot see, a missing
   // window or device) before anything is written.
-  virtual CaptureSourceDescriptor resolve(const RecordSourceRequest& request) = 0;
+  // `stop` ends a wait on the person (the desktop's own source dialog) with CancelledError.
+  virtual CaptureSourceDescriptor resolve(const RecordSourceRequest& request, std::stop_token stop) = 0;
   virtual RecordingCaptureStreams openStreams(const CaptureSourceDescriptor& source,
                                               const RecordStreamRequest& request) = 0;
   virtual std::optional<RecordingMicrophoneConfiguration> microphoneConfiguration(

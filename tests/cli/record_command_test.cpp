@@ -27,7 +27,7 @@ class SyntheticPlatform : public RecordingPlatform {
       : pacing_(pacing) {}
 
   void listSources(Json& answer) override { answer["displays"] = Json::array({{{"name", "synthetic"}}}); }
-  CaptureSourceDescriptor resolve(const RecordSourceRequest& request) override {
+  CaptureSourceDescriptor resolve(const RecordSourceRequest& request, std::stop_token) override {
     if (request.kind == CaptureSourceKind::window) throw FileError("no such window");
     CaptureSourceDescriptor source;
     source.kind = CaptureSourceKind::display;
