@@ -5,7 +5,7 @@
 //   ffmpeg -f x11grab -framerate 60 -video_size 1920x1080 -draw_mouse 0 -i :N -t 20
 //          -c:v libx264 -preset veryfast -tune zerolatency -bf 0 -g 120 -b:v 12M -pix_fmt yuv420p out.mov
 // A client of the benchmark's own draws on the display meanwhile: first the whole screen every
-// frame (a checkerboard whose colours move on each frame, so that every frame differs), then a
+// frame (a checkerboard that scrolls a few pixels a frame, so that every frame differs), then a
 // mostly still screen (one small square redrawn once a second), where capturing only what changed
 // should cost the recorder far less than a grab of every frame.
 //
@@ -93,6 +93,7 @@ class ScreenPainter {
 
  private:
   static constexpr int tile = 120;
+  static constexpr int scrollPixels = 4;
   static constexpr std::uint32_t palette[] = {0xE8D44D, 0x3B7DD8, 0xD8483B, 0x48B86A, 0x202028, 0xF4F4F0};
   static constexpr int colours = int(std::size(palette));
 
@@ -102,14 +103,15 @@ class ScreenPainter {
   }
   void sync() { std::free(xcb_get_input_focus_reply(connection_, xcb_get_input_focus(connection_), nullptr)); }
 
-  // Tile (x, y) of frame n has the colour tile (x - 1, y) had in frame n - 1: every pixel changes
-  // on every frame.
+  // A checkerboard of six colours that scrolls to the left by a few pixels a frame, like a page
+  // being read: the whole screen is drawn and differs on every frame, in a way the encoder can follow.
   void drawCheckerboard(std::int64_t frame) {
+    const int shift = int(frame * scrollPixels % (tile * colours));
     std::vector<xcb_rectangle_t> byColour[colours];
     for (int y = 0; y < screenHeight / tile; ++y)
-      for (int x = 0; x < screenWidth / tile; ++x)
-        byColour[(x + y + colours - int(frame % colours)) % colours].push_back(
-            {std::int16_t(x * tile), std::int16_t(y * tile), tile, tile});
+      for (int column = shift / tile; column * tile - shift < screenWidth; ++column)
+        byColour[(column + y) % colours].push_back(
+            {std::int16_t(column * tile - shift), std::int16_t(y * tile), tile, tile});
     for (int c = 0; c < colours; ++c) fill(palette[c], byColour[c]);
   }
 
@@ -167,7 +169,10 @@ class ThreadSampler {
       }
       long long user = 0, system = 0;
       if (!(rest >> user >> system)) continue;
-      threads_[entry->d_name] = {line.substr(open + 1, close - open - 1), user + system};
+      // The main thread apart from the helper threads that inherited its name.
+      std::string name = line.substr(open + 1, close - open - 1);
+      if (std::to_string(pid) == entry->d_name) name += " (main)";
+      threads_[entry->d_name] = {name, user + system};
     }
     ::closedir(folder);
   }
@@ -222,6 +227,8 @@ void report(benchmark::State& state, const MeasuredRun& run, std::int64_t frames
   state.counters["frames"] = double(frames);
   state.counters["lost_frames"] = double(lost);
   state.counters["lost_share"] = double(lost) / double(expectedFrames());
+  // The program that keeps more frames has more to encode; this is what each kept frame cost.
+  state.counters["cpu_ms_per_frame"] = frames > 0 ? run.cpuSeconds() * 1e3 / double(frames) : 0;
   std::fprintf(stderr, "%s, %s screen: processor time by thread: %s\n", program,
                scene == Scene::moving ? "moving" : "still", threads.summary().c_str());
 }
@@ -379,6 +386,8 @@ int main(int argc, char** argv) {
       argc, argv,
       {ratio("processor time, vumo record / ffmpeg x11grab, whole screen moving", "BM_VumoRecordMovingScreen",
              "BM_FfmpegGrabMovingScreen", Clock::process),
+       ratio("processor time per frame kept, vumo / ffmpeg, whole screen moving", "BM_VumoRecordMovingScreen",
+             "BM_FfmpegGrabMovingScreen", Clock::counter, "cpu_ms_per_frame"),
        ratio("lost frames, vumo / max(1 %, ffmpeg's share), whole screen moving", "BM_VumoRecordMovingScreen",
              "BM_FfmpegGrabMovingScreen", Clock::counter, "lost_share", 0.01),
        ratio("processor time, vumo record / ffmpeg x11grab, still screen", "BM_VumoRecordStillScreen",
