@@ -33,6 +33,7 @@
 #include <map>
 #include <memory>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -233,8 +234,19 @@ void report(benchmark::State& state, const MeasuredRun& run, std::int64_t frames
                scene == Scene::moving ? "moving" : "still", threads.summary().c_str());
 }
 
+// The drawing client for one benchmark; none, and the benchmark fails, when it cannot connect.
+std::unique_ptr<ScreenPainter> startPainter(benchmark::State& state, Scene scene) {
+  try {
+    return std::make_unique<ScreenPainter>(display, scene);
+  } catch (const std::exception& error) {
+    state.SkipWithError(error.what());
+    return nullptr;
+  }
+}
+
 void recordWithVumo(benchmark::State& state, Scene scene) {
-  ScreenPainter painter(display, scene);
+  std::unique_ptr<ScreenPainter> painter = startPainter(state, scene);
+  if (!painter) return;
   for (auto _ : state) {
     ThreadSampler threads;
     const std::string output = workFolder + "/vumo.json";
@@ -259,7 +271,8 @@ void recordWithVumo(benchmark::State& state, Scene scene) {
 }
 
 void recordWithFfmpeg(benchmark::State& state, Scene scene) {
-  ScreenPainter painter(display, scene);
+  std::unique_ptr<ScreenPainter> painter = startPainter(state, scene);
+  if (!painter) return;
   for (auto _ : state) {
     ThreadSampler threads;
     const std::string movie = workFolder + "/ffmpeg.mov";
