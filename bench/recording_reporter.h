@@ -13,6 +13,7 @@
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <functional>
 #include <map>
@@ -30,6 +31,9 @@ class RecordingReporter : public benchmark::ConsoleReporter {
     double cpuSeconds = 0;   // the calling thread's processor time
     double realSeconds = 0;  // wall-clock time (all threads)
     double cpuInUnit = 0;    // processor time in the benchmark's display unit
+    // What the benchmark measured itself, e.g. the processor time of a program it started and
+    // waited for; absent counters read as NaN.
+    std::map<std::string, double> counters;
   };
 
   void ReportRuns(const std::vector<Run>& runs) override {
@@ -41,8 +45,12 @@ class RecordingReporter : public benchmark::ConsoleReporter {
         shown.push_back(run);
       } else if (run.run_type == Run::RT_Iteration && run.iterations > 0) {
         const double iterations = static_cast<double>(run.iterations);
-        samples[name].push_back(
-            {run.cpu_accumulated_time / iterations, run.real_accumulated_time / iterations, run.GetAdjustedCPUTime()});
+        Sample sample{run.cpu_accumulated_time / iterations,
+                      run.real_accumulated_time / iterations,
+                      run.GetAdjustedCPUTime(),
+                      {}};
+        for (const auto& [counter, value] : run.counters) sample.counters[counter] = value;
+        samples[name].push_back(std::move(sample));
         if (run.repetitions <= 1) shown.push_back(run);
         remember(name, run.run_name.str());
       } else if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "median") {
@@ -56,8 +64,20 @@ class RecordingReporter : public benchmark::ConsoleReporter {
   bool median(const std::string& name, Sample& out) const {
     auto found = samples.find(name);
     if (found == samples.end() || found->second.empty() || failed.count(name)) return false;
-    out = {medianOf(found->second, &Sample::cpuSeconds), medianOf(found->second, &Sample::realSeconds),
-           medianOf(found->second, &Sample::cpuInUnit)};
+    out = {medianOf(found->second, &Sample::cpuSeconds),
+           medianOf(found->second, &Sample::realSeconds),
+           medianOf(found->second, &Sample::cpuInUnit),
+           {}};
+    for (const auto& [counter, value] : found->second.front().counters) {
+      std::vector<double> values;
+      for (const Sample& sample : found->second) {
+        auto it = sample.counters.find(counter);
+        values.push_back(it == sample.counters.end() ? std::nan("") : it->second);
+      }
+      std::sort(values.begin(), values.end());
+      const std::size_t middle = values.size() / 2;
+      out.counters[counter] = values.size() % 2 == 1 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
+    }
     return true;
   }
 
@@ -89,7 +109,13 @@ class RecordingReporter : public benchmark::ConsoleReporter {
   }
 };
 
-enum class Clock { cpu, wall };
+// The counter in which a benchmark that starts programs reports their processor time (user and
+// system, of the child from its rusage) in seconds per iteration; what Clock::process reads.
+inline constexpr const char* processCpuCounter = "process_cpu_s";
+
+// cpu: the benchmark thread's processor time; wall: elapsed time (its manual time where it sets
+// one); process: the processCpuCounter; counter: the counter the ratio names.
+enum class Clock { cpu, wall, process, counter };
 
 // (numerator - minus) / denominator * scale, of medians. `minus` takes off work the numerator
 // includes but is not what is measured, e.g. the project load a command starts with.
@@ -100,6 +126,10 @@ struct Ratio {
   std::string minus = {};
   double scale = 1.0;
   Clock clock = Clock::cpu;  // wall time for work spread over several threads
+  std::string counter = {};  // for Clock::counter
+  // The denominator is at least this, so that a ratio against a baseline that measured (nearly)
+  // nothing, e.g. no frames lost, still compares with a floor rather than dividing by zero.
+  double floor = 0;
 };
 
 // Prints each ratio; false if one of them names a benchmark without a result.
@@ -113,13 +143,29 @@ inline bool printRatios(const RecordingReporter& reporter, const std::vector<Rat
         std::fprintf(stderr, "no result for %s (needed by \"%s\")\n", name.c_str(), ratio.label.c_str());
         return false;
       }
-      out = ratio.clock == Clock::cpu ? m.cpuSeconds : m.realSeconds;
+      switch (ratio.clock) {
+        case Clock::cpu: out = m.cpuSeconds; break;
+        case Clock::wall: out = m.realSeconds; break;
+        case Clock::process:
+        case Clock::counter: {
+          const std::string& counter = ratio.clock == Clock::process ? std::string(processCpuCounter) : ratio.counter;
+          auto found = m.counters.find(counter);
+          if (found == m.counters.end() || std::isnan(found->second)) {
+            std::fprintf(stderr, "%s has no counter %s (needed by \"%s\")\n", name.c_str(), counter.c_str(),
+                         ratio.label.c_str());
+            return false;
+          }
+          out = found->second;
+          break;
+        }
+      }
       return true;
     };
     double numerator = 0, denominator = 0, minus = 0;
     bool ok = seconds(ratio.numerator, numerator);
     ok = seconds(ratio.denominator, denominator) && ok;
     if (!ratio.minus.empty()) ok = seconds(ratio.minus, minus) && ok;
+    denominator = std::max(denominator, ratio.floor);
     if (!ok || denominator <= 0) {
       complete = false;
       continue;

@@ -7,6 +7,7 @@ extern "C" {
 }
 
 #include <fmt/format.h>
+#include <pthread.h>
 
 #include <algorithm>
 #include <atomic>
@@ -594,7 +595,12 @@ RecordingMediaWriter::RecordingMediaWriter(const RecordingWriterConfiguration& c
   if (configuration.capturesMicrophone) s.microphone = s.makeAudioTrack(microphoneTrackName);
   s.packet.reset(av_packet_alloc());
   if (!s.packet) throw std::bad_alloc();
-  s.encoderThread = std::thread([&s] { s.runEncoder(); });
+  s.encoderThread = std::thread([&s] {
+    // Named, so that a look at the process's threads tells the conversion and encoding from the
+    // capture; the encoder's own slice threads were started by the caller and carry its name.
+    pthread_setname_np(pthread_self(), "Vumo.Encoder");
+    s.runEncoder();
+  });
 }
 
 RecordingMediaWriter::~RecordingMediaWriter() {

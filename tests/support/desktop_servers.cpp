@@ -89,7 +89,7 @@ BackgroundProcess::~BackgroundProcess() {
   }
 }
 
-XvfbServer::XvfbServer() {
+XvfbServer::XvfbServer(int width, int height) {
   auto program = requireProgram("Xvfb", "xvfb");
   // Display numbers are taken by trying: another test may start its own server at the same time,
   // and the loser of the lock file race exits at once.
@@ -98,10 +98,11 @@ XvfbServer::XvfbServer() {
     if (std::filesystem::exists(socket) || std::filesystem::exists("/tmp/.X" + std::to_string(number) + "-lock"))
       continue;
     std::string display = ":" + std::to_string(number);
-    auto process =
-        std::make_unique<BackgroundProcess>(std::vector<std::string>{program.string(), display, "-screen", "0",
-                                                                     "1280x720x24", "-nolisten", "tcp", "-noreset"},
-                                            std::vector<std::string>{}, folder_.path() / "xvfb.log");
+    auto process = std::make_unique<BackgroundProcess>(
+        std::vector<std::string>{program.string(), display, "-screen", "0",
+                                 std::to_string(width) + "x" + std::to_string(height) + "x24", "-nolisten", "tcp",
+                                 "-noreset"},
+        std::vector<std::string>{}, folder_.path() / "xvfb.log");
     // Up when the display's lock file names our server and it accepts a client. Two tests that
     // chose the same number at once both start a server; the one whose pid is not in the lock
     // file is the loser and exits.

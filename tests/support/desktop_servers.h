@@ -36,10 +36,11 @@ class BackgroundProcess {
   pid_t pid_ = -1;
 };
 
-// Xvfb on the first free display number from 60 on, 1280 x 720 at 24 bits.
+// Xvfb on the first free display number from 60 on, 1280 x 720 at 24 bits unless another size is
+// asked for.
 class XvfbServer {
  public:
-  XvfbServer();
+  explicit XvfbServer(int width = 1280, int height = 720);
   const std::string& display() const { return display_; }
   // Ends the server now, as a crash or a logout would.
   void kill() { process_.reset(); }
