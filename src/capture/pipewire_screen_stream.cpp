@@ -180,7 +180,6 @@ struct PipeWireScreenStream::Shared {
     pw_properties* properties =
         pw_properties_new(PW_KEY_MEDIA_TYPE, "Video", PW_KEY_MEDIA_CATEGORY, "Capture", PW_KEY_MEDIA_ROLE, "Screen",
                           PW_KEY_NODE_DONT_RECONNECT, "true", nullptr);
-    pw_properties_setf(properties, PW_KEY_TARGET_OBJECT, "%u", configuration.nodeID);
     stream = pw_stream_new(core, "Vumo screen", properties);
     if (!stream) throwCaptureFailed("no PipeWire stream");
     static const pw_stream_events streamEvents = [] {
@@ -441,10 +440,10 @@ struct PipeWireScreenStream::Shared {
     std::int64_t presentation = std::int64_t(host);
     if (pts && *pts > 0 && (!lastPTS || *pts > *lastPTS)) {
       presentation = *pts;
+      lastPTS = pts;
     } else {
       discontinuities.fetch_add(1);
     }
-    if (pts) lastPTS = pts;
     last.pixels = std::move(pixels);
     last.presentationNanoseconds = presentation;
     last.displayTimeNanoseconds = host;
