@@ -80,6 +80,7 @@ struct PipeWireScreenStream::Shared {
   std::condition_variable changes;
   bool stopping = false;
   bool hasFormat = false;
+  bool streaming = false;
   spa_video_format format = SPA_VIDEO_FORMAT_UNKNOWN;
   PixelSize streamSize;
   PixelSize encodedSize;
@@ -214,11 +215,13 @@ struct PipeWireScreenStream::Shared {
       throwCaptureFailed(fmt::format("the screen-cast node {} cannot be connected", configuration.nodeID));
   }
 
-  void waitForFormat() {
+  // Buffers the producer sends before this stream runs would be lost, so the stream is not
+  // handed out before then.
+  void waitUntilStreaming() {
     std::unique_lock guard(lock);
-    if (!changes.wait_for(guard, negotiationTimeout, [&] { return hasFormat || ended; }))
+    if (!changes.wait_for(guard, negotiationTimeout, [&] { return (hasFormat && streaming) || ended; }))
       throwCaptureFailed(fmt::format("the screen-cast node {} sent no picture format", configuration.nodeID));
-    if (ended && !hasFormat) std::rethrow_exception(ended);
+    if (ended) std::rethrow_exception(ended);
   }
 
   void disconnect() {
@@ -251,6 +254,13 @@ struct PipeWireScreenStream::Shared {
 
   void stateChanged(pw_stream_state state, const char* error) {
     if (state == PW_STREAM_STATE_STREAMING || state == PW_STREAM_STATE_PAUSED) wasConnected = true;
+    if (state == PW_STREAM_STATE_STREAMING) {
+      {
+        std::lock_guard guard(lock);
+        streaming = true;
+      }
+      changes.notify_all();
+    }
     if (state == PW_STREAM_STATE_ERROR)
       end(captureFailure(fmt::format("the screen-cast stream failed: {}", error ? error : "unknown error")));
     else if (state == PW_STREAM_STATE_UNCONNECTED && wasConnected)
@@ -676,7 +686,7 @@ PipeWireScreenStream::PipeWireScreenStream(PipeWireScreenStreamConfiguration con
     : shared_(std::make_shared<Shared>(std::move(configuration))) {
   try {
     shared_->connect();
-    shared_->waitForFormat();
+    shared_->waitUntilStreaming();
   } catch (...) {
     shared_->disconnect();
     throw;

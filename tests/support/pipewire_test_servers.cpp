@@ -2,6 +2,7 @@
 
 #include <pipewire/pipewire.h>
 #include <spa/buffer/meta.h>
+#include <spa/node/io.h>
 #include <spa/param/video/format-utils.h>
 #include <spa/pod/builder.h>
 #include <time.h>
@@ -170,6 +171,57 @@ struct TestScreencastProducer::State {
   std::uint64_t sequence = 0;
   bool sentAny = false;
   ScreencastCursor cursor;
+  // Cycles of the graph this producer started, and those that are over.
+  std::uint64_t cyclesStarted = 0;
+  std::uint64_t cyclesDone = 0;
+
+  void triggerDone() {
+    {
+      std::lock_guard guard(lock);
+      cyclesDone += 1;
+    }
+    changes.notify_all();
+  }
+
+  void fill(spa_buffer* b, const ScreencastBuffer& plan) {
+    std::uint64_t sequenceNumber;
+    {
+      std::lock_guard guard(lock);
+      sequenceNumber = plan.sequence.value_or(sentAny ? sequence + 1 : 1);
+      sequence = sequenceNumber;
+      sentAny = true;
+    }
+    if (auto* header =
+            static_cast<spa_meta_header*>(spa_buffer_find_meta_data(b, SPA_META_Header, sizeof(spa_meta_header)))) {
+      header->flags = plan.corrupted ? SPA_META_HEADER_FLAG_CORRUPTED : 0;
+      header->offset = 0;
+      header->pts = plan.pts.value_or(monotonicNow());
+      header->dts_offset = 0;
+      header->seq = sequenceNumber;
+    }
+    if (auto* crop =
+            static_cast<spa_meta_region*>(spa_buffer_find_meta_data(b, SPA_META_VideoCrop, sizeof(spa_meta_region)))) {
+      if (plan.crop) {
+        crop->region.position = spa_point{(*plan.crop)[0], (*plan.crop)[1]};
+        crop->region.size = spa_rectangle{std::uint32_t((*plan.crop)[2]), std::uint32_t((*plan.crop)[3])};
+      } else {
+        crop->region = spa_region{};
+      }
+    }
+    writeCursor(b, plan.cursor);
+    spa_data& data = b->datas[0];
+    int stride = options.width * 4;
+    data.chunk->offset = 0;
+    data.chunk->stride = stride;
+    data.chunk->flags = plan.corrupted ? SPA_CHUNK_FLAG_CORRUPTED : SPA_CHUNK_FLAG_NONE;
+    if (plan.picture && data.data && data.maxsize >= std::uint32_t(stride * options.height)) {
+      fillScreencastPattern(static_cast<std::uint8_t*>(data.data), options.width, options.height, stride,
+                            plan.number.value_or(std::uint32_t(sequenceNumber)), options.rgbOrder);
+      data.chunk->size = std::uint32_t(stride * options.height);
+    } else {
+      data.chunk->size = 0;
+    }
+  }
 
   void stateChanged(pw_stream_state next) {
     {
@@ -261,6 +313,7 @@ TestScreencastProducer::TestScreencastProducer(ScreencastProducerOptions options
     e.param_changed = [](void* data, std::uint32_t id, const spa_pod* param) {
       static_cast<State*>(data)->paramChanged(id, param);
     };
+    e.trigger_done = [](void* data) { static_cast<State*>(data)->triggerDone(); };
     return e;
   }();
   pw_stream_add_listener(s.stream, &s.listener, &events, &s);
@@ -334,52 +387,26 @@ std::uint64_t TestScreencastProducer::lastSequence() const {
 
 bool TestScreencastProducer::send(const ScreencastBuffer& plan) {
   State& s = *state_;
+  // One buffer a cycle of the graph, and the next only once the cycle that carried the previous
+  // one is over: a buffer queued meanwhile would overwrite the one still in the port.
   pw_thread_loop_lock(s.loop);
   pw_buffer* buffer = s.stream ? pw_stream_dequeue_buffer(s.stream) : nullptr;
   if (!buffer) {
     pw_thread_loop_unlock(s.loop);
     return false;
   }
-  spa_buffer* b = buffer->buffer;
-  std::uint64_t sequence;
+  s.fill(buffer->buffer, plan);
+  std::uint64_t cycle;
   {
     std::lock_guard guard(s.lock);
-    sequence = plan.sequence.value_or(s.sentAny ? s.sequence + 1 : 1);
-    s.sequence = sequence;
-    s.sentAny = true;
-  }
-  if (auto* header =
-          static_cast<spa_meta_header*>(spa_buffer_find_meta_data(b, SPA_META_Header, sizeof(spa_meta_header)))) {
-    header->flags = plan.corrupted ? SPA_META_HEADER_FLAG_CORRUPTED : 0;
-    header->offset = 0;
-    header->pts = plan.pts.value_or(monotonicNow());
-    header->dts_offset = 0;
-    header->seq = sequence;
-  }
-  if (auto* crop =
-          static_cast<spa_meta_region*>(spa_buffer_find_meta_data(b, SPA_META_VideoCrop, sizeof(spa_meta_region)))) {
-    if (plan.crop) {
-      crop->region.position = spa_point{(*plan.crop)[0], (*plan.crop)[1]};
-      crop->region.size = spa_rectangle{std::uint32_t((*plan.crop)[2]), std::uint32_t((*plan.crop)[3])};
-    } else {
-      crop->region = spa_region{};
-    }
-  }
-  s.writeCursor(b, plan.cursor);
-  spa_data& data = b->datas[0];
-  int stride = s.options.width * 4;
-  data.chunk->offset = 0;
-  data.chunk->stride = stride;
-  data.chunk->flags = plan.corrupted ? SPA_CHUNK_FLAG_CORRUPTED : SPA_CHUNK_FLAG_NONE;
-  if (plan.picture && data.data && data.maxsize >= std::uint32_t(stride * s.options.height)) {
-    fillScreencastPattern(static_cast<std::uint8_t*>(data.data), s.options.width, s.options.height, stride,
-                          plan.number.value_or(std::uint32_t(sequence)), s.options.rgbOrder);
-    data.chunk->size = std::uint32_t(stride * s.options.height);
-  } else {
-    data.chunk->size = 0;
+    cycle = ++s.cyclesStarted;
   }
   pw_stream_queue_buffer(s.stream, buffer);
+  pw_stream_trigger_process(s.stream);
   pw_thread_loop_unlock(s.loop);
+  std::unique_lock guard(s.lock);
+  s.changes.wait_for(guard, 1s, [&] { return s.cyclesDone >= cycle; });
+  s.cyclesDone = std::max(s.cyclesDone, cycle);
   return true;
 }
 

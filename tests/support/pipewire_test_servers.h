@@ -102,7 +102,8 @@ class TestScreencastProducer {
   std::uint32_t nodeID();
   // True once a consumer is linked and the node runs.
   bool waitUntilStreaming(std::chrono::milliseconds timeout);
-  // Sends one buffer; false when the consumer holds every buffer or the node is not running.
+  // Sends one buffer in a cycle of its own and waits until it went out; false when the consumer
+  // holds every buffer or the node is not running.
   bool send(const ScreencastBuffer& buffer = {});
   std::uint64_t lastSequence() const;
   // Disconnects now, as a compositor that stops sharing does.
