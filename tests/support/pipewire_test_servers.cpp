@@ -10,6 +10,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
+#include <fstream>
 #include <mutex>
 #include <stdexcept>
 #include <thread>
@@ -49,6 +50,13 @@ PipeWireTestServers::PipeWireTestServers(const std::string& sessionBusAddress) {
   auto wireplumber = requireProgram("wireplumber", "wireplumber");
   const auto& root = folder_.path();
   std::filesystem::create_directories(root / "config");
+  // No devices: the session manager's monitors of sound cards, cameras and Bluetooth would look
+  // at the machine's hardware and buses, which a test has no business with.
+  std::filesystem::create_directories(root / "config/wireplumber/main.lua.d");
+  std::filesystem::create_directories(root / "config/wireplumber/bluetooth.lua.d");
+  std::ofstream(root / "config/wireplumber/main.lua.d/80-vumo-test.lua")
+      << "alsa_monitor.enabled = false\nv4l2_monitor.enabled = false\nlibcamera_monitor.enabled = false\n";
+  std::ofstream(root / "config/wireplumber/bluetooth.lua.d/80-vumo-test.lua") << "bluez_monitor.enabled = false\n";
   std::filesystem::create_directories(root / "state");
   std::filesystem::permissions(root, std::filesystem::perms::owner_all, std::filesystem::perm_options::replace);
 
