@@ -119,7 +119,12 @@ struct PipeWireScreenStream::Shared {
   explicit Shared(PipeWireScreenStreamConfiguration configuration_)
       : configuration(std::move(configuration_)),
         framesPerSecond(std::uint64_t(std::clamp(configuration.framesPerSecond, 1, 240))),
-        encodedSize(configuration.encodedSize) {}
+        encodedSize(configuration.encodedSize) {
+    // The film's sides must be even; a size given odd loses its last row or column.
+    if (encodedSize.width > 0 && encodedSize.height > 0)
+      encodedSize = PixelSize{std::max<std::int64_t>(2, encodedSize.width & ~std::int64_t(1)),
+                              std::max<std::int64_t>(2, encodedSize.height & ~std::int64_t(1))};
+  }
 
   // ---- Set-up and tear-down (owner's thread) ----
 
