@@ -272,6 +272,32 @@ TEST_F(PipeWireScreenStreamTest, TicksWithoutABufferRepeatTheLastFrameOnItsTimeL
   }
 }
 
+TEST_F(PipeWireScreenStreamTest, APictureSentBeforeTheStartIsTheFirstFrameAtTheFirstTick) {
+  PipeWireScreenStreamConfiguration configuration;
+  configuration.framesPerSecond = 20;
+  auto linked = link({}, configuration);
+  const std::uint64_t before = monotonicNanoseconds();
+  const std::int64_t pts = std::int64_t(before) - 7'000'000;
+  send(*linked.producer, stamped(pts, 1234));
+  std::this_thread::sleep_for(200ms);  // the buffer reaches the stream, which keeps it
+  const std::uint64_t started = monotonicNanoseconds();
+  FrameLog log;
+  log.start(*linked.stream);
+  ASSERT_TRUE(log.waitForChanged(1));
+  linked.stream->stop();
+  auto frames = log.snapshot();
+  ASSERT_FALSE(frames.empty());
+  EXPECT_TRUE(frames[0].changed);
+  EXPECT_EQ(frames[0].number, 1234u);
+  // It appears at the first tick, its presentation time moved along with it: the offset from its
+  // host time stays what it was when the buffer came (7 ms of latency, plus the way to the stream).
+  EXPECT_GE(frames[0].display, started);
+  EXPECT_LT(frames[0].display, started + 50'000'000);
+  const std::int64_t offset = frames[0].presentation - std::int64_t(frames[0].display);
+  EXPECT_LE(offset, -7'000'000);
+  EXPECT_GE(offset, pts - std::int64_t(started));
+}
+
 TEST_F(PipeWireScreenStreamTest, UnusablePresentationTimesFallBackToTheHostClock) {
   auto linked = link({});
   FrameLog log;
