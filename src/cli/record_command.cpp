@@ -30,9 +30,9 @@ struct RecordRequest {
 };
 
 template <class Integer>
-Integer parseInteger(std::string_view option, std::string_view text) {
+Integer parseInteger(std::string_view option, std::string_view text, int base = 10) {
   Integer value{};
-  auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value, base);
   if (error != std::errc() || end != text.data() + text.size())
     throw CLIArgumentError::invalidValue(std::string(option));
   return value;
@@ -66,11 +66,13 @@ RecordRequest parse(const std::vector<std::string>& arguments) {
     } else if (word == "--window") {
       ++sourcesNamed;
       request.source.kind = CaptureSourceKind::window;
-      const std::string& id = words.value();
-      // xwininfo and xdotool print window ids in hexadecimal.
-      request.source.window = id.starts_with("0x") || id.starts_with("0X")
-                                  ? std::uint32_t(std::stoul(id.substr(2).empty() ? "x" : id.substr(2), nullptr, 16))
-                                  : parseInteger<std::uint32_t>("--window", id);
+      // Without an id the desktop's own dialog picks the window (the portal).
+      if (std::optional<std::string> id = words.optionalValue()) {
+        // xwininfo and xdotool print window ids in hexadecimal.
+        request.source.window = id->starts_with("0x") || id->starts_with("0X")
+                                    ? parseInteger<std::uint32_t>("--window", id->substr(2), 16)
+                                    : parseInteger<std::uint32_t>("--window", *id);
+      }
     } else if (word == "--area") {
       ++sourcesNamed;
       request.source.kind = CaptureSourceKind::area;
@@ -80,6 +82,13 @@ RecordRequest parse(const std::vector<std::string>& arguments) {
       request.source.kind = CaptureSourceKind::device;
       request.source.devicePath = words.value();
       if (request.source.devicePath->empty()) throw CLIArgumentError::invalidValue("--device");
+    } else if (word == "--backend") {
+      const std::string& backend = words.value();
+      request.source.backend = parseName<RecordingBackend>(backend);
+      if (!request.source.backend)
+        throw CLIArgumentError::notOneOf(word, backend, joinedNames(EnumNames<RecordingBackend>::table));
+    } else if (word == "--choose-source") {
+      request.source.chooseSource = true;
     } else if (word == "--fps") {
       request.streams.framesPerSecond = parseInteger<int>("--fps", words.value());
       if (request.streams.framesPerSecond < 1 || request.streams.framesPerSecond > 240)
@@ -107,6 +116,7 @@ RecordRequest parse(const std::vector<std::string>& arguments) {
     }
   }
   if (words.hasProjectID()) throw CLIArgumentError::unexpectedArgument(words.projectID());
+  request.source.framesPerSecond = request.streams.framesPerSecond;
   if (sourcesNamed > 1) throw CLIArgumentError::invalidValue("--display|--window|--area|--device");
   if (request.source.window && *request.source.window == 0) throw CLIArgumentError::invalidValue("--window");
   return request;
@@ -222,7 +232,11 @@ std::string RecordCommand::usageText() {
          "                      recording when covered\n"
          "  --area X,Y,W,H      a rectangle of the default display, in pixels\n"
          "  --device PATH       a camera or USB capture device (/dev/videoN) as the picture\n"
+         "On a Wayland session the desktop's own dialog picks the monitor (--display, --area) or\n"
+         "the window (--window without an id) once, and is remembered; --choose-source asks again.\n"
          "Options:\n"
+         "  --backend B         x11 or portal (default: the portal on a Wayland session, else x11)\n"
+         "  --choose-source     ask the desktop's dialog again instead of the remembered source\n"
          "  --fps N             frames per second, 1 to 240 (default 60)\n"
          "  --system-audio      record what the computer plays (the default output's monitor)\n"
          "  --microphone [SRC]  record the default microphone, or the named PulseAudio source\n"
@@ -249,13 +263,17 @@ int RecordCommand::run(const std::vector<std::string>& arguments) {
     }
     const RecordRequest request = parse(arguments);
     if (request.listSources) {
-      if (arguments.size() != 1) throw CLIArgumentError::invalidValue("--list-sources");
+      // Only the backend may be named beside it.
+      if (arguments.size() != (request.source.backend ? 3u : 1u))
+        throw CLIArgumentError::invalidValue("--list-sources");
       Json answer = {{"protocolVersion", 1}};
-      platform_->listSources(answer);
+      platform_->listSources(request.source, answer);
       reporter.writeJSON(answer);
       return 0;
     }
 
+    // The desktop may end a shared source ("stop sharing"): that finishes the recording as Ctrl-C does.
+    platform_->onSourceEnded([this] { controls_.post(RecordControlEvent::stop); });
     CaptureSourceDescriptor source = platform_->resolve(request.source, controls_.stopRequested());
     if (request.title) source.title = *request.title;
     RecordingOptions options;
@@ -280,6 +298,9 @@ int RecordCommand::run(const std::vector<std::string>& arguments) {
     };
     platform_->watchSource(source, settings);
     RecordingCaptureStreams streams = platform_->openStreams(source, request.streams);
+    const std::vector<std::string> notes = platform_->recordingNotes();
+    for (const std::string& note : notes) printer.message("note: " + note);
+    settings.notes = notes;
     std::unique_ptr<ScreenRecordingSession> session =
         ScreenRecordingSession::create(store, source, options, std::move(streams), platform_->writerFactory(),
                                        std::move(settings), platform_->microphoneConfiguration(request.streams));
@@ -339,7 +360,8 @@ int RecordCommand::run(const std::vector<std::string>& arguments) {
                    {"droppedVideoFrames", result.snapshot.manifest.metrics.droppedVideoFrames},
                    {"mouseEvents", result.snapshot.manifest.metrics.mouseEvents},
                    {"zooms", result.snapshot.timeline.zooms.size()},
-                   {"recoveredProjects", recoveredProjects}};
+                   {"recoveredProjects", recoveredProjects},
+                   {"notes", notes}};
     reporter.writeJSON(answer);
     return 0;
   } catch (const std::exception& error) {

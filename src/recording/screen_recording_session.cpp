@@ -234,6 +234,7 @@ RecordingSessionCore::RecordingSessionCore(ProjectStore& store, CreatedProject p
                         cursorTime),
       cursorAssetStore_(package_.cursorAssetsDirectory()),
       webcamOverlay_(settings_.webcamOverlay),
+      diagnosticNotes_(settings_.notes),
       lastKnownGlobalFrame_(source_.globalFrame) {
   if (!streams_.video) throw std::invalid_argument("a recording needs a video stream");
   if (!streams_.camera) streams_.cameraConfiguration.reset();

@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "capture/capture_streams.h"
 #include "project/package_lifecycle.h"
@@ -66,6 +67,9 @@ struct RecordingSessionSettings {
   RecordingControlRegionStore* controlRegionStore = nullptr;
   // The camera overlay chosen before the recording; `WebcamOverlay::newRecording()` when none.
   std::optional<WebcamOverlay> webcamOverlay;
+  // What the platform already knows this recording lacks (no clicks, a pointer drawn into the
+  // picture): the first notes of the diagnostic report.
+  std::vector<std::string> notes;
 };
 
 // One recording of a display, a window or an area, from the first frame to the finished package.
