@@ -9,7 +9,9 @@
 #include "agent/timeline_plan_engine.h"
 #include "analysis/caption_timing_aligner.h"
 #include "captions/caption_document.h"
+#include "capture/screen_cast_portal.h"
 #include "cli/cli_models.h"
+#include "cli/recording_platform.h"
 #include "export/export_configuration.h"
 #include "export/export_progress.h"
 #include "media/still_image.h"
@@ -32,7 +34,8 @@ using EveryNamedEnumeration =
                CaptionTrackSelection, CaptionTimingAlignmentAction, AgentEditingCapabilityID,
                AgentEditingCapabilityGroup, AgentEditingPreset, AgentEditingAspectRatio, AgentEditingClickStyle,
                AgentEditingWebcamShape, StillImageFormat, ExportResolution, ExportFrameRate, ExportQuality, ExportCodec,
-               ExportPreset, ExportPhase, RecordingTransportState, RecordingWebcamState>;
+               ExportPreset, ExportPhase, RecordingTransportState, RecordingWebcamState, RecordingBackend,
+               ScreenCastSourceType, ScreenCastCursorMode>;
 
 // A word listed twice would leave one of its cases unreadable, and a case's first word is the one
 // every writer uses, so it must read back as that case, through JSON too.

@@ -55,7 +55,9 @@ class RecordThroughPortalTest : public ::testing::Test {
         testing::ScreencastCursor cursor;
         cursor.x = int(10 + (number * 7) % 300);
         cursor.y = 120;
-        if (number == 1) cursor.bitmapColour = std::array<std::uint8_t, 4>{0, 0, 255, 255};
+        // Every buffer carries the bitmap: a consumer linked later, or a buffer lost while the link
+        // is made, must not leave a recording without its pointer's image.
+        cursor.bitmapColour = std::array<std::uint8_t, 4>{0, 0, 255, 255};
         buffer.cursor = cursor;
         if (producer_->send(buffer)) ++number;
         std::this_thread::sleep_for(33ms);
