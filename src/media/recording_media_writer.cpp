@@ -54,6 +54,13 @@ constexpr AVRational videoTimeBase{1, 90'000};
 constexpr int movieTimescale = 600;
 constexpr std::int64_t firstFragmentNanoseconds = nanosecondsPerSecond;
 constexpr std::int64_t fragmentIntervalNanoseconds = 10 * nanosecondsPerSecond;
+// An unchanged screen is not encoded again (each sample lasts until the next one), but a picture
+// still goes out this often, so that fragments keep being cut on time and a reader of the growing
+// file never waits long for one.
+constexpr std::int64_t heartbeatNanoseconds = nanosecondsPerSecond;
+// The encoder's group of pictures counts frames, which no longer stand for time once unchanged
+// ones are left out: a keyframe is asked for when this much video time has passed without one.
+constexpr std::int64_t keyframeIntervalNanoseconds = 2 * nanosecondsPerSecond;
 // Audio whose time strays from where the samples before it end by more than this is placed
 // anew: a gap becomes silence, an overlap is cut. Below it the samples run on, so that a stream's
 // timestamp jitter never shows as clicks.
@@ -100,6 +107,11 @@ struct VideoTrack {
   int scalerHeight = 0;
   std::weak_ptr<const PixelBuffer> lastSource;  // what `planes` holds, for unchanged frames
   std::int64_t lastTimestamp = -1;              // in the encoder's time base
+  std::optional<std::int64_t> lastEncodedNanoseconds;
+  std::optional<std::int64_t> lastKeyTimestamp;  // in the encoder's time base
+  // The time of the latest frame left out as a repeat, while no frame has been encoded after it:
+  // the file's last picture is written at it when the recording ends.
+  std::optional<std::int64_t> skippedNanoseconds;
 };
 
 // One AAC track: samples are brought to 48 kHz planar stereo, queued until the encoder's frame is
@@ -260,12 +272,17 @@ struct RecordingMediaWriter::State {
 
   // ---- the encoder thread
 
-  void write(AVCodecContext* encoder, AVStream* stream, const AVFrame* frame) {
+  // `keyTimestamp`, where given, learns the time (in the encoder's time base) of each keyframe that
+  // comes out, whether asked for or chosen by the encoder.
+  void write(AVCodecContext* encoder, AVStream* stream, const AVFrame* frame,
+             std::optional<std::int64_t>* keyTimestamp = nullptr) {
     if (int status = avcodec_send_frame(encoder, frame); status < 0) failEncoding(describeLibavError(status));
     for (;;) {
       int status = avcodec_receive_packet(encoder, packet.get());
       if (status == AVERROR(EAGAIN) || status == AVERROR_EOF) return;
       if (status < 0) failEncoding(describeLibavError(status));
+      if (keyTimestamp != nullptr && (packet->flags & AV_PKT_FLAG_KEY) != 0 && packet->pts != AV_NOPTS_VALUE)
+        *keyTimestamp = std::max(keyTimestamp->value_or(packet->pts), packet->pts);
       av_packet_rescale_ts(packet.get(), encoder->time_base, stream->time_base);
       packet->stream_index = stream->index;
       // Written straight into the fragment rather than through the interleaving queue: a fragment
@@ -300,32 +317,79 @@ struct RecordingMediaWriter::State {
     sws_scale(track.scaler.get(), rows, stride, 0, source.height, target, planes.linesize);
   }
 
-  void encodeVideo(VideoTrack& track, const VideoItem& item) {
+  // True when the item went to the encoder, false when it was left out as a repeat of the picture
+  // before it.
+  bool encodeVideo(VideoTrack& track, const VideoItem& item) {
     const PixelBuffer& source = *item.pixels;
     const bool valid = source.width > 0 && source.height > 0 && source.stride >= source.width * 4 &&
                        source.bytes.size() >= static_cast<std::size_t>(source.stride) * source.height;
     if (!valid) failEncoding("a frame's pixel buffer is smaller than its size");
-    const bool same = !track.lastSource.owner_before(item.pixels) && !item.pixels.owner_before(track.lastSource) &&
-                      !track.lastSource.expired();
-    if (item.changed || !same) {
+    const bool repeated = repeatsPicture(track, item);
+    if (leftOut(track, item)) {
+      track.skippedNanoseconds = item.relativeNanoseconds;
+      return false;
+    }
+    if (!repeated) {
       convert(track, source);
       track.lastSource = item.pixels;
     }
-    std::int64_t timestamp = av_rescale_q(item.relativeNanoseconds, AVRational{1, int(nanosecondsPerSecond)},
-                                          track.encoder.context->time_base);
+    sendPicture(track, item.relativeNanoseconds);
+    return true;
+  }
+
+  // An unchanged tick hands out the very buffer `planes` was made from.
+  static bool repeatsPicture(const VideoTrack& track, const VideoItem& item) {
+    const bool same = !track.lastSource.owner_before(item.pixels) && !item.pixels.owner_before(track.lastSource) &&
+                      !track.lastSource.expired();
+    return !item.changed && same;
+  }
+
+  bool leftOut(const VideoTrack& track, const VideoItem& item) const {
+    return repeatsPicture(track, item) && !pictureDue(track, item.relativeNanoseconds);
+  }
+
+  // A repeat still goes out as the heartbeat, or when a keyframe is due.
+  bool pictureDue(const VideoTrack& track, std::int64_t relativeNanoseconds) const {
+    if (!track.lastEncodedNanoseconds) return true;
+    if (relativeNanoseconds - *track.lastEncodedNanoseconds >= heartbeatNanoseconds) return true;
+    return keyframeDue(track, relativeNanoseconds);
+  }
+
+  bool keyframeDue(const VideoTrack& track, std::int64_t relativeNanoseconds) const {
+    if (!track.lastKeyTimestamp) return false;  // the first picture is a keyframe anyway
+    const std::int64_t keyNanoseconds = av_rescale_q(*track.lastKeyTimestamp, track.encoder.context->time_base,
+                                                     AVRational{1, int(nanosecondsPerSecond)});
+    return relativeNanoseconds - keyNanoseconds >= keyframeIntervalNanoseconds;
+  }
+
+  // Encodes what `planes` holds at the given time.
+  void sendPicture(VideoTrack& track, std::int64_t relativeNanoseconds) {
+    std::int64_t timestamp =
+        av_rescale_q(relativeNanoseconds, AVRational{1, int(nanosecondsPerSecond)}, track.encoder.context->time_base);
     // Two frames closer than one tick of the time base: the later one moves by a tick.
     timestamp = std::max(timestamp, track.lastTimestamp + 1);
+    const bool key = keyframeDue(track, relativeNanoseconds);
     track.lastTimestamp = timestamp;
+    track.lastEncodedNanoseconds = relativeNanoseconds;
+    track.skippedNanoseconds.reset();
     track.planes->pts = timestamp;
-    track.planes->pict_type = AV_PICTURE_TYPE_NONE;
+    track.planes->pict_type = key ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
+    if (key) track.lastKeyTimestamp = timestamp;
     if (track.encoder.hardwareFrames) {
       FramePtr surface;
       if (!uploadFrame(track.encoder.hardwareFrames.get(), track.planes.get(), surface))
         failEncoding("the frame could not be handed to the hardware encoder");
-      write(track.encoder.context.get(), track.stream, surface.get());
+      surface->pict_type = track.planes->pict_type;
+      write(track.encoder.context.get(), track.stream, surface.get(), &track.lastKeyTimestamp);
       return;
     }
-    write(track.encoder.context.get(), track.stream, track.planes.get());
+    write(track.encoder.context.get(), track.stream, track.planes.get(), &track.lastKeyTimestamp);
+  }
+
+  // The last frame appended was left out as a repeat: its picture still ends the track at its time,
+  // so that the track lasts from the first frame to the last.
+  void sendSkippedPicture(VideoTrack& track) {
+    if (track.skippedNanoseconds) sendPicture(track, *track.skippedNanoseconds);
   }
 
   void encodeAudio(AudioTrack& track, const AudioItem& item) {
@@ -475,11 +539,16 @@ struct RecordingMediaWriter::State {
       try {
         for (auto& [track, item] : sound) encodeAudio(*track, item);
         if (video) {
-          cutFragmentIfDue(video->relativeNanoseconds);
+          // Fragments are cut on pictures that go out; the heartbeat keeps them coming.
+          if (!leftOut(screen, *video)) cutFragmentIfDue(video->relativeNanoseconds);
           encodeVideo(screen, *video);
         }
         if (camera) encodeVideo(*webcam, *camera);
         if (finishing && !flushed) {
+          if (format->pb != nullptr) {
+            sendSkippedPicture(screen);
+            if (webcam) sendSkippedPicture(*webcam);
+          }
           flushEncoders();
           flushed = true;
           return;
