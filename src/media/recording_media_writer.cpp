@@ -105,6 +105,11 @@ struct VideoTrack {
   ScalerPtr scaler;
   int scalerWidth = 0;
   int scalerHeight = 0;
+  // The screen's frames come at a variable rate: a repeat is left out, and a sample lasts until the
+  // next one. The movie takes a sample's duration from its packet, so each packet is held back
+  // until the next one (or the next frame's time) says how long it lasts.
+  bool variableRate = false;
+  PacketPtr held;
   std::weak_ptr<const PixelBuffer> lastSource;  // what `planes` holds, for unchanged frames
   std::int64_t lastTimestamp = -1;              // in the encoder's time base
   std::optional<std::int64_t> lastEncodedNanoseconds;
@@ -272,19 +277,35 @@ struct RecordingMediaWriter::State {
 
   // ---- the encoder thread
 
-  // `keyTimestamp`, where given, learns the time (in the encoder's time base) of each keyframe that
-  // comes out, whether asked for or chosen by the encoder.
-  void write(AVCodecContext* encoder, AVStream* stream, const AVFrame* frame,
-             std::optional<std::int64_t>* keyTimestamp = nullptr) {
+  // `video`, where given, learns the time of each keyframe that comes out, whether asked for or
+  // chosen by the encoder.
+  // Writes the packet held back, lasting until `nextTimestamp` (in the stream's time base) where
+  // that is known, else as long as the encoder said.
+  void releaseHeld(VideoTrack& track, std::optional<std::int64_t> nextTimestamp) {
+    if (!track.held || track.held->data == nullptr) return;
+    AVPacket& held = *track.held;
+    if (nextTimestamp && held.dts != AV_NOPTS_VALUE && *nextTimestamp > held.dts)
+      held.duration = *nextTimestamp - held.dts;
+    const int status = av_write_frame(format.get(), &held);
+    av_packet_unref(&held);
+    if (status < 0) failEncoding(describeLibavError(status));
+  }
+
+  void write(AVCodecContext* encoder, AVStream* stream, const AVFrame* frame, VideoTrack* video = nullptr) {
     if (int status = avcodec_send_frame(encoder, frame); status < 0) failEncoding(describeLibavError(status));
     for (;;) {
       int status = avcodec_receive_packet(encoder, packet.get());
       if (status == AVERROR(EAGAIN) || status == AVERROR_EOF) return;
       if (status < 0) failEncoding(describeLibavError(status));
-      if (keyTimestamp != nullptr && (packet->flags & AV_PKT_FLAG_KEY) != 0 && packet->pts != AV_NOPTS_VALUE)
-        *keyTimestamp = std::max(keyTimestamp->value_or(packet->pts), packet->pts);
+      if (video != nullptr && (packet->flags & AV_PKT_FLAG_KEY) != 0 && packet->pts != AV_NOPTS_VALUE)
+        video->lastKeyTimestamp = std::max(video->lastKeyTimestamp.value_or(packet->pts), packet->pts);
       av_packet_rescale_ts(packet.get(), encoder->time_base, stream->time_base);
       packet->stream_index = stream->index;
+      if (video != nullptr && video->variableRate) {
+        releaseHeld(*video, packet->dts);
+        av_packet_move_ref(video->held.get(), packet.get());
+        continue;
+      }
       // Written straight into the fragment rather than through the interleaving queue: a fragment
       // closed by hand then holds every packet encoded so far, of every track.
       status = av_write_frame(format.get(), packet.get());
@@ -345,7 +366,7 @@ struct RecordingMediaWriter::State {
   }
 
   bool leftOut(const VideoTrack& track, const VideoItem& item) const {
-    return repeatsPicture(track, item) && !pictureDue(track, item.relativeNanoseconds);
+    return track.variableRate && repeatsPicture(track, item) && !pictureDue(track, item.relativeNanoseconds);
   }
 
   // A repeat still goes out as the heartbeat, or when a keyframe is due.
@@ -380,10 +401,10 @@ struct RecordingMediaWriter::State {
       if (!uploadFrame(track.encoder.hardwareFrames.get(), track.planes.get(), surface))
         failEncoding("the frame could not be handed to the hardware encoder");
       surface->pict_type = track.planes->pict_type;
-      write(track.encoder.context.get(), track.stream, surface.get(), &track.lastKeyTimestamp);
+      write(track.encoder.context.get(), track.stream, surface.get(), &track);
       return;
     }
-    write(track.encoder.context.get(), track.stream, track.planes.get(), &track.lastKeyTimestamp);
+    write(track.encoder.context.get(), track.stream, track.planes.get(), &track);
   }
 
   // The last frame appended was left out as a repeat: its picture still ends the track at its time,
@@ -481,6 +502,9 @@ struct RecordingMediaWriter::State {
   // next boundary.
   void cutFragmentIfDue(std::int64_t relativeNanoseconds) {
     if (relativeNanoseconds < nextFragmentNanoseconds) return;
+    // The fragment's last picture lasts until the frame that starts the next one.
+    releaseHeld(screen,
+                av_rescale_q(relativeNanoseconds, AVRational{1, int(nanosecondsPerSecond)}, screen.stream->time_base));
     cutFragment();
     while (nextFragmentNanoseconds <= relativeNanoseconds) nextFragmentNanoseconds += fragmentIntervalNanoseconds;
   }
@@ -492,7 +516,8 @@ struct RecordingMediaWriter::State {
 
   void flushEncoders() {
     if (format->pb == nullptr) return;  // no screen frame ever came: there is no file
-    write(screen.encoder.context.get(), screen.stream, nullptr);
+    write(screen.encoder.context.get(), screen.stream, nullptr, &screen);
+    releaseHeld(screen, std::nullopt);
     if (webcam) write(webcam->encoder.context.get(), webcam->stream, nullptr);
     for (AudioTrack* track : {systemAudio ? &*systemAudio : nullptr, microphone ? &*microphone : nullptr}) {
       if (track == nullptr) continue;
@@ -657,6 +682,9 @@ RecordingMediaWriter::RecordingMediaWriter(const RecordingWriterConfiguration& c
   s.format.reset(raw);
   s.screen = s.makeVideoTrack(configuration.size, configuration.framesPerSecond,
                               configuration.size.recommendedBitRate(), screenTrackName);
+  s.screen.variableRate = true;
+  s.screen.held.reset(av_packet_alloc());
+  if (!s.screen.held) throw std::bad_alloc();
   if (configuration.webcam)
     s.webcam = s.makeVideoTrack(configuration.webcam->pixelSize, configuration.webcam->framesPerSecond, webcamBitRate,
                                 cameraTrackName);
@@ -679,6 +707,10 @@ RecordingMediaWriter::~RecordingMediaWriter() {
   // one more fragment, for recovery to find.
   s.stopEncoder(true);
   if (s.startPTS && !s.failed.load() && !s.cancelled && !s.finished) {
+    try {
+      s.releaseHeld(s.screen, std::nullopt);
+    } catch (const EncodingFailure&) {
+    }
     if (av_write_frame(s.format.get(), nullptr) >= 0) avio_flush(s.format->pb);
   }
 }
