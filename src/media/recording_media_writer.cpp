@@ -277,8 +277,6 @@ struct RecordingMediaWriter::State {
 
   // ---- the encoder thread
 
-  // `video`, where given, learns the time of each keyframe that comes out, whether asked for or
-  // chosen by the encoder.
   // Writes the packet held back, lasting until `nextTimestamp` (in the stream's time base) where
   // that is known, else as long as the encoder said.
   void releaseHeld(VideoTrack& track, std::optional<std::int64_t> nextTimestamp) {
@@ -291,6 +289,8 @@ struct RecordingMediaWriter::State {
     if (status < 0) failEncoding(describeLibavError(status));
   }
 
+  // `video`, where given, learns the time of each keyframe that comes out, whether asked for or
+  // chosen by the encoder.
   void write(AVCodecContext* encoder, AVStream* stream, const AVFrame* frame, VideoTrack* video = nullptr) {
     if (int status = avcodec_send_frame(encoder, frame); status < 0) failEncoding(describeLibavError(status));
     for (;;) {
@@ -338,9 +338,7 @@ struct RecordingMediaWriter::State {
     sws_scale(track.scaler.get(), rows, stride, 0, source.height, target, planes.linesize);
   }
 
-  // True when the item went to the encoder, false when it was left out as a repeat of the picture
-  // before it.
-  bool encodeVideo(VideoTrack& track, const VideoItem& item) {
+  void encodeVideo(VideoTrack& track, const VideoItem& item) {
     const PixelBuffer& source = *item.pixels;
     const bool valid = source.width > 0 && source.height > 0 && source.stride >= source.width * 4 &&
                        source.bytes.size() >= static_cast<std::size_t>(source.stride) * source.height;
@@ -348,14 +346,13 @@ struct RecordingMediaWriter::State {
     const bool repeated = repeatsPicture(track, item);
     if (leftOut(track, item)) {
       track.skippedNanoseconds = item.relativeNanoseconds;
-      return false;
+      return;
     }
     if (!repeated) {
       convert(track, source);
       track.lastSource = item.pixels;
     }
     sendPicture(track, item.relativeNanoseconds);
-    return true;
   }
 
   // An unchanged tick hands out the very buffer `planes` was made from.
@@ -570,10 +567,7 @@ struct RecordingMediaWriter::State {
         }
         if (camera) encodeVideo(*webcam, *camera);
         if (finishing && !flushed) {
-          if (format->pb != nullptr) {
-            sendSkippedPicture(screen);
-            if (webcam) sendSkippedPicture(*webcam);
-          }
+          if (format->pb != nullptr) sendSkippedPicture(screen);
           flushEncoders();
           flushed = true;
           return;
@@ -708,7 +702,7 @@ RecordingMediaWriter::~RecordingMediaWriter() {
   s.stopEncoder(true);
   if (s.startPTS && !s.failed.load() && !s.cancelled && !s.finished) {
     try {
-      s.releaseHeld(s.screen, std::nullopt);
+      s.releaseHeld(s.screen, std::nullopt);  // the last picture encoded, with the encoder's duration
     } catch (const EncodingFailure&) {
     }
     if (av_write_frame(s.format.get(), nullptr) >= 0) avio_flush(s.format->pb);
