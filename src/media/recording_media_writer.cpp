@@ -54,6 +54,13 @@ constexpr AVRational videoTimeBase{1, 90'000};
 constexpr int movieTimescale = 600;
 constexpr std::int64_t firstFragmentNanoseconds = nanosecondsPerSecond;
 constexpr std::int64_t fragmentIntervalNanoseconds = 10 * nanosecondsPerSecond;
+// An unchanged screen is not encoded again (each sample lasts until the next one), but a picture
+// still goes out this often, so that fragments keep being cut on time and a reader of the growing
+// file never waits long for one.
+constexpr std::int64_t heartbeatNanoseconds = nanosecondsPerSecond;
+// The encoder's group of pictures counts frames, which no longer stand for time once unchanged
+// ones are left out: a keyframe is asked for when this much video time has passed without one.
+constexpr std::int64_t keyframeIntervalNanoseconds = 2 * nanosecondsPerSecond;
 // Audio whose time strays from where the samples before it end by more than this is placed
 // anew: a gap becomes silence, an overlap is cut. Below it the samples run on, so that a stream's
 // timestamp jitter never shows as clicks.
@@ -98,8 +105,18 @@ struct VideoTrack {
   ScalerPtr scaler;
   int scalerWidth = 0;
   int scalerHeight = 0;
+  // The screen's frames come at a variable rate: a repeat is left out, and a sample lasts until the
+  // next one. The movie takes a sample's duration from its packet, so each packet is held back
+  // until the next one (or the next frame's time) says how long it lasts.
+  bool variableRate = false;
+  PacketPtr held;
   std::weak_ptr<const PixelBuffer> lastSource;  // what `planes` holds, for unchanged frames
   std::int64_t lastTimestamp = -1;              // in the encoder's time base
+  std::optional<std::int64_t> lastEncodedNanoseconds;
+  std::optional<std::int64_t> lastKeyTimestamp;  // in the encoder's time base
+  // The time of the latest frame left out as a repeat, while no frame has been encoded after it:
+  // the file's last picture is written at it when the recording ends.
+  std::optional<std::int64_t> skippedNanoseconds;
 };
 
 // One AAC track: samples are brought to 48 kHz planar stereo, queued until the encoder's frame is
@@ -260,14 +277,35 @@ struct RecordingMediaWriter::State {
 
   // ---- the encoder thread
 
-  void write(AVCodecContext* encoder, AVStream* stream, const AVFrame* frame) {
+  // Writes the packet held back, lasting until `nextTimestamp` (in the stream's time base) where
+  // that is known, else as long as the encoder said.
+  void releaseHeld(VideoTrack& track, std::optional<std::int64_t> nextTimestamp) {
+    if (!track.held || track.held->data == nullptr) return;
+    AVPacket& held = *track.held;
+    if (nextTimestamp && held.dts != AV_NOPTS_VALUE && *nextTimestamp > held.dts)
+      held.duration = *nextTimestamp - held.dts;
+    const int status = av_write_frame(format.get(), &held);
+    av_packet_unref(&held);
+    if (status < 0) failEncoding(describeLibavError(status));
+  }
+
+  // `video`, where given, learns the time of each keyframe that comes out, whether asked for or
+  // chosen by the encoder.
+  void write(AVCodecContext* encoder, AVStream* stream, const AVFrame* frame, VideoTrack* video = nullptr) {
     if (int status = avcodec_send_frame(encoder, frame); status < 0) failEncoding(describeLibavError(status));
     for (;;) {
       int status = avcodec_receive_packet(encoder, packet.get());
       if (status == AVERROR(EAGAIN) || status == AVERROR_EOF) return;
       if (status < 0) failEncoding(describeLibavError(status));
+      if (video != nullptr && (packet->flags & AV_PKT_FLAG_KEY) != 0 && packet->pts != AV_NOPTS_VALUE)
+        video->lastKeyTimestamp = std::max(video->lastKeyTimestamp.value_or(packet->pts), packet->pts);
       av_packet_rescale_ts(packet.get(), encoder->time_base, stream->time_base);
       packet->stream_index = stream->index;
+      if (video != nullptr && video->variableRate) {
+        releaseHeld(*video, packet->dts);
+        av_packet_move_ref(video->held.get(), packet.get());
+        continue;
+      }
       // Written straight into the fragment rather than through the interleaving queue: a fragment
       // closed by hand then holds every packet encoded so far, of every track.
       status = av_write_frame(format.get(), packet.get());
@@ -305,27 +343,71 @@ struct RecordingMediaWriter::State {
     const bool valid = source.width > 0 && source.height > 0 && source.stride >= source.width * 4 &&
                        source.bytes.size() >= static_cast<std::size_t>(source.stride) * source.height;
     if (!valid) failEncoding("a frame's pixel buffer is smaller than its size");
-    const bool same = !track.lastSource.owner_before(item.pixels) && !item.pixels.owner_before(track.lastSource) &&
-                      !track.lastSource.expired();
-    if (item.changed || !same) {
+    const bool repeated = repeatsPicture(track, item);
+    if (leftOut(track, item)) {
+      track.skippedNanoseconds = item.relativeNanoseconds;
+      return;
+    }
+    if (!repeated) {
       convert(track, source);
       track.lastSource = item.pixels;
     }
-    std::int64_t timestamp = av_rescale_q(item.relativeNanoseconds, AVRational{1, int(nanosecondsPerSecond)},
-                                          track.encoder.context->time_base);
+    sendPicture(track, item.relativeNanoseconds);
+  }
+
+  // An unchanged tick hands out the very buffer `planes` was made from.
+  static bool repeatsPicture(const VideoTrack& track, const VideoItem& item) {
+    const bool same = !track.lastSource.owner_before(item.pixels) && !item.pixels.owner_before(track.lastSource) &&
+                      !track.lastSource.expired();
+    return !item.changed && same;
+  }
+
+  bool leftOut(const VideoTrack& track, const VideoItem& item) const {
+    return track.variableRate && repeatsPicture(track, item) && !pictureDue(track, item.relativeNanoseconds);
+  }
+
+  // A repeat still goes out as the heartbeat, or when a keyframe is due.
+  bool pictureDue(const VideoTrack& track, std::int64_t relativeNanoseconds) const {
+    if (!track.lastEncodedNanoseconds) return true;
+    if (relativeNanoseconds - *track.lastEncodedNanoseconds >= heartbeatNanoseconds) return true;
+    return keyframeDue(track, relativeNanoseconds);
+  }
+
+  bool keyframeDue(const VideoTrack& track, std::int64_t relativeNanoseconds) const {
+    if (!track.lastKeyTimestamp) return false;  // the first picture is a keyframe anyway
+    const std::int64_t keyNanoseconds = av_rescale_q(*track.lastKeyTimestamp, track.encoder.context->time_base,
+                                                     AVRational{1, int(nanosecondsPerSecond)});
+    return relativeNanoseconds - keyNanoseconds >= keyframeIntervalNanoseconds;
+  }
+
+  // Encodes what `planes` holds at the given time.
+  void sendPicture(VideoTrack& track, std::int64_t relativeNanoseconds) {
+    std::int64_t timestamp =
+        av_rescale_q(relativeNanoseconds, AVRational{1, int(nanosecondsPerSecond)}, track.encoder.context->time_base);
     // Two frames closer than one tick of the time base: the later one moves by a tick.
     timestamp = std::max(timestamp, track.lastTimestamp + 1);
+    const bool key = keyframeDue(track, relativeNanoseconds);
     track.lastTimestamp = timestamp;
+    track.lastEncodedNanoseconds = relativeNanoseconds;
+    track.skippedNanoseconds.reset();
     track.planes->pts = timestamp;
-    track.planes->pict_type = AV_PICTURE_TYPE_NONE;
+    track.planes->pict_type = key ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
+    if (key) track.lastKeyTimestamp = timestamp;
     if (track.encoder.hardwareFrames) {
       FramePtr surface;
       if (!uploadFrame(track.encoder.hardwareFrames.get(), track.planes.get(), surface))
         failEncoding("the frame could not be handed to the hardware encoder");
-      write(track.encoder.context.get(), track.stream, surface.get());
+      surface->pict_type = track.planes->pict_type;
+      write(track.encoder.context.get(), track.stream, surface.get(), &track);
       return;
     }
-    write(track.encoder.context.get(), track.stream, track.planes.get());
+    write(track.encoder.context.get(), track.stream, track.planes.get(), &track);
+  }
+
+  // The last frame appended was left out as a repeat: its picture still ends the track at its time,
+  // so that the track lasts from the first frame to the last.
+  void sendSkippedPicture(VideoTrack& track) {
+    if (track.skippedNanoseconds) sendPicture(track, *track.skippedNanoseconds);
   }
 
   void encodeAudio(AudioTrack& track, const AudioItem& item) {
@@ -417,6 +499,9 @@ struct RecordingMediaWriter::State {
   // next boundary.
   void cutFragmentIfDue(std::int64_t relativeNanoseconds) {
     if (relativeNanoseconds < nextFragmentNanoseconds) return;
+    // The fragment's last picture lasts until the frame that starts the next one.
+    releaseHeld(screen,
+                av_rescale_q(relativeNanoseconds, AVRational{1, int(nanosecondsPerSecond)}, screen.stream->time_base));
     cutFragment();
     while (nextFragmentNanoseconds <= relativeNanoseconds) nextFragmentNanoseconds += fragmentIntervalNanoseconds;
   }
@@ -428,7 +513,8 @@ struct RecordingMediaWriter::State {
 
   void flushEncoders() {
     if (format->pb == nullptr) return;  // no screen frame ever came: there is no file
-    write(screen.encoder.context.get(), screen.stream, nullptr);
+    write(screen.encoder.context.get(), screen.stream, nullptr, &screen);
+    releaseHeld(screen, std::nullopt);
     if (webcam) write(webcam->encoder.context.get(), webcam->stream, nullptr);
     for (AudioTrack* track : {systemAudio ? &*systemAudio : nullptr, microphone ? &*microphone : nullptr}) {
       if (track == nullptr) continue;
@@ -475,11 +561,13 @@ struct RecordingMediaWriter::State {
       try {
         for (auto& [track, item] : sound) encodeAudio(*track, item);
         if (video) {
-          cutFragmentIfDue(video->relativeNanoseconds);
+          // Fragments are cut on pictures that go out; the heartbeat keeps them coming.
+          if (!leftOut(screen, *video)) cutFragmentIfDue(video->relativeNanoseconds);
           encodeVideo(screen, *video);
         }
         if (camera) encodeVideo(*webcam, *camera);
         if (finishing && !flushed) {
+          if (format->pb != nullptr) sendSkippedPicture(screen);
           flushEncoders();
           flushed = true;
           return;
@@ -588,6 +676,9 @@ RecordingMediaWriter::RecordingMediaWriter(const RecordingWriterConfiguration& c
   s.format.reset(raw);
   s.screen = s.makeVideoTrack(configuration.size, configuration.framesPerSecond,
                               configuration.size.recommendedBitRate(), screenTrackName);
+  s.screen.variableRate = true;
+  s.screen.held.reset(av_packet_alloc());
+  if (!s.screen.held) throw std::bad_alloc();
   if (configuration.webcam)
     s.webcam = s.makeVideoTrack(configuration.webcam->pixelSize, configuration.webcam->framesPerSecond, webcamBitRate,
                                 cameraTrackName);
@@ -610,6 +701,10 @@ RecordingMediaWriter::~RecordingMediaWriter() {
   // one more fragment, for recovery to find.
   s.stopEncoder(true);
   if (s.startPTS && !s.failed.load() && !s.cancelled && !s.finished) {
+    try {
+      s.releaseHeld(s.screen, std::nullopt);  // the last picture encoded, with the encoder's duration
+    } catch (const EncodingFailure&) {
+    }
     if (av_write_frame(s.format.get(), nullptr) >= 0) avio_flush(s.format->pb);
   }
 }

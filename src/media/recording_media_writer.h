@@ -9,6 +9,11 @@
 // encoder: the frame is dropped and counted, the caller never waits. A fragment is closed after
 // the first second of video and then every ten seconds and the file flushed, so a recording that
 // is killed stays readable up to its last fragment.
+//
+// The screen track has a variable frame rate: a frame that repeats the previous one (unchanged, the
+// same buffer) is not encoded, and each picture lasts until the next. A repeat still goes out when
+// a second has passed since the last picture, or two since the last keyframe (then as a keyframe),
+// and the last frame appended ends the track at its own time.
 
 #include <cstdint>
 #include <memory>

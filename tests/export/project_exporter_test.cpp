@@ -19,6 +19,7 @@ extern "C" {
 #include <fstream>
 #include <iterator>
 
+#include "media/recording_media_writer.h"
 #include "media_fixtures.h"
 #include "rendering/project_frame_renderer.h"
 #include "rendering/rendering_context.h"
@@ -279,6 +280,61 @@ TEST_F(ProjectExports, AOneHundredthOfASecondMoreIsOneFrameMore) {
   const DecodedFilm film = decodeFilm(destination);
   ASSERT_EQ(film.centreLuma.size(), 31u);
   EXPECT_NEAR(film.centreLuma[30], 16 + 6 * 0, 2);
+}
+
+// A recording's movie has a variable frame rate: the still stretch in the middle is written as a
+// picture a second. The film still has a frame for every tick, each showing the picture of its time.
+TEST_F(ProjectExports, ARecordingWithAStillStretchGivesEveryFrameItsPicture) {
+  // Grey pictures at 30 fps: frames 0–9 change each tick, 10–49 repeat frame 10 unchanged, 50–59
+  // change each tick again.
+  auto grey = [](int frame) { return frame < 10 ? 20 + 10 * frame : frame < 50 ? 160 : 170 + 8 * (frame - 50); };
+  constexpr int frames = 60;
+  const std::int64_t interval = 1'000'000'000 / 30;
+  PackageFixture fixture;
+  fixture.inputs = lavfiInput("color=c=black:s=66x38:r=30:d=1");
+  fixture.tracks = {{MediaTrackKind::screen, 0}};
+  fixture.duration = ns((frames - 1) * interval);
+  ProjectSnapshot snapshot = makePackage(folder_.path(), fixture);
+  plainCanvas(snapshot, {66, 38});
+  const auto movie = snapshot.packagePath / snapshot.manifest.media.relativePath;
+  {
+    RecordingWriterConfiguration configuration;
+    configuration.url = movie;
+    configuration.size = {66, 38};
+    configuration.framesPerSecond = 30;
+    configuration.encoderPreference = "libx264";
+    RecordingMediaWriter writer(configuration);
+    std::shared_ptr<const PixelBuffer> pixels;
+    for (int frame = 0; frame < frames; ++frame) {
+      const bool changed = frame < 10 || frame >= 50;
+      if (changed || frame == 10) {
+        auto buffer = std::make_shared<PixelBuffer>();
+        buffer->width = 66;
+        buffer->height = 38;
+        buffer->stride = 66 * 4;
+        buffer->bytes.assign(66 * 38 * 4, static_cast<std::uint8_t>(grey(frame)));
+        pixels = std::move(buffer);
+      }
+      VideoFrame video;
+      video.pixels = pixels;
+      video.changed = changed || frame == 10;
+      writer.appendVideo(video, frame * interval);
+      writer.waitUntilEncodedForTesting();
+    }
+    const RecordingWriterResult written = writer.finish();
+    ASSERT_EQ(written.videoFrames, frames);
+    ASSERT_EQ(written.duration, fixture.duration);
+  }
+  const auto destination = folder_.path() / "film.mp4";
+  const ExportedFilm result = exportFilm(snapshot, destination, originalSize(ExportFrameRate::fps30));
+  // The recording lasts from its first frame to its last, 59 ticks: the last frame's instant is its
+  // end, and the film has a frame for each tick before it.
+  EXPECT_EQ(result.frameCount, frames - 1);
+  const DecodedFilm film = decodeFilm(destination);
+  ASSERT_EQ(film.centreLuma.size(), std::size_t(frames - 1));
+  // Limited-range luma of a full-range grey g: 16 + 219 g / 255.
+  for (int frame = 0; frame < frames - 1; ++frame)
+    EXPECT_NEAR(film.centreLuma[frame], 16 + 219.0 * grey(frame) / 255, 3) << "frame " << frame;
 }
 
 // A 1 kHz tone in source seconds 1–2 of a 3 s recording; cutting 0.5–1 s moves it to 0.5–1.5 s.

@@ -92,6 +92,25 @@ std::vector<double> packetTimes(const std::filesystem::path& movie, int stream) 
   return times;
 }
 
+struct PacketInfo {
+  double time = 0;
+  bool key = false;
+};
+
+// One video stream's packets with their keyframe flag, in file order.
+std::vector<PacketInfo> packetInfos(const std::filesystem::path& movie, int stream) {
+  const auto result =
+      runProgram(VUMO_FFPROBE_PROGRAM, {"-v", "error", "-select_streams", std::to_string(stream), "-show_entries",
+                                        "packet=pts_time,flags", "-of", "json", movie.string()});
+  EXPECT_EQ(result.status, 0) << result.standardError;
+  std::vector<PacketInfo> packets;
+  const Json document = Json::parse(result.standardOutput);
+  for (const auto& packet : document.at("packets"))
+    packets.push_back({std::stod(packet.at("pts_time").get<std::string>()),
+                       packet.at("flags").get<std::string>().find('K') != std::string::npos});
+  return packets;
+}
+
 // The luma plane of every decoded frame of one video stream, as coded (limited range).
 std::vector<std::vector<std::uint8_t>> decodedLuma(const std::filesystem::path& movie, int stream, int width,
                                                    int height) {
@@ -238,13 +257,16 @@ TEST(RecordingMediaWriter, WritesEveryTrackInOrderAndKeepsTheirRules) {
       }
     }
   }
-  EXPECT_EQ(std::stoi(streams[0].at("nb_read_packets").get<std::string>()), frames);
+  // Each repeat follows its change by one tick, well inside the heartbeat: only the changes are
+  // encoded, one picture lasting two ticks.
+  const int encoded = (frames + 1) / 2;
+  EXPECT_EQ(std::stoi(streams[0].at("nb_read_packets").get<std::string>()), encoded);
   EXPECT_EQ(movieTimescale(url), 600u);
   const std::string bytes = readFile(url, 64 * 1024 * 1024);
   EXPECT_GE(countOf(bytes, "moof"), 2u) << "a fragment after the first second, and the rest at the end";
 
   const auto screenTimes = packetTimes(url, 0);
-  ASSERT_EQ(screenTimes.size(), std::size_t(frames));
+  ASSERT_EQ(screenTimes.size(), std::size_t(encoded));
   EXPECT_DOUBLE_EQ(screenTimes.front(), 0);
   EXPECT_NEAR(screenTimes.back(), (frames - 1) * interval / 1e9, 1 / 90'000.0);
   // The camera's first frame is placed at the start, then its real one at 0.3 s.
@@ -268,9 +290,97 @@ TEST(RecordingMediaWriter, WritesEveryTrackInOrderAndKeepsTheirRules) {
 
   // The colours arrive as limited-range BT.709 luma: red 63, green 173, blue 32.
   const auto luma = decodedLuma(url, 0, 320, 240);
-  ASSERT_EQ(luma.size(), std::size_t(frames));
+  ASSERT_EQ(luma.size(), std::size_t(encoded));
   const double levels[] = {63, 173, 32};
-  for (int i = 0; i < frames; ++i) EXPECT_NEAR(meanOfRows(luma[i], 320, 0, 240), levels[(i / 2) % 3], 3) << i;
+  for (int i = 0; i < encoded; ++i) EXPECT_NEAR(meanOfRows(luma[i], 320, 0, 240), levels[i % 3], 3) << i;
+}
+
+// A still screen: red for five seconds, then green for one, each picture handed in once as a change
+// and then repeated unchanged at every tick of 30 fps.
+TEST(RecordingMediaWriter, AStillScreenCostsAHeartbeatASecondAndKeepsItsTimes) {
+  TemporaryDirectory folder;
+  const auto url = folder.path() / "recording.mov";
+  RecordingMediaWriter writer(configurationFor(url));
+  const auto red = solid(320, 240, 0, 0, 255);
+  const auto green = solid(320, 240, 0, 255, 0);
+  constexpr int frames = 180;
+  constexpr int greenFrom = 150;
+  const std::int64_t interval = second / 30;
+  for (int i = 0; i < frames; ++i) {
+    writer.appendVideo(frameOf(i < greenFrom ? red : green, i == 0 || i == greenFrom), t0 + i * interval);
+    writer.waitUntilEncodedForTesting();
+  }
+  const auto result = writer.finish();
+  EXPECT_EQ(result.videoFrames, frames) << "every frame handed in counts, encoded or not";
+  EXPECT_EQ(result.droppedVideoFrames, 0);
+  EXPECT_EQ(result.duration.nanoseconds, (frames - 1) * interval);
+
+  // Encoded: the first frame; the heartbeat at the first tick a second or more after the last
+  // picture (31: 1.0333 s; 92); a keyframe due two seconds after the last (61: 2.0333 s; 122:
+  // 4.0667 s), which comes before the heartbeat; the change at 150; and the last frame, at finish.
+  const int expectedFrames[] = {0, 31, 61, 92, 122, 150, 179};
+  const auto packets = packetInfos(url, 0);
+  ASSERT_EQ(packets.size(), std::size(expectedFrames));
+  for (std::size_t k = 0; k < packets.size(); ++k)
+    EXPECT_NEAR(packets[k].time, expectedFrames[k] * interval / 1e9, 1 / 90'000.0) << k;
+  // No wait longer than the heartbeat and a tick; no keyframe further than two seconds and a tick
+  // from the one before.
+  const double tick = interval / 1e9;
+  double lastKey = 0;
+  ASSERT_TRUE(packets.front().key);
+  for (std::size_t k = 1; k < packets.size(); ++k) {
+    EXPECT_LE(packets[k].time - packets[k - 1].time, 1 + tick + 1e-6) << k;
+    if (!packets[k].key) continue;
+    EXPECT_LE(packets[k].time - lastKey, 2 + tick + 1e-6) << k;
+    lastKey = packets[k].time;
+  }
+  EXPECT_LE(packets.back().time - lastKey, 2 + tick + 1e-6);
+
+  // The track lasts from the first frame to the last; the movie's duration agrees.
+  const Json info = probe(url);
+  EXPECT_NEAR(std::stod(info.at("format").at("duration").get<std::string>()), (frames - 1) * tick, 0.05);
+  // Fragments are still cut: after the first second, and the rest at the end.
+  EXPECT_GE(countOf(readFile(url, 64 * 1024 * 1024), "moof"), 2u);
+
+  // The pictures: red until the change, green from it on.
+  const auto luma = decodedLuma(url, 0, 320, 240);
+  ASSERT_EQ(luma.size(), std::size(expectedFrames));
+  for (std::size_t k = 0; k < luma.size(); ++k)
+    EXPECT_NEAR(meanOfRows(luma[k], 320, 0, 240), expectedFrames[k] < greenFrom ? 63 : 173, 3) << k;
+}
+
+// A frame that comes as a change is encoded even when it carries the buffer before it, and a new
+// buffer is encoded even when it is marked unchanged: only the two together are a repeat.
+TEST(RecordingMediaWriter, OnlyTheSameBufferUnchangedIsARepeat) {
+  TemporaryDirectory folder;
+  const auto url = folder.path() / "recording.mov";
+  RecordingMediaWriter writer(configurationFor(url));
+  const auto red = solid(320, 240, 0, 0, 255);
+  const std::int64_t interval = second / 30;
+  struct Frame {
+    std::shared_ptr<const PixelBuffer> pixels;
+    bool changed;
+  };
+  const Frame frames[] = {{red, true},
+                          {red, true},                          // the same buffer, drawn again
+                          {red, false},                         // a repeat
+                          {solid(320, 240, 0, 255, 0), false},  // a new buffer
+                          {solid(320, 240, 255, 0, 0), true}};  // a change, the last frame
+  for (std::size_t i = 0; i < std::size(frames); ++i) {
+    writer.appendVideo(frameOf(frames[i].pixels, frames[i].changed), t0 + std::int64_t(i) * interval);
+    writer.waitUntilEncodedForTesting();
+  }
+  const auto result = writer.finish();
+  EXPECT_EQ(result.videoFrames, 5);
+  const auto times = packetTimes(url, 0);
+  ASSERT_EQ(times.size(), 4u);
+  const int expectedFrames[] = {0, 1, 3, 4};
+  for (std::size_t k = 0; k < times.size(); ++k)
+    EXPECT_NEAR(times[k], expectedFrames[k] * interval / 1e9, 1 / 90'000.0);
+  const auto luma = decodedLuma(url, 0, 320, 240);
+  ASSERT_EQ(luma.size(), 4u);
+  EXPECT_NEAR(meanOfRows(luma[2], 320, 0, 240), 173, 3);
+  EXPECT_NEAR(meanOfRows(luma[3], 320, 0, 240), 32, 3);
 }
 
 TEST(RecordingMediaWriter, ScalesAResizedWindowIntoTheMovieWithBlackBorders) {
@@ -432,10 +542,11 @@ TEST(RecordingMediaWriter, AKilledRecordingStaysReadableUpToItsLastFragment) {
       auto configuration = configurationFor(url);
       configuration.capturesSystemAudio = true;
       RecordingMediaWriter writer(configuration);
+      // A screen that changes every tick, so that every tick is encoded.
       const auto pixels = solid(320, 240, 0, 255, 0);
       for (int i = 0; i <= 90; ++i) {
         const std::int64_t pts = t0 + i * (second / 30);
-        writer.appendVideo(frameOf(pixels, i == 0), pts);
+        writer.appendVideo(frameOf(pixels, true), pts);
         for (int k = 0; k < 3; ++k)
           writer.appendAudio(audioBuffer(), RecordingStreamType::systemAudio, pts + k * 11'111'111);
         writer.waitUntilEncodedForTesting();

@@ -5,6 +5,7 @@
 
 #include <cstdlib>
 
+#include "media/recording_media_writer.h"
 #include "media_fixtures.h"
 #include "shared/error.h"
 
@@ -175,6 +176,62 @@ TEST_F(SequenceVideo, AFrameStaysValidAfterTheReaderMovesOn) {
   reader.frameAt(ms(1500));
   EXPECT_EQ(frameNumberOf(*early), 2);
   EXPECT_EQ(early->planes[0][early->strides[0] * 15 + 15], 16 + 5 * 2);
+}
+
+// A recording's movie has a variable frame rate: a still screen is written as a picture a second.
+// The picture shown in the middle of a still stretch is the still one, and the change after it
+// shows from its own time.
+TEST(SequenceVideoOfARecording, ShowsTheStillPictureUntilTheChange) {
+  TemporaryDirectory folder;
+  const auto url = folder.path() / "recording.mov";
+  auto solid = [](std::uint8_t level) {
+    auto buffer = std::make_shared<PixelBuffer>();
+    buffer->width = 64;
+    buffer->height = 64;
+    buffer->stride = 64 * 4;
+    buffer->bytes.assign(64 * 64 * 4, level);
+    return std::shared_ptr<const PixelBuffer>(std::move(buffer));
+  };
+  // Black for three seconds at 30 fps, then white until 3.967 s; each handed in once as a change
+  // and then repeated.
+  const auto black = solid(0), white = solid(255);
+  const std::int64_t interval = 1'000'000'000 / 30;
+  {
+    RecordingWriterConfiguration configuration;
+    configuration.url = url;
+    configuration.size = {64, 64};
+    configuration.framesPerSecond = 30;
+    configuration.encoderPreference = "libx264";
+    RecordingMediaWriter writer(configuration);
+    for (int i = 0; i < 120; ++i) {
+      VideoFrame frame;
+      frame.pixels = i < 90 ? black : white;
+      frame.changed = i == 0 || i == 90;
+      writer.appendVideo(frame, i * interval);
+      writer.waitUntilEncodedForTesting();
+    }
+    EXPECT_EQ(writer.finish().duration, ns(119 * interval));
+  }
+  const CompositionTrack track = screenTrack({piece(rangeMs(0, 3967), ms(0), ms(3967))});
+  // Sequence time (ms) → the picture's luma (limited range: black 16, white 235).
+  const std::vector<std::pair<int, int>> rows = {{0, 16},    {500, 16},   {1500, 16},  {2500, 16},
+                                                 {2990, 16}, {3010, 235}, {3500, 235}, {3966, 235}};
+  std::vector<std::pair<int, int>> reversed(rows.rbegin(), rows.rend());
+  for (const auto& order : {rows, reversed}) {
+    SequenceVideoReader reader(MediaContainer::open(url), track);
+    for (const auto& [time, level] : order) {
+      std::optional<DecodedVideoFrame> frame = reader.frameAt(ms(time));
+      ASSERT_TRUE(frame) << time;
+      EXPECT_NEAR(frame->planes[0][32 * frame->strides[0] + 32], level, 3) << time;
+      EXPECT_LE(frame->sourceTime, ms(time)) << time;
+    }
+  }
+  for (const auto& [time, level] : rows) {
+    SequenceVideoReader reader(MediaContainer::open(url), track);
+    std::optional<DecodedVideoFrame> frame = reader.frameAt(ms(time));
+    ASSERT_TRUE(frame) << time;
+    EXPECT_NEAR(frame->planes[0][32 * frame->strides[0] + 32], level, 3) << time;
+  }
 }
 
 TEST_F(SequenceVideo, DeliversPlanesInTheDecodersLayoutOrYuv420p) {
