@@ -307,9 +307,11 @@ TEST_F(RecordIntegrationTest, ListsTheDisplayTheWindowsAndTheSoundSources) {
   // its own clients; a nested server of its own, as the test's is, shows everything drawn on it.
   testing::ScopedEnvironmentVariable wayland("WAYLAND_DISPLAY", "wayland-0");
   testing::ScopedEnvironmentVariable sessionType("XDG_SESSION_TYPE", "wayland");
-  const Json nested = answerOf(record({"--list-sources"}));
+  const Json nested = answerOf(record({"--list-sources", "--backend", "x11"}));
   EXPECT_FALSE(nested["x11"].contains("unavailable")) << nested.dump();
   EXPECT_EQ(nested["x11"]["displays"], answer["x11"]["displays"]);
+  // Left to itself on a Wayland session, the program asks the desktop's screen-cast portal.
+  EXPECT_EQ(answerOf(record({"--list-sources"}))["backend"], "portal");
 }
 
 // One take of the whole screen with sound from both sources and a user at work: clicks at two
