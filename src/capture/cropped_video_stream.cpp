@@ -5,6 +5,8 @@
 #include <mutex>
 #include <vector>
 
+#include "capture/pixel_buffer_pool.h"
+
 namespace vumo {
 
 namespace {
@@ -38,13 +40,10 @@ class CroppedVideoStream : public VideoCaptureStream {
       return cropped;
     }
     const PixelBuffer& from = *frame.pixels;
-    std::shared_ptr<PixelBuffer> to = freeBuffer();
-    to->width = width_;
-    to->height = height_;
-    to->stride = width_ * 4;
-    to->bytes.assign(std::size_t(to->stride) * std::size_t(height_), 0);
+    std::shared_ptr<PixelBuffer> to = pool_.acquire(width_, height_);
     // A picture smaller than the area (a monitor that shrank) leaves the rest black.
     const int columns = std::clamp(from.width - x_, 0, width_);
+    if (columns < width_ || from.height - y_ < height_) std::fill(to->bytes.begin(), to->bytes.end(), std::uint8_t(0));
     for (int row = 0; row < height_ && y_ + row < from.height; ++row) {
       if (columns == 0) break;
       std::memcpy(to->bytes.data() + std::size_t(row) * std::size_t(to->stride),
@@ -58,16 +57,9 @@ class CroppedVideoStream : public VideoCaptureStream {
     return cropped;
   }
 
-  std::shared_ptr<PixelBuffer> freeBuffer() {
-    for (const auto& buffer : pool_)
-      if (buffer.use_count() == 1) return buffer;
-    pool_.push_back(std::make_shared<PixelBuffer>());
-    return pool_.back();
-  }
-
   std::unique_ptr<VideoCaptureStream> source_;
   int x_, y_, width_, height_;
-  std::vector<std::shared_ptr<PixelBuffer>> pool_;
+  PixelBufferPool pool_{8};
   std::shared_ptr<const PixelBuffer> lastSource_;
   std::shared_ptr<const PixelBuffer> lastCropped_;
 };

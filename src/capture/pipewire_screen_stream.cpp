@@ -19,6 +19,7 @@
 #include <thread>
 
 #include "capture/capture_error.h"
+#include "capture/pixel_buffer_pool.h"
 #include "capture/x11_cursor_shape_provider.h"
 
 namespace vumo {
@@ -93,7 +94,7 @@ struct PipeWireScreenStream::Shared {
   std::function<void(const VideoFrame&)> onFrame;
   StreamStoppedHandler onStopped;
   bool started = false;
-  std::vector<std::shared_ptr<PixelBuffer>> pool;
+  PixelBufferPool pool{pooledBuffers};
   VideoFrame last;
   bool lastDelivered = false;
   std::uint64_t lastNewFrameHost = 0;  // when the last buffer with a picture was delivered
@@ -362,24 +363,6 @@ struct PipeWireScreenStream::Shared {
     lastSequence = sequence;
   }
 
-  std::shared_ptr<PixelBuffer> acquireBuffer(int width, int height) {
-    std::shared_ptr<PixelBuffer> buffer;
-    for (auto& candidate : pool)
-      if (candidate.use_count() == 1) {
-        buffer = candidate;
-        break;
-      }
-    if (!buffer) {
-      buffer = std::make_shared<PixelBuffer>();
-      if (pool.size() < pooledBuffers) pool.push_back(buffer);
-    }
-    buffer->width = width;
-    buffer->height = height;
-    buffer->stride = width * 4;
-    buffer->bytes.resize(std::size_t(buffer->stride) * std::size_t(height));
-    return buffer;
-  }
-
   std::shared_ptr<PixelBuffer> copyPicture(spa_buffer* buffer, const spa_data& data) {
     spa_video_format pixelFormat;
     PixelSize size;
@@ -410,7 +393,7 @@ struct PipeWireScreenStream::Shared {
         offset + std::uint64_t(stride) * std::uint64_t(top + height - 1) + std::uint64_t(left + width) * 4;
     if (end > data.maxsize) return nullptr;
 
-    auto pixels = acquireBuffer(width, height);
+    auto pixels = pool.acquire(width, height);
     const auto* source = static_cast<const std::uint8_t*>(data.data) + offset;
     bool swizzle = pixelFormat == SPA_VIDEO_FORMAT_RGBx || pixelFormat == SPA_VIDEO_FORMAT_RGBA;
     bool opaque = pixelFormat == SPA_VIDEO_FORMAT_RGBx || pixelFormat == SPA_VIDEO_FORMAT_BGRx;
