@@ -24,7 +24,7 @@ const X11DisplayInfo screen{0, "screen", RectValue{0, 0, 1280, 720}, true, true}
 
 // The pixel as 0xRRGGBB, after checking that it is opaque.
 std::uint32_t rgbAt(const PixelBuffer& buffer, int x, int y) {
-  const std::uint8_t* p = buffer.bytes.data() + std::size_t(y) * std::size_t(buffer.stride) + std::size_t(x) * 4;
+  const std::uint8_t* p = buffer.data() + std::size_t(y) * std::size_t(buffer.stride) + std::size_t(x) * 4;
   EXPECT_EQ(p[3], 0xFF) << "alpha at " << x << "," << y;
   return std::uint32_t(p[2]) << 16 | std::uint32_t(p[1]) << 8 | p[0];
 }
@@ -117,7 +117,7 @@ TEST(X11ScreenStream, ASteadyRecordingReusesItsBuffers) {
   auto window = client.createWindow(0, 0, 200, 200, white, "canvas");
   X11ScreenStream stream(displayCaptureSource(screen), 60, server.display());
   std::mutex lock;
-  std::set<const PixelBuffer*> buffers;
+  std::set<const std::uint8_t*> buffers;
   int changedFrames = 0;
   // A consumer that lets go of each frame at once, as a writer that keeps up does.
   stream.start(
@@ -125,7 +125,7 @@ TEST(X11ScreenStream, ASteadyRecordingReusesItsBuffers) {
         std::lock_guard guard(lock);
         if (!frame.changed) return;
         ++changedFrames;
-        buffers.insert(frame.pixels.get());
+        buffers.insert(frame.pixels->data());
       },
       nullptr);
   for (int i = 0; i < 40; ++i) {
@@ -134,7 +134,8 @@ TEST(X11ScreenStream, ASteadyRecordingReusesItsBuffers) {
   }
   stream.stop();
   EXPECT_GE(changedFrames, 15);
-  // The buffer of the previous frame is held by the stream for repeats, so two take turns.
+  // The picture of the previous frame is held by the stream for repeats, so two shared memory
+  // segments take turns.
   EXPECT_LE(buffers.size(), 2u);
 }
 
