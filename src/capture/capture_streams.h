@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <exception>
 #include <functional>
@@ -20,11 +21,21 @@ std::uint64_t monotonicNanoseconds();
 // One captured picture, 8-bit BGRA with a top-left origin. Buffers are shared, never copied on the
 // way to the encoder: an unchanged screen hands the same buffer out again, and a source only
 // writes into a buffer that nobody else holds any more.
+//
+// The pixels are either `bytes`, filled by the source, or memory the source lends (shared memory
+// the display server wrote into): `external` then keeps that memory alive for as long as the
+// buffer lives. Readers go through `data` and `size`, which see either.
 struct PixelBuffer {
   int width = 0;
   int height = 0;
   int stride = 0;  // bytes per row, at least width * 4
   std::vector<std::uint8_t> bytes;
+  std::shared_ptr<const void> external;
+  const std::uint8_t* externalData = nullptr;
+  std::size_t externalSize = 0;
+
+  const std::uint8_t* data() const { return externalData ? externalData : bytes.data(); }
+  std::size_t size() const { return externalData ? externalSize : bytes.size(); }
 };
 
 // What a frame says about the geometry it was captured with, in global display coordinates

@@ -47,7 +47,7 @@ class CroppedVideoStream : public VideoCaptureStream {
     for (int row = 0; row < height_ && y_ + row < from.height; ++row) {
       if (columns == 0) break;
       std::memcpy(to->bytes.data() + std::size_t(row) * std::size_t(to->stride),
-                  from.bytes.data() + std::size_t(y_ + row) * std::size_t(from.stride) + std::size_t(x_) * 4,
+                  from.data() + std::size_t(y_ + row) * std::size_t(from.stride) + std::size_t(x_) * 4,
                   std::size_t(columns) * 4);
     }
     lastSource_ = frame.pixels;

@@ -26,9 +26,10 @@ namespace vumo {
 namespace {
 
 constexpr std::uint64_t nanosecondsPerSecond = 1'000'000'000;
-// Buffers the stream keeps for reuse. The writer holds a few frames at a time; when it holds more,
-// a frame gets a buffer of its own that is freed after use.
-constexpr std::size_t pooledBuffers = 8;
+// Shared memory segments the stream writes pictures into. The writer holds a few frames at a time
+// (its queue, the picture it encodes, the stream's last picture for repeats); a tick that finds
+// all of them held is a missed tick, never a wait.
+constexpr std::size_t pooledSegments = 8;
 // How often a window's position is asked for when no event announced a change.
 constexpr std::uint64_t windowProbeIntervalNanoseconds = 100'000'000;
 
@@ -36,48 +37,74 @@ constexpr std::uint64_t windowProbeIntervalNanoseconds = 100'000'000;
   throw CaptureError(CaptureError::Case::screenCaptureFailed, detail);
 }
 
-// A System V shared memory segment attached both here and in the X server, which copies pictures
-// into it with no socket traffic.
-class SharedMemorySegment {
+// The memory of a System V shared memory segment in this process. Frames handed out point into it
+// and keep it alive, so it may outlive the stream and its X connection.
+class SegmentMemory {
  public:
-  SharedMemorySegment(xcb_connection_t* connection, std::size_t bytes) : connection_(connection), size_(bytes) {
-    int id = shmget(IPC_PRIVATE, bytes, IPC_CREAT | 0600);
-    if (id < 0) throwCaptureFailed(fmt::format("no shared memory segment of {} bytes", bytes));
-    void* address = shmat(id, nullptr, 0);
-    if (address == reinterpret_cast<void*>(-1)) {
-      shmctl(id, IPC_RMID, nullptr);
-      throwCaptureFailed("the shared memory segment could not be attached");
-    }
-    address_ = static_cast<std::uint8_t*>(address);
-    segment_ = xcb_generate_id(connection);
-    XcbReply<xcb_generic_error_t> error(
-        xcb_request_check(connection, xcb_shm_attach_checked(connection, segment_, id, 0)));
-    // Once both sides are attached the segment can be marked for removal: it goes away with the
-    // last detach, even if this process dies.
-    shmctl(id, IPC_RMID, nullptr);
-    if (error) {
-      shmdt(address_);
-      throwCaptureFailed("the X server cannot share memory with this program (a remote display?)");
-    }
-  }
-  ~SharedMemorySegment() {
-    xcb_shm_detach(connection_, segment_);
-    xcb_flush(connection_);
-    shmdt(address_);
-  }
-  SharedMemorySegment(const SharedMemorySegment&) = delete;
-  SharedMemorySegment& operator=(const SharedMemorySegment&) = delete;
+  SegmentMemory(void* address, std::size_t size) : address_(static_cast<std::uint8_t*>(address)), size_(size) {}
+  ~SegmentMemory() { shmdt(address_); }
+  SegmentMemory(const SegmentMemory&) = delete;
+  SegmentMemory& operator=(const SegmentMemory&) = delete;
 
+  std::uint8_t* data() const { return address_; }
   std::size_t size() const { return size_; }
-  const std::uint8_t* data() const { return address_; }
-  xcb_shm_seg_t segment() const { return segment_; }
 
  private:
-  xcb_connection_t* connection_;
+  std::uint8_t* address_;
   std::size_t size_;
-  std::uint8_t* address_ = nullptr;
-  xcb_shm_seg_t segment_ = 0;
 };
+
+// A segment attached both here and in the X server, which writes pictures into it with no socket
+// traffic. The server's attachment is the stream's and ends with it (`detach`); the memory lives
+// on in the frames that still hold it.
+struct SharedMemorySegment {
+  std::shared_ptr<SegmentMemory> memory;
+  xcb_shm_seg_t segment = 0;
+
+  // True when no frame refers to the memory any more.
+  bool isFree() const {
+    if (memory.use_count() != 1) return false;
+    // Pairs with the release of the last frame's reference on another thread: its reads of the
+    // pixels are over before the server writes the next picture.
+    std::atomic_thread_fence(std::memory_order_acquire);
+    return true;
+  }
+
+  void detach(xcb_connection_t* connection) const { xcb_shm_detach(connection, segment); }
+};
+
+SharedMemorySegment attachSegment(xcb_connection_t* connection, std::size_t bytes) {
+  int id = shmget(IPC_PRIVATE, bytes, IPC_CREAT | 0600);
+  if (id < 0) throwCaptureFailed(fmt::format("no shared memory segment of {} bytes", bytes));
+  void* address = shmat(id, nullptr, 0);
+  if (address == reinterpret_cast<void*>(-1)) {
+    shmctl(id, IPC_RMID, nullptr);
+    throwCaptureFailed("the shared memory segment could not be attached");
+  }
+  SharedMemorySegment segment;
+  segment.memory = std::make_shared<SegmentMemory>(address, bytes);
+  segment.segment = xcb_generate_id(connection);
+  XcbReply<xcb_generic_error_t> error(
+      xcb_request_check(connection, xcb_shm_attach_checked(connection, segment.segment, id, 0)));
+  // Once both sides are attached the segment can be marked for removal: it goes away with the
+  // last detach, even if this process dies.
+  shmctl(id, IPC_RMID, nullptr);
+  if (error) throwCaptureFailed("the X server cannot share memory with this program (a remote display?)");
+  return segment;
+}
+
+// Sets the fourth byte of each of `count` pixels to 0xFF, in place, a cache line at a time; the
+// segment is page aligned. The server has just written the memory, so this is one pass through
+// the cache with no second picture to fill.
+void makeOpaque(std::uint8_t* bytes, std::size_t count) {
+  using Line = std::uint32_t __attribute__((vector_size(64), may_alias));
+  constexpr std::size_t pixelsPerLine = sizeof(Line) / 4;
+  auto* lines = reinterpret_cast<Line*>(bytes);
+  const std::size_t whole = count / pixelsPerLine;
+  for (std::size_t i = 0; i < whole; ++i) lines[i] |= 0xFF000000u;
+  auto* pixels = reinterpret_cast<std::uint32_t*>(bytes);
+  for (std::size_t i = whole * pixelsPerLine; i < count; ++i) pixels[i] |= 0xFF000000u;
+}
 
 bool intersects(const xcb_rectangle_t& a, const RectValue& b) {
   return a.x < b.x + b.width && b.x < a.x + a.width && a.y < b.y + b.height && b.y < a.y + a.height;
@@ -109,7 +136,7 @@ struct X11ScreenStream::State {
   std::atomic<std::int64_t> missed{0};
 
   // Only the worker touches what follows.
-  std::unique_ptr<SharedMemorySegment> segment;
+  std::vector<SharedMemorySegment> segments;
   xcb_damage_damage_t damage = 0;
   bool damaged = true;
   // The root rectangle of a display or an area.
@@ -122,7 +149,6 @@ struct X11ScreenStream::State {
   bool windowProbeDue = true;
   std::uint64_t lastWindowProbe = 0;
 
-  std::vector<std::shared_ptr<PixelBuffer>> pool;
   std::shared_ptr<PixelBuffer> last;
 
   State(CaptureSourceDescriptor source_, int fps, const std::string& displayName)
@@ -204,7 +230,9 @@ struct X11ScreenStream::State {
       xcb_change_window_attributes(x.get(), source.nativeID, XCB_CW_EVENT_MASK, &mask);
       xcb_composite_unredirect_window(x.get(), source.nativeID, XCB_COMPOSITE_REDIRECT_AUTOMATIC);
     }
-    segment.reset();
+    last.reset();
+    for (const auto& segment : segments) segment.detach(x.get());
+    segments.clear();
     x.sync();
   }
 
@@ -249,41 +277,39 @@ struct X11ScreenStream::State {
     return windowPixmap != XCB_NONE;
   }
 
-  std::shared_ptr<PixelBuffer> acquireBuffer(int width, int height) {
-    std::shared_ptr<PixelBuffer> buffer;
-    for (auto& candidate : pool)
-      if (candidate.use_count() == 1) {
-        buffer = candidate;
-        break;
-      }
-    if (!buffer) {
-      buffer = std::make_shared<PixelBuffer>();
-      if (pool.size() < pooledBuffers) pool.push_back(buffer);
+  // A segment of at least `bytes` that no frame holds; nothing when all are held and the pool is
+  // full. Free segments too small for the picture (a window that grew) make room for a new one.
+  const SharedMemorySegment* freeSegment(std::size_t bytes) {
+    for (const auto& segment : segments)
+      if (segment.memory->size() >= bytes && segment.isFree()) return &segment;
+    auto tooSmall = std::find_if(segments.begin(), segments.end(), [](const auto& s) { return s.isFree(); });
+    if (tooSmall != segments.end()) {
+      tooSmall->detach(x.get());
+      segments.erase(tooSmall);
     }
-    buffer->width = width;
-    buffer->height = height;
-    buffer->stride = width * 4;
-    buffer->bytes.resize(std::size_t(buffer->stride) * std::size_t(height));
-    return buffer;
+    if (segments.size() >= pooledSegments) return nullptr;
+    segments.push_back(attachSegment(x.get(), bytes));
+    return &segments.back();
   }
 
-  // Copies the source into a free buffer; nothing when the picture cannot be had this tick (a
-  // window that is unmapped or being resized).
-  std::shared_ptr<PixelBuffer> copyPicture() {
+  enum class Copy { done, unavailable, noFreeSegment };
+
+  // Has the server write the source into a free segment, which becomes the frame's pixels with no
+  // copy; `unavailable` when the picture cannot be had this tick (a window that is unmapped or
+  // being resized).
+  Copy copyPicture() {
     xcb_drawable_t drawable = x.root();
     int left = int(captureRect.x), top = int(captureRect.y);
     PixelSize size = source.initialPixelSize;
     if (isWindow) {
-      if (!refreshWindowPixmap()) return nullptr;
+      if (!refreshWindowPixmap()) return Copy::unavailable;
       drawable = windowPixmap;
       left = top = borderWidth;
       size = evenPixelSize(windowFrame.width, windowFrame.height);
     }
     std::size_t bytes = std::size_t(size.width) * std::size_t(size.height) * 4;
-    if (!segment || segment->size() < bytes) {
-      segment.reset();
-      segment = std::make_unique<SharedMemorySegment>(x.get(), bytes);
-    }
+    const SharedMemorySegment* segment = freeSegment(bytes);
+    if (!segment) return Copy::noFreeSegment;
     // The damage is cleared before the copy, in the same request stream: whatever is drawn after
     // this point is reported again and copied at the next tick.
     xcb_damage_subtract(x.get(), damage, XCB_NONE, XCB_NONE);
@@ -292,7 +318,7 @@ struct X11ScreenStream::State {
     XcbReply<xcb_shm_get_image_reply_t> reply(xcb_shm_get_image_reply(
         x.get(),
         xcb_shm_get_image(x.get(), drawable, std::int16_t(left), std::int16_t(top), std::uint16_t(size.width),
-                          std::uint16_t(size.height), ~0u, XCB_IMAGE_FORMAT_Z_PIXMAP, segment->segment(), 0),
+                          std::uint16_t(size.height), ~0u, XCB_IMAGE_FORMAT_Z_PIXMAP, segment->segment, 0),
         &rawError));
     XcbReply<xcb_generic_error_t> error(rawError);
     if (!reply) {
@@ -303,15 +329,19 @@ struct X11ScreenStream::State {
                            fmt::format("{} is no longer on the screen of {}", source.title, x.displayName()));
       // A window resized between the probe and the copy: try again at the next tick.
       pixmapStale = windowProbeDue = damaged = true;
-      return nullptr;
+      return Copy::unavailable;
     }
-    auto buffer = acquireBuffer(int(size.width), int(size.height));
-    const auto* from = reinterpret_cast<const std::uint32_t*>(segment->data());
-    auto* to = reinterpret_cast<std::uint32_t*>(buffer->bytes.data());
-    std::size_t count = std::size_t(size.width) * std::size_t(size.height);
     // The fourth byte of a 24-bit picture is whatever the server left there.
-    for (std::size_t i = 0; i < count; ++i) to[i] = from[i] | 0xFF000000u;
-    return buffer;
+    makeOpaque(segment->memory->data(), std::size_t(size.width) * std::size_t(size.height));
+    auto buffer = std::make_shared<PixelBuffer>();
+    buffer->width = int(size.width);
+    buffer->height = int(size.height);
+    buffer->stride = int(size.width) * 4;
+    buffer->external = segment->memory;
+    buffer->externalData = segment->memory->data();
+    buffer->externalSize = bytes;
+    last = std::move(buffer);
+    return Copy::done;
   }
 
   GeometryFrameMetadata metadata() const {
@@ -348,13 +378,14 @@ struct X11ScreenStream::State {
             !probeWindow())
           throw CaptureError(CaptureError::Case::windowGone);
         bool changed = false;
+        bool lost = false;
         if (damaged || !last) {
-          if (auto copied = copyPicture()) {
-            last = std::move(copied);
-            changed = true;
-          }
+          const Copy copy = copyPicture();
+          changed = copy == Copy::done;
+          // Every segment is still held downstream; the damage stays, so the next tick copies.
+          lost = copy == Copy::noFreeSegment;
         }
-        if (last) {
+        if (last && !lost) {
           VideoFrame frame;
           frame.pixels = last;
           frame.presentationNanoseconds = std::int64_t(deadline);

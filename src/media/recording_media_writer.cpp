@@ -333,7 +333,7 @@ struct RecordingMediaWriter::State {
     std::uint8_t* target[] = {planes.data[0] + place.y * planes.linesize[0] + place.x,
                               planes.data[1] + (place.y / 2) * planes.linesize[1] + place.x / 2,
                               planes.data[2] + (place.y / 2) * planes.linesize[2] + place.x / 2};
-    const std::uint8_t* rows[] = {source.bytes.data()};
+    const std::uint8_t* rows[] = {source.data()};
     const int stride[] = {source.stride};
     sws_scale(track.scaler.get(), rows, stride, 0, source.height, target, planes.linesize);
   }
@@ -341,7 +341,7 @@ struct RecordingMediaWriter::State {
   void encodeVideo(VideoTrack& track, const VideoItem& item) {
     const PixelBuffer& source = *item.pixels;
     const bool valid = source.width > 0 && source.height > 0 && source.stride >= source.width * 4 &&
-                       source.bytes.size() >= static_cast<std::size_t>(source.stride) * source.height;
+                       source.size() >= static_cast<std::size_t>(source.stride) * source.height;
     if (!valid) failEncoding("a frame's pixel buffer is smaller than its size");
     const bool repeated = repeatsPicture(track, item);
     if (leftOut(track, item)) {

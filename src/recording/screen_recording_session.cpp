@@ -364,7 +364,7 @@ GeometryFrameMetadata RecordingSessionCore::geometryMetadata(const VideoFrame& f
 
 void RecordingSessionCore::processScreen(const VideoFrame& frame) {
   // Blank and unchanged-but-unreadable frames have no pixels: counted, and the recording goes on.
-  if (!frame.pixels || frame.pixels->bytes.empty()) {
+  if (!frame.pixels || frame.pixels->size() == 0) {
     countDroppedVideoFrame();
     return;
   }
@@ -421,7 +421,7 @@ void RecordingSessionCore::processAudio(const AudioBuffer& buffer, RecordingStre
 }
 
 void RecordingSessionCore::processWebcam(const VideoFrame& frame) {
-  if (!frame.pixels || frame.pixels->bytes.empty() || frame.presentationNanoseconds < 0) {
+  if (!frame.pixels || frame.pixels->size() == 0 || frame.presentationNanoseconds < 0) {
     countDroppedWebcamFrame();
     return;
   }

@@ -51,7 +51,7 @@ struct Crop {
 
 std::pair<int, int> at(const VideoFrame& frame, int x, int y) {
   const PixelBuffer& p = *frame.pixels;
-  const std::uint8_t* pixel = p.bytes.data() + std::size_t(y) * std::size_t(p.stride) + std::size_t(x) * 4;
+  const std::uint8_t* pixel = p.data() + std::size_t(y) * std::size_t(p.stride) + std::size_t(x) * 4;
   return {pixel[0], pixel[1]};
 }
 

@@ -50,7 +50,7 @@ struct FrameLog {
           const PixelBuffer& p = *frame.pixels;
           frames.push_back(ReceivedFrame{frame.pixels, frame.presentationNanoseconds, frame.displayTimeNanoseconds,
                                          frame.metadata, frame.changed,
-                                         testing::readScreencastPattern(p.bytes.data(), p.width, p.height, p.stride)});
+                                         testing::readScreencastPattern(p.data(), p.width, p.height, p.stride)});
           arrived.notify_all();
         },
         [this](std::exception_ptr error) {
@@ -83,7 +83,7 @@ struct FrameLog {
 };
 
 std::array<std::uint8_t, 4> pixelAt(const PixelBuffer& buffer, int x, int y) {
-  const std::uint8_t* p = buffer.bytes.data() + std::size_t(y) * std::size_t(buffer.stride) + std::size_t(x) * 4;
+  const std::uint8_t* p = buffer.data() + std::size_t(y) * std::size_t(buffer.stride) + std::size_t(x) * 4;
   return {p[0], p[1], p[2], p[3]};
 }
 

@@ -30,8 +30,8 @@ TEST(SyntheticVideoStream, DrivenFramesAreNumberedAndOneIntervalApart) {
                                               500 + 4 * interval + 1000}));
   EXPECT_FALSE(frames[2].pixels);
   ASSERT_TRUE(frames[3].pixels);
-  EXPECT_EQ(frames[3].pixels->bytes.size(), 4u * 4u * 2u);
-  EXPECT_EQ(frames[3].pixels->bytes[0], 3);  // the invalid tick used no number
+  EXPECT_EQ(frames[3].pixels->size(), 4u * 4u * 2u);
+  EXPECT_EQ(frames[3].pixels->data()[0], 3);  // the invalid tick used no number
 }
 
 TEST(SyntheticVideoStream, APacedStreamDeliversOnItsOwnThreadUntilStopped) {

@@ -4,9 +4,12 @@
 
 #include <chrono>
 #include <cmath>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "capture/capture_error.h"
 #include "capture/x11_source_catalogue.h"
@@ -24,7 +27,7 @@ const X11DisplayInfo screen{0, "screen", RectValue{0, 0, 1280, 720}, true, true}
 
 // The pixel as 0xRRGGBB, after checking that it is opaque.
 std::uint32_t rgbAt(const PixelBuffer& buffer, int x, int y) {
-  const std::uint8_t* p = buffer.bytes.data() + std::size_t(y) * std::size_t(buffer.stride) + std::size_t(x) * 4;
+  const std::uint8_t* p = buffer.data() + std::size_t(y) * std::size_t(buffer.stride) + std::size_t(x) * 4;
   EXPECT_EQ(p[3], 0xFF) << "alpha at " << x << "," << y;
   return std::uint32_t(p[2]) << 16 | std::uint32_t(p[1]) << 8 | p[0];
 }
@@ -117,7 +120,7 @@ TEST(X11ScreenStream, ASteadyRecordingReusesItsBuffers) {
   auto window = client.createWindow(0, 0, 200, 200, white, "canvas");
   X11ScreenStream stream(displayCaptureSource(screen), 60, server.display());
   std::mutex lock;
-  std::set<const PixelBuffer*> buffers;
+  std::set<const std::uint8_t*> buffers;
   int changedFrames = 0;
   // A consumer that lets go of each frame at once, as a writer that keeps up does.
   stream.start(
@@ -125,7 +128,7 @@ TEST(X11ScreenStream, ASteadyRecordingReusesItsBuffers) {
         std::lock_guard guard(lock);
         if (!frame.changed) return;
         ++changedFrames;
-        buffers.insert(frame.pixels.get());
+        buffers.insert(frame.pixels->data());
       },
       nullptr);
   for (int i = 0; i < 40; ++i) {
@@ -134,8 +137,55 @@ TEST(X11ScreenStream, ASteadyRecordingReusesItsBuffers) {
   }
   stream.stop();
   EXPECT_GE(changedFrames, 15);
-  // The buffer of the previous frame is held by the stream for repeats, so two take turns.
+  // The picture of the previous frame is held by the stream for repeats, so two shared memory
+  // segments take turns.
   EXPECT_LE(buffers.size(), 2u);
+}
+
+// A consumer that keeps every frame (a writer that fell behind): the server never writes into a
+// picture still held, the stream holds a bounded number of them and misses ticks rather than wait,
+// and it delivers again as soon as the frames are let go.
+TEST(X11ScreenStream, HeldFramesKeepTheirPicturesAndABusyPoolMissesTicks) {
+  XvfbServer server;
+  TestX11Client client(server.display());
+  auto window = client.createWindow(0, 0, 200, 200, white, "canvas");
+  X11ScreenStream stream(displayCaptureSource(screen), 60, server.display());
+  std::mutex lock;
+  bool holding = true;
+  std::vector<std::pair<std::shared_ptr<const PixelBuffer>, std::uint32_t>> held;
+  std::shared_ptr<const PixelBuffer> latest;
+  stream.start(
+      [&](const VideoFrame& frame) {
+        std::lock_guard guard(lock);
+        latest = frame.pixels;
+        if (holding && frame.changed) held.emplace_back(frame.pixels, rgbAt(*frame.pixels, 100, 100));
+      },
+      nullptr);
+  for (int i = 0; i < 40; ++i) {
+    client.fillRectangle(window, 0, 0, 200, 200, i % 2 ? red : green);
+    std::this_thread::sleep_for(15ms);
+  }
+  std::int64_t missedWhileHolding = stream.missedTicks();
+  {
+    std::lock_guard guard(lock);
+    std::set<const std::uint8_t*> pictures;
+    for (const auto& [pixels, colour] : held) {
+      pictures.insert(pixels->data());
+      EXPECT_EQ(rgbAt(*pixels, 100, 100), colour) << "a held picture was written over";
+    }
+    EXPECT_EQ(pictures.size(), held.size());
+    EXPECT_GE(held.size(), 2u);
+    EXPECT_LE(held.size(), 8u);
+    held.clear();
+    holding = false;
+  }
+  EXPECT_GT(missedWhileHolding, 10);
+  client.fillRectangle(window, 0, 0, 200, 200, blue);
+  std::this_thread::sleep_for(200ms);
+  stream.stop();
+  std::lock_guard guard(lock);
+  ASSERT_TRUE(latest);
+  EXPECT_EQ(rgbAt(*latest, 100, 100), blue);
 }
 
 TEST(X11ScreenStream, TicksMissedWhileTheConsumerWasSlowAreSkippedNotBunched) {

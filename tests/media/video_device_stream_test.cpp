@@ -102,7 +102,7 @@ TEST(VideoDeviceStream, DeliversConvertedFramesOnTheHostTimebaseUntilStopped) {
     // A generated source counts from zero, so each frame carries the time it was read.
     EXPECT_GE(frame.presentationNanoseconds, before);
     EXPECT_LE(frame.presentationNanoseconds, after);
-    auto pixel = [&](int x, int y) { return pixels.bytes.data() + y * pixels.stride + x * 4; };
+    auto pixel = [&](int x, int y) { return pixels.data() + y * pixels.stride + x * 4; };
     // Red on the left, blue on the right, in B, G, R order, within the rounding of 4:2:2.
     const std::uint8_t* left = pixel(8, 8);
     const std::uint8_t* right = pixel(56, 8);

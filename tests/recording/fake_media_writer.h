@@ -55,7 +55,7 @@ class FakeMediaWriter : public RecordingMediaWriting {
       if (failing == position) std::rethrow_exception(error);
     log_->videoTimes.push_back(output);
     std::int64_t number = 0;
-    for (int i = 3; i >= 0; --i) number = (number << 8) | frame.pixels->bytes[std::size_t(i)];
+    for (int i = 3; i >= 0; --i) number = (number << 8) | frame.pixels->data()[std::size_t(i)];
     log_->videoFrameNumbers.push_back(number);
   }
   void appendAudio(const AudioBuffer&, RecordingStreamType type, std::int64_t output) override {
