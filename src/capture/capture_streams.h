@@ -18,9 +18,10 @@ namespace vumo {
 // delivers on it, so video, audio, pointer and cursor meet on one line.
 std::uint64_t monotonicNanoseconds();
 
-// One captured picture, 8-bit BGRA with a top-left origin. Buffers are shared, never copied on the
-// way to the encoder: an unchanged screen hands the same buffer out again, and a source only
-// writes into a buffer that nobody else holds any more.
+// One captured picture, 8-bit BGRA with a top-left origin; the fourth byte is padding, not
+// coverage (a screen has none, and X11 leaves it undefined), so no reader may depend on it.
+// Buffers are shared, never copied on the way to the encoder: an unchanged screen hands the same
+// buffer out again, and a source only writes into a buffer that nobody else holds any more.
 //
 // The pixels are either `bytes`, filled by the source, or memory the source lends (shared memory
 // the display server wrote into): `external` then keeps that memory alive for as long as the

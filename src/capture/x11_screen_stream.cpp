@@ -93,19 +93,6 @@ SharedMemorySegment attachSegment(xcb_connection_t* connection, std::size_t byte
   return segment;
 }
 
-// Sets the fourth byte of each of `count` pixels to 0xFF, in place, a cache line at a time; the
-// segment is page aligned. The server has just written the memory, so this is one pass through
-// the cache with no second picture to fill.
-void makeOpaque(std::uint8_t* bytes, std::size_t count) {
-  using Line = std::uint32_t __attribute__((vector_size(64), may_alias));
-  constexpr std::size_t pixelsPerLine = sizeof(Line) / 4;
-  auto* lines = reinterpret_cast<Line*>(bytes);
-  const std::size_t whole = count / pixelsPerLine;
-  for (std::size_t i = 0; i < whole; ++i) lines[i] |= 0xFF000000u;
-  auto* pixels = reinterpret_cast<std::uint32_t*>(bytes);
-  for (std::size_t i = whole * pixelsPerLine; i < count; ++i) pixels[i] |= 0xFF000000u;
-}
-
 bool intersects(const xcb_rectangle_t& a, const RectValue& b) {
   return a.x < b.x + b.width && b.x < a.x + a.width && a.y < b.y + b.height && b.y < a.y + a.height;
 }
@@ -331,8 +318,8 @@ struct X11ScreenStream::State {
       pixmapStale = windowProbeDue = damaged = true;
       return Copy::unavailable;
     }
-    // The fourth byte of a 24-bit picture is whatever the server left there.
-    makeOpaque(segment->memory->data(), std::size_t(size.width) * std::size_t(size.height));
+    // The fourth byte of a 24-bit picture is whatever the server left there: padding, which no
+    // reader looks at (a pass to set it would cost about as much as copying the picture).
     auto buffer = std::make_shared<PixelBuffer>();
     buffer->width = int(size.width);
     buffer->height = int(size.height);

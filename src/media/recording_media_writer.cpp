@@ -320,7 +320,7 @@ struct RecordingMediaWriter::State {
     if (av_frame_make_writable(&planes) < 0) throw std::bad_alloc();
     const PlacedRect place = fitted(source.width, source.height, planes.width, planes.height);
     if (!track.scaler || track.scalerWidth != source.width || track.scalerHeight != source.height) {
-      track.scaler.reset(sws_getContext(source.width, source.height, AV_PIX_FMT_BGRA, place.width, place.height,
+      track.scaler.reset(sws_getContext(source.width, source.height, AV_PIX_FMT_BGR0, place.width, place.height,
                                         AV_PIX_FMT_YUV420P, SWS_BILINEAR, nullptr, nullptr, nullptr));
       if (!track.scaler) failEncoding("the frame conversion could not be set up");
       // Captured pixels are full-range R'G'B'; the movie is limited-range BT.709, as tagged.
