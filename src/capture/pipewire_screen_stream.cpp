@@ -731,7 +731,7 @@ void PipeWireScreenStream::stop() {
   if (shared_->ticker.joinable()) shared_->ticker.join();
 }
 
-std::int64_t PipeWireScreenStream::missedTicks() const { return shared_->missed.load(); }
+std::int64_t PipeWireScreenStream::missedTicks() const { return shared_->missed.load() + shared_->dropped.load(); }
 std::int64_t PipeWireScreenStream::droppedFrames() const { return shared_->dropped.load(); }
 std::int64_t PipeWireScreenStream::timeDiscontinuities() const { return shared_->discontinuities.load(); }
 std::int64_t PipeWireScreenStream::pointerOnlyBuffers() const { return shared_->pointerOnly.load(); }

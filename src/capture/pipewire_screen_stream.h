@@ -29,7 +29,8 @@ struct PipeWireScreenStreamConfiguration {
 // Compositors send a buffer only when something changed, so a ticker of the stream's own, at
 // absolute deadlines of the frame rate, hands the last frame again with `changed` false on every
 // tick that saw no new buffer; a tick whose deadline passed while the previous one was late is
-// counted in `missedTicks`, as is a tick before the first picture.
+// counted in `missedTicks`, as is a tick before the first picture and a frame of the producer's
+// that never arrived (`droppedFrames`), so that the recording's dropped frames include the source's.
 //
 // Times: the presentation time of a frame is its SPA_META_Header.pts; a missing, non-positive or
 // backward pts falls back to the host time and counts as a discontinuity. The display time is the
