@@ -102,6 +102,8 @@ class ProducerDriver {
   // Ticks that took a sequence number, and those of them whose buffer could not go out.
   std::int64_t sent() const { return sent_.load(); }
   std::int64_t unsent() const { return unsent_.load(); }
+  // The driving thread's processor time so far: drawing each picture into the producer's buffer.
+  double cpuSeconds() const { return double(cpuNanoseconds_.load()) * 1e-9; }
 
  private:
   void run(std::stop_token stop) {
@@ -128,12 +130,16 @@ class ProducerDriver {
       } else {
         unsent_.fetch_add(1);
       }
+      timespec used{};
+      clock_gettime(CLOCK_THREAD_CPUTIME_ID, &used);
+      cpuNanoseconds_ = std::int64_t(used.tv_sec) * 1'000'000'000 + used.tv_nsec;
     }
   }
 
   vumo::testing::TestScreencastProducer& producer_;
   std::atomic<std::int64_t> sent_{0};
   std::atomic<std::int64_t> unsent_{0};
+  std::atomic<std::int64_t> cpuNanoseconds_{0};
   std::jthread thread_;
 };
 
@@ -325,6 +331,7 @@ bool recordWithVumo(benchmark::State& state, const std::string& backend, const c
   ThreadSampler threads;
   const std::string output = workFolder + "/vumo-" + backend + ".json";
   const std::int64_t unsentBefore = driver->unsent();
+  const double producerBefore = driver->cpuSeconds();
   const MeasuredRun run =
       spawnAndMeasure({vumoExecutable(), "record", "--backend", backend, "--fps", std::to_string(framesPerSecond),
                        "--duration", std::to_string(recordSeconds)},
@@ -345,6 +352,8 @@ bool recordWithVumo(benchmark::State& state, const std::string& backend, const c
   state.SetIterationTime(run.wallSeconds);
   state.counters[vumo::bench::processCpuCounter] = run.cpuSeconds();
   state.counters["sys_s"] = run.systemSeconds;
+  // What the picture cost to make meanwhile, on the same processors (nothing when no one is linked).
+  state.counters["producer_cpu_s"] = driver->cpuSeconds() - producerBefore;
   state.counters["cpu_ms_per_frame"] = outcome.frames > 0 ? run.cpuSeconds() * 1e3 / double(outcome.frames) : 0;
   // The producer's unsent ticks are the gaps the recorder saw in the sequence numbers.
   reportLoss(state, outcome.frames, std::max(outcome.dropped, expectedFrames() - outcome.frames),
