@@ -18,19 +18,15 @@
 // A smoke run (--benchmark_min_time below 0.1 s) records 2 s instead.
 
 #include <benchmark/benchmark.h>
-#include <dirent.h>
 #include <stdlib.h>
 #include <unistd.h>
-#include <xcb/xcb.h>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <map>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
@@ -39,6 +35,8 @@
 #include <thread>
 #include <vector>
 
+#include "recording/screen_painter.h"
+#include "recording/thread_sampler.h"
 #include "recording_reporter.h"
 #include "shared/geometry.h"
 #include "shared/json.h"
@@ -50,7 +48,10 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using vumo::bench::MeasuredRun;
+using vumo::bench::Scene;
+using vumo::bench::ScreenPainter;
 using vumo::bench::spawnAndMeasure;
+using vumo::bench::ThreadSampler;
 
 constexpr int screenWidth = 1920;
 constexpr int screenHeight = 1080;
@@ -64,143 +65,6 @@ std::string vumoExecutable() {
   if (const char* path = std::getenv("VUMO_BINARY")) return path;
   return VUMO_EXECUTABLE;
 }
-
-enum class Scene { moving, still };
-
-// Draws on the root window from a thread of its own until it ends. Each drawing is followed by a
-// round trip, so the server has painted it before the next is timed.
-class ScreenPainter {
- public:
-  ScreenPainter(const std::string& displayName, Scene scene) : scene_(scene) {
-    connection_ = xcb_connect(displayName.c_str(), nullptr);
-    if (xcb_connection_has_error(connection_)) {
-      xcb_disconnect(connection_);
-      throw std::runtime_error("cannot connect to " + displayName);
-    }
-    root_ = xcb_setup_roots_iterator(xcb_get_setup(connection_)).data->root;
-    gc_ = xcb_generate_id(connection_);
-    xcb_create_gc(connection_, gc_, root_, 0, nullptr);
-    fill(0x5A6470, {{0, 0, screenWidth, screenHeight}});
-    sync();
-    thread_ = std::thread([this] { run(); });
-  }
-  ~ScreenPainter() {
-    stopping_ = true;
-    thread_.join();
-    xcb_disconnect(connection_);
-  }
-  ScreenPainter(const ScreenPainter&) = delete;
-  ScreenPainter& operator=(const ScreenPainter&) = delete;
-
- private:
-  static constexpr int tile = 120;
-  static constexpr int scrollPixels = 4;
-  static constexpr std::uint32_t palette[] = {0xE8D44D, 0x3B7DD8, 0xD8483B, 0x48B86A, 0x202028, 0xF4F4F0};
-  static constexpr int colours = int(std::size(palette));
-
-  void fill(std::uint32_t rgb, const std::vector<xcb_rectangle_t>& rectangles) {
-    xcb_change_gc(connection_, gc_, XCB_GC_FOREGROUND, &rgb);
-    xcb_poly_fill_rectangle(connection_, root_, gc_, std::uint32_t(rectangles.size()), rectangles.data());
-  }
-  void sync() { std::free(xcb_get_input_focus_reply(connection_, xcb_get_input_focus(connection_), nullptr)); }
-
-  // A checkerboard of six colours that scrolls to the left by a few pixels a frame, like a page
-  // being read: the whole screen is drawn and differs on every frame, in a way the encoder can follow.
-  void drawCheckerboard(std::int64_t frame) {
-    const int shift = int(frame * scrollPixels % (tile * colours));
-    std::vector<xcb_rectangle_t> byColour[colours];
-    for (int y = 0; y < screenHeight / tile; ++y)
-      for (int column = shift / tile; column * tile - shift < screenWidth; ++column)
-        byColour[(column + y) % colours].push_back(
-            {std::int16_t(column * tile - shift), std::int16_t(y * tile), tile, tile});
-    for (int c = 0; c < colours; ++c) fill(palette[c], byColour[c]);
-  }
-
-  void drawSquare(std::int64_t frame) {
-    const int x = int(frame * 97 % (screenWidth - 64));
-    const int y = int(frame * 61 % (screenHeight - 64));
-    fill(palette[frame % colours], {{std::int16_t(x), std::int16_t(y), 64, 64}});
-  }
-
-  void run() {
-    const auto interval = scene_ == Scene::moving ? std::chrono::nanoseconds(1'000'000'000 / framesPerSecond)
-                                                  : std::chrono::nanoseconds(1'000'000'000);
-    const auto start = std::chrono::steady_clock::now();
-    for (std::int64_t frame = 0; !stopping_; ++frame) {
-      if (scene_ == Scene::moving) {
-        drawCheckerboard(frame);
-      } else {
-        drawSquare(frame);
-      }
-      sync();
-      // Short sleeps, so that the end is seen at once in the still scene too.
-      const auto next = start + interval * (frame + 1);
-      while (!stopping_ && std::chrono::steady_clock::now() < next)
-        std::this_thread::sleep_for(std::min<std::chrono::nanoseconds>(next - std::chrono::steady_clock::now(), 50ms));
-    }
-  }
-
-  Scene scene_;
-  xcb_connection_t* connection_ = nullptr;
-  xcb_window_t root_ = 0;
-  xcb_gcontext_t gc_ = 0;
-  std::atomic<bool> stopping_{false};
-  std::thread thread_;
-};
-
-// The processor time of each thread of a running program, by thread name: the last sample of each
-// thread, so a thread that ended between samples loses at most one interval.
-class ThreadSampler {
- public:
-  void sample(pid_t pid) {
-    const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
-    DIR* folder = ::opendir(tasks.c_str());
-    if (folder == nullptr) return;
-    while (dirent* entry = ::readdir(folder)) {
-      if (entry->d_name[0] == '.') continue;
-      std::ifstream in(tasks + "/" + entry->d_name + "/stat");
-      std::string line;
-      if (!std::getline(in, line)) continue;
-      // pid (name) state ... with utime and stime the 14th and 15th fields; the name may hold spaces.
-      const std::size_t open = line.find('('), close = line.rfind(')');
-      if (open == std::string::npos || close == std::string::npos) continue;
-      std::istringstream rest(line.substr(close + 2));
-      std::string field;
-      for (int i = 3; i <= 13 && rest >> field; ++i) {
-      }
-      long long user = 0, system = 0;
-      if (!(rest >> user >> system)) continue;
-      // The main thread apart from the helper threads that inherited its name.
-      std::string name = line.substr(open + 1, close - open - 1);
-      if (std::to_string(pid) == entry->d_name) name += " (main)";
-      threads_[entry->d_name] = {name, user + system};
-    }
-    ::closedir(folder);
-  }
-
-  std::string summary() const {
-    std::map<std::string, long long> byName;
-    for (const auto& [tid, thread] : threads_) byName[thread.name] += thread.ticks;
-    std::vector<std::pair<long long, std::string>> sorted;
-    for (const auto& [name, ticks] : byName) sorted.emplace_back(ticks, name);
-    std::sort(sorted.rbegin(), sorted.rend());
-    const double tick = 1.0 / double(::sysconf(_SC_CLK_TCK));
-    std::string text;
-    for (const auto& [ticks, name] : sorted) {
-      char part[96];
-      std::snprintf(part, sizeof part, "%s%s %.2f s", text.empty() ? "" : ", ", name.c_str(), double(ticks) * tick);
-      text += part;
-    }
-    return text;
-  }
-
- private:
-  struct Thread {
-    std::string name;
-    long long ticks = 0;
-  };
-  std::map<std::string, Thread> threads_;
-};
 
 std::string readText(const std::string& path) {
   std::ifstream in(path);
@@ -237,7 +101,7 @@ void report(benchmark::State& state, const MeasuredRun& run, std::int64_t frames
 // The drawing client for one benchmark; none, and the benchmark fails, when it cannot connect.
 std::unique_ptr<ScreenPainter> startPainter(benchmark::State& state, Scene scene) {
   try {
-    return std::make_unique<ScreenPainter>(display, scene);
+    return std::make_unique<ScreenPainter>(display, scene, screenWidth, screenHeight, framesPerSecond);
   } catch (const std::exception& error) {
     state.SkipWithError(error.what());
     return nullptr;

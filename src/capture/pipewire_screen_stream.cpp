@@ -99,6 +99,7 @@ struct PipeWireScreenStream::Shared {
   bool lastDelivered = false;
   std::uint64_t lastNewFrameHost = 0;  // when the last buffer with a picture was delivered
   std::optional<std::int64_t> lastPTS;
+  bool lastLineUsable = false;  // whether the last picture's presentation time was its own pts
   std::optional<std::uint64_t> lastSequence;
 
   std::thread ticker;
@@ -436,12 +437,19 @@ struct PipeWireScreenStream::Shared {
     GeometryFrameMetadata metadata = metadataFor(pixels->width);
     std::lock_guard guard(deliveryLock);
     std::int64_t presentation = std::int64_t(host);
-    if (pts && *pts > 0 && (!lastPTS || *pts > *lastPTS)) {
+    const bool usable = pts && *pts > 0 && (!lastPTS || *pts > *lastPTS);
+    if (usable) {
       presentation = *pts;
       lastPTS = pts;
     } else {
       discontinuities.fetch_add(1);
     }
+    // A repeat on the producer's time line may have been stamped later than this picture's own
+    // time (the producer's latency shrank, or this one was late): the picture still follows, just
+    // after the repeat, rather than arriving out of order for the writer to throw away.
+    if (usable && lastDelivered && !last.changed && lastLineUsable && presentation <= last.presentationNanoseconds)
+      presentation = last.presentationNanoseconds + 1;
+    lastLineUsable = usable;
     last.pixels = std::move(pixels);
     last.presentationNanoseconds = presentation;
     last.displayTimeNanoseconds = host;
@@ -714,7 +722,7 @@ void PipeWireScreenStream::stop() {
   if (shared_->ticker.joinable()) shared_->ticker.join();
 }
 
-std::int64_t PipeWireScreenStream::missedTicks() const { return shared_->missed.load(); }
+std::int64_t PipeWireScreenStream::missedTicks() const { return shared_->missed.load() + shared_->dropped.load(); }
 std::int64_t PipeWireScreenStream::droppedFrames() const { return shared_->dropped.load(); }
 std::int64_t PipeWireScreenStream::timeDiscontinuities() const { return shared_->discontinuities.load(); }
 std::int64_t PipeWireScreenStream::pointerOnlyBuffers() const { return shared_->pointerOnly.load(); }

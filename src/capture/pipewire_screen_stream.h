@@ -29,12 +29,14 @@ struct PipeWireScreenStreamConfiguration {
 // Compositors send a buffer only when something changed, so a ticker of the stream's own, at
 // absolute deadlines of the frame rate, hands the last frame again with `changed` false on every
 // tick that saw no new buffer; a tick whose deadline passed while the previous one was late is
-// counted in `missedTicks`, as is a tick before the first picture.
+// counted in `missedTicks`, as is a tick before the first picture and a frame of the producer's
+// that never arrived (`droppedFrames`), so that the recording's dropped frames include the source's.
 //
 // Times: the presentation time of a frame is its SPA_META_Header.pts; a missing, non-positive or
 // backward pts falls back to the host time and counts as a discontinuity. The display time is the
 // monotonic clock when the buffer was dequeued. A repeated frame continues the presentation line
-// of the frame it repeats. Gaps in SPA_META_Header.seq are counted as dropped frames.
+// of the frame it repeats; a new frame whose own time lies at or before such a repeat of a frame with
+// a nanosecond. Gaps in SPA_META_Header.seq are counted as dropped frames.
 //
 // A buffer with no picture (chunk size 0, or flagged corrupted) carries only the pointer: it moves
 // the pointer and is neither delivered nor counted as dropped.

@@ -272,6 +272,32 @@ TEST_F(PipeWireScreenStreamTest, TicksWithoutABufferRepeatTheLastFrameOnItsTimeL
   }
 }
 
+// A compositor's latency varies: the next picture may carry a time before that of a repeat the
+// ticker already stamped on the previous picture's line. It must still follow, not be lost.
+TEST_F(PipeWireScreenStreamTest, APictureOlderThanTheLastRepeatStillFollowsIt) {
+  PipeWireScreenStreamConfiguration configuration;
+  configuration.framesPerSecond = 20;
+  auto linked = link({}, configuration);
+  FrameLog log;
+  log.start(*linked.stream);
+  const std::int64_t pts = std::int64_t(monotonicNanoseconds()) - 3'000'000;
+  send(*linked.producer, stamped(pts, 1));
+  ASSERT_TRUE(log.waitForChanged(1));
+  std::this_thread::sleep_for(180ms);  // about three repeats, each stamped 50 ms further on
+  send(*linked.producer, stamped(pts + 1'000'000, 2));
+  ASSERT_TRUE(log.waitForChanged(2));
+  linked.stream->stop();
+  const auto frames = log.snapshot();
+  std::size_t second = 0;
+  while (second < frames.size() && !(frames[second].changed && frames[second].number == 2u)) ++second;
+  ASSERT_LT(second, frames.size());
+  ASSERT_GE(second, 2u) << "the first picture and at least one repeat come before";
+  EXPECT_FALSE(frames[second - 1].changed);
+  EXPECT_EQ(frames[second].presentation, frames[second - 1].presentation + 1);
+  for (std::size_t i = 1; i < frames.size(); ++i) EXPECT_GT(frames[i].presentation, frames[i - 1].presentation);
+  EXPECT_EQ(linked.stream->timeDiscontinuities(), 0) << "its own time was usable, only late";
+}
+
 TEST_F(PipeWireScreenStreamTest, APictureSentBeforeTheStartIsTheFirstFrameAtTheFirstTick) {
   PipeWireScreenStreamConfiguration configuration;
   configuration.framesPerSecond = 20;
@@ -368,6 +394,7 @@ TEST_F(PipeWireScreenStreamTest, SequenceGapsCountAsDroppedAndPointerOnlyBuffers
   }
   EXPECT_EQ(numbers, (std::vector<std::uint32_t>{1, 2, 5, 8}));
   EXPECT_EQ(linked.stream->droppedFrames(), 2);
+  EXPECT_GE(linked.stream->missedTicks(), 2) << "the recording's dropped frames include the producer's";
   EXPECT_EQ(linked.stream->pointerOnlyBuffers() - linked.probes, 2);
   std::lock_guard guard(eventsLock);
   std::vector<PointValue> points;
