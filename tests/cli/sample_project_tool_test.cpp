@@ -155,7 +155,9 @@ TEST(SampleProjectToolTest, WritesTheVoiceAloneWhereItIsToldToSpeak) {
       }
       quietFrom = end;
     }
-    if (c.expectedMilliseconds - quietFrom > 40) EXPECT_LT(peak(samples, quietFrom + 20, c.expectedMilliseconds), 80);
+    if (c.expectedMilliseconds - quietFrom > 40) {
+      EXPECT_LT(peak(samples, quietFrom + 20, c.expectedMilliseconds), 80);
+    }
     fs::remove(file);
   }
   // The sound alone makes no project.
