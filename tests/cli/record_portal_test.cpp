@@ -4,14 +4,17 @@
 // (a known pattern, frames only on change, the pointer as metadata).
 
 #include <gtest/gtest.h>
+#include <signal.h>
 
 #include <atomic>
 #include <chrono>
 #include <filesystem>
+#include <set>
 #include <thread>
 
 #include "project/project_store.h"
 #include "shared/json.h"
+#include "support/desktop_servers.h"
 #include "support/fake_screen_cast_portal.h"
 #include "support/pipewire_test_servers.h"
 #include "support/private_session_bus.h"
@@ -123,6 +126,85 @@ TEST_F(RecordThroughPortalTest, ARecordingOfTheSharedScreenKeepsThePointerAsData
   testing::ProcessResult chosen = record({"--duration", "0.5", "--choose-source"});
   ASSERT_EQ(chosen.status, 0) << chosen.standardError;
   EXPECT_EQ(portal_->dialogsShown(), 2);
+}
+
+// The film's pictures as the producer drew them: each decoded frame's number, in order.
+std::vector<std::uint32_t> numbersInFilm(const fs::path& movie) {
+  testing::ProcessLaunch launch;
+  launch.words = {testing::requireProgram("ffmpeg", "ffmpeg").string(),
+                  "-nostdin",
+                  "-v",
+                  "error",
+                  "-i",
+                  movie.string(),
+                  "-map",
+                  "0:v:0",
+                  "-fps_mode",
+                  "passthrough",
+                  "-f",
+                  "rawvideo",
+                  "-pix_fmt",
+                  "bgra",
+                  "-"};
+  launch.timeout = 60s;
+  const testing::ProcessResult decoded = testing::run(launch);
+  EXPECT_EQ(decoded.status, 0) << decoded.standardError;
+  const std::size_t frameBytes = 320u * 240u * 4u;
+  std::vector<std::uint32_t> numbers;
+  for (std::size_t at = 0; at + frameBytes <= decoded.standardOutput.size(); at += frameBytes) {
+    const auto* pixels = reinterpret_cast<const std::uint8_t*>(decoded.standardOutput.data() + at);
+    if (auto number = testing::readScreencastPattern(pixels, 320, 240, 320 * 4)) numbers.push_back(*number);
+  }
+  return numbers;
+}
+
+TEST_F(RecordThroughPortalTest, TheFilmShowsThePicturesInOrderAPauseLeavesNoGapAndAKilledRecordingIsRecovered) {
+  const Json sources = Json::parse(record({"--list-sources"}).standardOutput);
+  EXPECT_EQ(sources["backend"], "portal");
+  EXPECT_EQ(sources["portal"]["version"], 4);
+  EXPECT_FALSE(sources["portal"]["clicksAvailable"].get<bool>());
+  EXPECT_EQ(portal_->dialogsShown(), 0) << "listing opens no dialog";
+
+  startDrawing();
+  // Recording, a pause of 0.8 s, recording again, then Ctrl-C.
+  testing::ProcessResult paused = record({"--fps", "30"}, [](int pid) {
+    std::this_thread::sleep_for(1000ms);
+    ::kill(pid, SIGUSR1);
+    std::this_thread::sleep_for(800ms);
+    ::kill(pid, SIGUSR1);
+    std::this_thread::sleep_for(1000ms);
+    ::kill(pid, SIGINT);
+  });
+  ASSERT_EQ(paused.status, 0) << paused.standardError;
+  const Json answer = Json::parse(paused.standardOutput);
+  ProjectStore store;
+  const ProjectSnapshot snapshot = store.loadSnapshot(store.project(answer["projectID"].get<std::string>()));
+  EXPECT_EQ(snapshot.manifest.metrics.pauseCount, 1);
+  ASSERT_TRUE(snapshot.manifest.metrics.pausedDurationNanoseconds.has_value());
+  EXPECT_NEAR(double(*snapshot.manifest.metrics.pausedDurationNanoseconds) / 1e9, 0.8, 0.5);
+  // About two seconds of recording remain, the pause cut out.
+  EXPECT_NEAR(double(snapshot.manifest.duration.nanoseconds) / 1e9, 2.0, 0.7);
+  const std::vector<std::uint32_t> numbers = numbersInFilm(ProjectPackage{snapshot.packagePath}.mediaPath());
+  ASSERT_GT(numbers.size(), 20u);
+  EXPECT_TRUE(std::is_sorted(numbers.begin(), numbers.end())) << "pictures in the order they were drawn";
+  // What was drawn during the pause is not in the film: the numbers jump once, by about 0.8 s.
+  std::size_t jumps = 0;
+  for (std::size_t i = 1; i < numbers.size(); ++i)
+    if (numbers[i] - numbers[i - 1] > 10) ++jumps;
+  EXPECT_EQ(jumps, 1u);
+
+  // Killed in the middle, the package stays unfinished until the next recording recovers it.
+  testing::ProcessResult killed = record({"--fps", "30"}, [](int pid) {
+    std::this_thread::sleep_for(2500ms);
+    ::kill(pid, SIGKILL);
+  });
+  EXPECT_NE(killed.status, 0);
+  testing::ProcessResult next = record({"--duration", "0.5"});
+  ASSERT_EQ(next.status, 0) << next.standardError;
+  const Json recovered = Json::parse(next.standardOutput)["recoveredProjects"];
+  ASSERT_EQ(recovered.size(), 1u) << next.standardOutput;
+  // The first fragment is cut after a second of film.
+  EXPECT_GE(recovered[0]["durationMilliseconds"].get<std::int64_t>(), 900);
 }
 
 TEST_F(RecordThroughPortalTest, ACancelledDialogLeavesNothingAndStopSharingKeepsTheRecording) {
