@@ -7,8 +7,8 @@
 
 #include "capture/capture_error.h"
 #include "capture/x11_connection.h"
-#include "support/desktop_servers.h"
 #include "shared/json.h"
+#include "support/desktop_servers.h"
 
 namespace vumo {
 namespace {

@@ -26,7 +26,9 @@ class SyntheticPlatform : public RecordingPlatform {
   explicit SyntheticPlatform(SyntheticVideoStream::Pacing pacing = SyntheticVideoStream::Pacing::thread)
       : pacing_(pacing) {}
 
-  void listSources(const RecordSourceRequest&, Json& answer) override { answer["displays"] = Json::array({{{"name", "synthetic"}}}); }
+  void listSources(const RecordSourceRequest&, Json& answer) override {
+    answer["displays"] = Json::array({{{"name", "synthetic"}}});
+  }
   CaptureSourceDescriptor resolve(const RecordSourceRequest& request, std::stop_token) override {
     if (request.kind == CaptureSourceKind::window) throw FileError("no such window");
     CaptureSourceDescriptor source;
