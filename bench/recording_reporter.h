@@ -15,13 +15,26 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <functional>
 #include <map>
 #include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace vumo::bench {
+
+// A smoke run (CI's: --benchmark_min_time below 0.1 s) only checks that a benchmark still works;
+// benchmarks that take their own time, such as long recordings, make their work short for it.
+inline bool isSmokeRun(int argc, char** argv) {
+  constexpr std::string_view flag = "--benchmark_min_time=";
+  for (int i = 1; i < argc; ++i) {
+    std::string_view argument = argv[i];
+    if (argument.starts_with(flag)) return std::atof(std::string(argument.substr(flag.size())).c_str()) < 0.1;
+  }
+  return false;
+}
 
 // Per-iteration times of every repetition of each benchmark, and their medians. A benchmark is
 // named by its function and arguments, e.g. "BM_Validate/100000", whatever its time settings.

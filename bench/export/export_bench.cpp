@@ -113,15 +113,6 @@ void BM_FfmpegTranscode(benchmark::State& state) {
   }
 }
 
-bool smokeRun(int argc, char** argv) {
-  constexpr std::string_view flag = "--benchmark_min_time=";
-  for (int i = 1; i < argc; ++i) {
-    std::string_view argument = argv[i];
-    if (argument.starts_with(flag)) return std::atof(std::string(argument.substr(flag.size())).c_str()) < 0.1;
-  }
-  return false;
-}
-
 }  // namespace
 
 BENCHMARK(BM_FfmpegTranscode)->Unit(benchmark::kSecond)->Iterations(1)->UseRealTime();
@@ -143,8 +134,8 @@ int main(int argc, char** argv) {
     vumo::SampleProjectOptions options;
     options.size = {1920, 1080};
     options.framesPerSecond = 60;
-    options.duration = vumo::ProjectTime::fromMilliseconds(smokeRun(argc, argv) ? 1'000 : 30'000);
-    if (smokeRun(argc, argv)) options.clickMilliseconds = {300, 600};
+    options.duration = vumo::ProjectTime::fromMilliseconds(vumo::bench::isSmokeRun(argc, argv) ? 1'000 : 30'000);
+    if (vumo::bench::isSmokeRun(argc, argv)) options.clickMilliseconds = {300, 600};
     vumo::ProjectPackage package = vumo::makeSampleProject(store, options);
     snapshot = store.loadSnapshot(package);
     moviePath = package.mediaPath().string();

@@ -403,15 +403,6 @@ void BM_BarePipeWireCopyLoop(benchmark::State& state) {
   }
 }
 
-bool smokeRun(int argc, char** argv) {
-  constexpr std::string_view flag = "--benchmark_min_time=";
-  for (int i = 1; i < argc; ++i) {
-    std::string_view argument = argv[i];
-    if (argument.starts_with(flag)) return std::atof(std::string(argument.substr(flag.size())).c_str()) < 0.1;
-  }
-  return false;
-}
-
 }  // namespace
 
 // One recording of each: 20 s apiece already averages over 1,200 frames.
@@ -427,7 +418,7 @@ int main(int argc, char** argv) {
     ::setenv(variable, (workFolder + "/" + variable).c_str(), 1);
   // The backends are named on the command line; nothing of a desktop this runs in may leak in.
   for (const char* variable : {"WAYLAND_DISPLAY", "XDG_SESSION_TYPE"}) ::unsetenv(variable);
-  if (smokeRun(argc, argv)) recordSeconds = 2;
+  if (vumo::bench::isSmokeRun(argc, argv)) recordSeconds = 2;
   int status = 1;
   {
     std::unique_ptr<vumo::testing::XvfbServer> xvfb;

@@ -217,15 +217,6 @@ void BM_FfmpegGrabMovingScreen(benchmark::State& state) { recordWithFfmpeg(state
 void BM_VumoRecordStillScreen(benchmark::State& state) { recordWithVumo(state, Scene::still); }
 void BM_FfmpegGrabStillScreen(benchmark::State& state) { recordWithFfmpeg(state, Scene::still); }
 
-bool smokeRun(int argc, char** argv) {
-  constexpr std::string_view flag = "--benchmark_min_time=";
-  for (int i = 1; i < argc; ++i) {
-    std::string_view argument = argv[i];
-    if (argument.starts_with(flag)) return std::atof(std::string(argument.substr(flag.size())).c_str()) < 0.1;
-  }
-  return false;
-}
-
 }  // namespace
 
 // One recording of each: 20 s apiece already averages over 1,200 frames.
@@ -240,7 +231,7 @@ int main(int argc, char** argv) {
   workFolder = pattern;
   for (const char* variable : {"XDG_DATA_HOME", "XDG_CACHE_HOME", "XDG_CONFIG_HOME", "HOME"})
     ::setenv(variable, (workFolder + "/" + variable).c_str(), 1);
-  if (smokeRun(argc, argv)) recordSeconds = 2;
+  if (vumo::bench::isSmokeRun(argc, argv)) recordSeconds = 2;
   std::unique_ptr<vumo::testing::XvfbServer> server;
   try {
     server = std::make_unique<vumo::testing::XvfbServer>(screenWidth, screenHeight);
