@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <functional>
 #include <string>
 #include <thread>
@@ -18,6 +19,13 @@
 extern char** environ;
 
 namespace vumo::bench {
+
+// The `vumo` a benchmark starts: $VUMO_BINARY where set, else the one built with it (`built`, which
+// each benchmark's target names).
+inline std::string vumoExecutable(const char* built) {
+  if (const char* path = std::getenv("VUMO_BINARY")) return path;
+  return built;
+}
 
 // What a program cost: its exit status (-1 when it could not start or was killed), its own and
 // its threads' processor time from the kernel's accounting at its end, and the wall time from

@@ -45,11 +45,6 @@ void makeSmallProject() {
   projectID = manifest.id.string();
 }
 
-std::string vumoExecutable() {
-  if (const char* path = std::getenv("VUMO_BINARY")) return path;
-  return VUMO_EXECUTABLE;
-}
-
 using vumo::bench::spawnAndWait;
 
 void run(benchmark::State& state, const std::vector<std::string>& words) {
@@ -62,8 +57,12 @@ void run(benchmark::State& state, const std::vector<std::string>& words) {
 }
 
 void BM_True(benchmark::State& state) { run(state, {"/bin/true"}); }
-void BM_VumoVersion(benchmark::State& state) { run(state, {vumoExecutable(), "cli", "version"}); }
-void BM_VumoListEmptyLibrary(benchmark::State& state) { run(state, {vumoExecutable(), "cli", "list"}); }
+void BM_VumoVersion(benchmark::State& state) {
+  run(state, {vumo::bench::vumoExecutable(VUMO_EXECUTABLE), "cli", "version"});
+}
+void BM_VumoListEmptyLibrary(benchmark::State& state) {
+  run(state, {vumo::bench::vumoExecutable(VUMO_EXECUTABLE), "cli", "list"});
+}
 void BM_VumoDescribeSmallProject(benchmark::State& state) {
   // In a library of its own, so that the listing above stays empty.
   static const bool made = [] {
@@ -72,7 +71,7 @@ void BM_VumoDescribeSmallProject(benchmark::State& state) {
     return true;
   }();
   (void)made;
-  run(state, {vumoExecutable(), "cli", "describe", projectID.substr(0, 8)});
+  run(state, {vumo::bench::vumoExecutable(VUMO_EXECUTABLE), "cli", "describe", projectID.substr(0, 8)});
 }
 
 // The sample recording in a library of its own, its waveform cache written by one idle run.
@@ -81,7 +80,7 @@ void useSampleLibrary() {
     ::setenv("XDG_DATA_HOME", (dataHome + "/with-sample").c_str(), 1);
     vumo::ProjectStore store;
     sampleID = store.readManifest(vumo::makeSampleProject(store)).id.string();
-    return spawnAndWait({vumoExecutable(), "cli", "idle", sampleID.substr(0, 8)}) == 0;
+    return spawnAndWait({vumo::bench::vumoExecutable(VUMO_EXECUTABLE), "cli", "idle", sampleID.substr(0, 8)}) == 0;
   }();
   ::setenv("XDG_DATA_HOME", (dataHome + "/with-sample").c_str(), 1);
   (void)made;
@@ -89,11 +88,11 @@ void useSampleLibrary() {
 
 void BM_VumoListSampleLibrary(benchmark::State& state) {
   useSampleLibrary();
-  run(state, {vumoExecutable(), "cli", "list"});
+  run(state, {vumo::bench::vumoExecutable(VUMO_EXECUTABLE), "cli", "list"});
 }
 void BM_VumoIdleWarmCache(benchmark::State& state) {
   useSampleLibrary();
-  run(state, {vumoExecutable(), "cli", "idle", sampleID.substr(0, 8)});
+  run(state, {vumo::bench::vumoExecutable(VUMO_EXECUTABLE), "cli", "idle", sampleID.substr(0, 8)});
 }
 
 }  // namespace

@@ -28,17 +28,20 @@ std::string sampleID;
 std::string moviePath;
 int shaderCacheCount = 0;
 
-std::string vumoExecutable() {
-  if (const char* path = std::getenv("VUMO_BINARY")) return path;
-  return VUMO_EXECUTABLE;
-}
-
 using vumo::bench::spawnAndWait;
 
 std::vector<std::string> frameCommand() {
-  return {vumoExecutable(), "cli",  "frame",    sampleID.substr(0, 8),
-          "--ms",           "3000", "--out",    workFolder + "/still.png",
-          "--width",        "1280", "--replace"};
+  return {vumo::bench::vumoExecutable(VUMO_EXECUTABLE),
+          "cli",
+          "frame",
+          sampleID.substr(0, 8),
+          "--ms",
+          "3000",
+          "--out",
+          workFolder + "/still.png",
+          "--width",
+          "1280",
+          "--replace"};
 }
 
 void BM_FrameColdShaderCache(benchmark::State& state) {

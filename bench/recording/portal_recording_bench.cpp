@@ -77,11 +77,6 @@ std::string display;
 std::uint32_t producerNode = 0;
 int recordSeconds = 20;
 
-std::string vumoExecutable() {
-  if (const char* path = std::getenv("VUMO_BINARY")) return path;
-  return VUMO_EXECUTABLE;
-}
-
 std::int64_t expectedFrames() { return std::int64_t(recordSeconds) * framesPerSecond; }
 
 std::string readText(const std::string& path) {
@@ -333,8 +328,8 @@ bool recordWithVumo(benchmark::State& state, const std::string& backend, const c
   const std::int64_t unsentBefore = driver->unsent();
   const double producerBefore = driver->cpuSeconds();
   const MeasuredRun run =
-      spawnAndMeasure({vumoExecutable(), "record", "--backend", backend, "--fps", std::to_string(framesPerSecond),
-                       "--duration", std::to_string(recordSeconds)},
+      spawnAndMeasure({vumo::bench::vumoExecutable(VUMO_EXECUTABLE), "record", "--backend", backend, "--fps",
+                       std::to_string(framesPerSecond), "--duration", std::to_string(recordSeconds)},
                       output, [&](pid_t pid) { threads.sample(pid); });
   if (run.status != 0) {
     state.SkipWithError(("vumo record --backend " + backend + " failed").c_str());

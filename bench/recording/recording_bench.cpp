@@ -61,11 +61,6 @@ std::string workFolder;
 std::string display;
 int recordSeconds = 20;
 
-std::string vumoExecutable() {
-  if (const char* path = std::getenv("VUMO_BINARY")) return path;
-  return VUMO_EXECUTABLE;
-}
-
 std::string readText(const std::string& path) {
   std::ifstream in(path);
   std::stringstream text;
@@ -114,9 +109,10 @@ void recordWithVumo(benchmark::State& state, Scene scene) {
   for (auto _ : state) {
     ThreadSampler threads;
     const std::string output = workFolder + "/vumo.json";
-    const MeasuredRun run = spawnAndMeasure({vumoExecutable(), "record", "--fps", std::to_string(framesPerSecond),
-                                             "--duration", std::to_string(recordSeconds)},
-                                            output, [&](pid_t pid) { threads.sample(pid); });
+    const MeasuredRun run =
+        spawnAndMeasure({vumo::bench::vumoExecutable(VUMO_EXECUTABLE), "record", "--fps",
+                         std::to_string(framesPerSecond), "--duration", std::to_string(recordSeconds)},
+                        output, [&](pid_t pid) { threads.sample(pid); });
     if (run.status != 0) {
       state.SkipWithError("vumo record failed");
       return;

@@ -16,6 +16,7 @@
 #include <thread>
 
 #include "capture/capture_error.h"
+#include "capture/glib_invoke.h"
 #include "shared/cancellation.h"
 #include "shared/files.h"
 #include "shared/json.h"
@@ -333,28 +334,7 @@ struct ScreenCastPortal::State {
   }
 
   // Runs `job` on the loop thread and waits for it.
-  void onLoop(std::function<void()> job) {
-    struct Pending {
-      std::function<void()> job;
-      std::promise<void> done;
-    };
-    auto* pending = new Pending{std::move(job), {}};
-    auto future = pending->done.get_future();
-    g_main_context_invoke_full(
-        context, G_PRIORITY_DEFAULT,
-        [](gpointer data) -> gboolean {
-          auto* p = static_cast<Pending*>(data);
-          try {
-            p->job();
-            p->done.set_value();
-          } catch (...) {
-            p->done.set_exception(std::current_exception());
-          }
-          return G_SOURCE_REMOVE;
-        },
-        pending, [](gpointer data) { delete static_cast<Pending*>(data); });
-    future.get();
-  }
+  void onLoop(std::function<void()> job) { invokeOnContextAndWait(context, std::move(job)); }
 
   void startLoop(const std::stop_token& stop) {
     context = g_main_context_new();

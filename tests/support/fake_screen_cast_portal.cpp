@@ -18,6 +18,8 @@
 #include <stdexcept>
 #include <thread>
 
+#include "capture/glib_invoke.h"
+
 namespace vumo::testing {
 
 namespace {
@@ -440,28 +442,7 @@ struct FakeScreenCastPortal::State {
   }
 
   // Runs `job` on the portal's thread and waits for it.
-  void onLoop(std::function<void()> job) {
-    struct Pending {
-      std::function<void()> job;
-      std::promise<void> done;
-    };
-    auto* pending = new Pending{std::move(job), {}};
-    auto future = pending->done.get_future();
-    g_main_context_invoke_full(
-        context, G_PRIORITY_DEFAULT,
-        [](gpointer p) -> gboolean {
-          auto* pending = static_cast<Pending*>(p);
-          try {
-            pending->job();
-            pending->done.set_value();
-          } catch (...) {
-            pending->done.set_exception(std::current_exception());
-          }
-          return G_SOURCE_REMOVE;
-        },
-        pending, [](gpointer p) { delete static_cast<Pending*>(p); });
-    future.get();
-  }
+  void onLoop(std::function<void()> job) { invokeOnContextAndWait(context, std::move(job)); }
 
   void setUp(const std::string& busAddress) {
     GError* error = nullptr;
