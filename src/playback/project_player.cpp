@@ -201,13 +201,18 @@ void ProjectPlayer::Worker::runLoop() {
     if (audioRunning && !audioEnded) {
       lock.unlock();
       try {
-        while (audio->writableFrames() >= audioChunkFrames) {
-          const std::int64_t count = reader->read(samples);
+        // Whatever the output takes, however little: a sound server asks for more only once what
+        // it asked for has come.
+        for (std::int64_t writable; (writable = audio->writableFrames()) > 0;) {
+          const auto frames = static_cast<std::size_t>(std::min(writable, audioChunkFrames));
+          const std::int64_t count =
+              reader->read(std::span<float>(samples).first(frames * PlaybackAudioOutput::channelCount));
           if (count == 0) {
             audioEnded = true;
             break;
           }
-          audio->write(std::span<const float>(samples.data(), static_cast<std::size_t>(count) * 2));
+          audio->write(std::span<const float>(samples).first(static_cast<std::size_t>(count) *
+                                                             PlaybackAudioOutput::channelCount));
         }
       } catch (...) {
         // The picture goes on without sound, on the main loop's clock.

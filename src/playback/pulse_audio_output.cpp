@@ -151,8 +151,7 @@ class PulseAudioOutput final : public PlaybackAudioOutput {
     buffer.prebuf = static_cast<std::uint32_t>(pa_usec_to_bytes(prebufferMicroseconds, &format));
     buffer.minreq = static_cast<std::uint32_t>(-1);
     buffer.fragsize = static_cast<std::uint32_t>(-1);
-    const auto flags = static_cast<pa_stream_flags_t>(PA_STREAM_INTERPOLATE_TIMING | PA_STREAM_AUTO_TIMING_UPDATE |
-                                                      PA_STREAM_ADJUST_LATENCY);
+    const auto flags = static_cast<pa_stream_flags_t>(PA_STREAM_INTERPOLATE_TIMING | PA_STREAM_AUTO_TIMING_UPDATE);
     if (pa_stream_connect_playback(stream_, nullptr, &buffer, flags, nullptr, nullptr) < 0)
       throw PlaybackError(PlaybackError::Case::audioOutputUnavailable, failureText());
     const bool streamReady = waitUntil([this] {

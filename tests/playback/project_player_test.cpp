@@ -150,7 +150,8 @@ class ProjectPlayerTest : public ::testing::Test {
       const bool framesDone = !player_->isPlaying() || player_->framesQueued() == ProjectPlayer::framesAhead ||
                               (player_->currentTime() + ms(100) >= ProjectPlayer::lastFrameTime(player_->duration()) &&
                                engine_->lastRender() == ProjectPlayer::lastFrameTime(player_->duration()));
-      const bool soundDone = sound_ == nullptr || !player_->isPlaying() || sound_->writableFrames() < 1'024;
+      const bool soundDone = sound_ == nullptr || !player_->isPlaying() || sound_->writableFrames() == 0 ||
+                             player_->currentTime() + ms(300) >= player_->duration();
       return framesDone && soundDone;
     });
   }
