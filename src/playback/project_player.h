@@ -10,7 +10,9 @@
 //
 // Everything here is called on the main loop's thread, and the observer is called there too,
 // never inside one of these calls. Failures of the engine (a movie that no longer decodes) stop
-// playback and become errorText() and one call of `failed`; nothing throws out of the player.
+// playback and become errorText() and one call of `failed`; a failure of the sound alone (the
+// sound server went away) is told once through `failed` and playback goes on without sound.
+// Nothing throws out of the player.
 
 #include <cstdint>
 #include <functional>
@@ -110,6 +112,7 @@ class ProjectPlayer {
   ProjectTime clockTime();
   void takeFrame(std::shared_ptr<const PlayerFrame> frame, std::uint64_t generation, bool atPosition);
   void takeFailure(const std::string& text);
+  void takeSoundFailure(const std::string& text);
   void notifyState();
 
   MainLoop& loop_;
@@ -138,6 +141,7 @@ class ProjectPlayer {
   std::shared_ptr<const PlayerFrame> currentFrame_;
   std::shared_ptr<const PlayerFrame> positionFrame_;  // the picture at the position, kept while skimming
   std::optional<std::string> errorText_;
+  bool soundFailureShown_ = false;
 };
 
 // The player's engine of the loaded media engine (MediaModuleLoader::load() in the program).
