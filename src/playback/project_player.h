@@ -49,8 +49,6 @@ class ProjectPlayer {
   static constexpr std::size_t framesAhead = 3;
   // How often the main loop looks at the clock while playing: well under one frame at 60 fps.
   static constexpr MainLoop::Clock::duration tickInterval = std::chrono::milliseconds(4);
-  // Sound queued ahead of the speaker by the worker, at most.
-  static constexpr std::int64_t audioAheadMilliseconds = 250;
 
   // `audio` may be null: the player is then silent and runs on the main loop's clock.
   ProjectPlayer(MainLoop& loop, std::shared_ptr<ProjectPreviewing> engine, std::unique_ptr<PlaybackAudioOutput> audio,
