@@ -1,0 +1,258 @@
+// The editor window driven as a person drives it: clicks and drags on the timeline at positions
+// taken from its geometry, keys and buttons, with the sessions, the ordered saves and the watcher
+// behind it all real. What is checked is what lands on disk, read back through the project store.
+
+#include "ui/editor_window.h"
+
+#include <gtest/gtest.h>
+
+#include <QAbstractButton>
+#include <QApplication>
+#include <QClipboard>
+#include <QPushButton>
+#include <QTest>
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <memory>
+
+#include "editor/caption_editing_session.h"
+#include "editor/timeline_editing_session.h"
+#include "project/project_store.h"
+#include "sample_project.h"
+#include "shared/files.h"
+#include "support/test_support.h"
+#include "ui/agent_panel.h"
+#include "ui/editor_player.h"
+#include "ui/player_view.h"
+#include "ui/qt_main_loop.h"
+#include "ui/timeline_canvas.h"
+
+namespace vumo {
+namespace {
+
+using namespace std::chrono_literals;
+
+// Turns Qt's loop until `done` or a generous limit: saves and the watcher answer on other threads.
+bool turnUntil(const std::function<bool()>& done, std::chrono::seconds limit = 30s) {
+  const auto end = std::chrono::steady_clock::now() + limit;
+  while (!done()) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    QApplication::processEvents(QEventLoop::AllEvents, 20);
+    QTest::qWait(5);
+  }
+  return true;
+}
+
+// Turns the loop for a while, for things that must NOT happen.
+void turnFor(std::chrono::milliseconds span) {
+  const auto end = std::chrono::steady_clock::now() + span;
+  while (std::chrono::steady_clock::now() < end) QTest::qWait(10);
+}
+
+class EditorWindowTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    // Private folders for everything Qt and the program may touch, before Qt starts.
+    static testing::TemporaryDirectory home;
+    for (const char* folder : {"config", "cache", "runtime"}) std::filesystem::create_directories(home.path() / folder);
+    std::filesystem::permissions(home.path() / "runtime", std::filesystem::perms::owner_all);
+    setenv("QT_QPA_PLATFORM", "offscreen", 1);
+    setenv("HOME", home.path().c_str(), 1);
+    setenv("XDG_CONFIG_HOME", (home.path() / "config").c_str(), 1);
+    setenv("XDG_CACHE_HOME", (home.path() / "cache").c_str(), 1);
+    setenv("XDG_RUNTIME_DIR", (home.path() / "runtime").c_str(), 1);
+    static int argc = 1;
+    static char name[] = "ui_tests";
+    static char* argv[] = {name, nullptr};
+    if (QCoreApplication::instance() == nullptr) new QApplication(argc, argv);
+  }
+
+  void SetUp() override {
+    if (qobject_cast<QApplication*>(QCoreApplication::instance()) == nullptr)
+      GTEST_SKIP() << "another test of this process started Qt without widgets";
+    package = makeSampleProject(store);
+    manifest = store.readManifest(package);
+  }
+
+  std::unique_ptr<EditorWindow> open(std::unique_ptr<EditorPlayer> player = nullptr) {
+    auto snapshot = store.loadSnapshot(package);
+    auto window = player ? std::make_unique<EditorWindow>(loop, store, std::move(snapshot), std::move(player))
+                         : std::make_unique<EditorWindow>(loop, store, std::move(snapshot));
+    window->resize(1280, 720);
+    window->show();
+    QApplication::setActiveWindow(window.get());
+    EXPECT_TRUE(QTest::qWaitForWindowExposed(window.get()));
+    return window;
+  }
+
+  EditTimeline onDisk() { return store.readTimeline(package, manifest.duration, manifest.webcam.has_value()); }
+
+  // The disk holds what the window shows and no save is outstanding.
+  bool diskFollows(const EditorWindow& window) {
+    return window.outstandingSaves() == 0 && onDisk() == window.session().timeline();
+  }
+
+  static QPushButton* buttonNamed(QWidget& root, const QString& name) {
+    for (auto* button : root.findChildren<QPushButton*>())
+      if (button->accessibleName() == name) return button;
+    ADD_FAILURE() << "no button " << name.toStdString();
+    return nullptr;
+  }
+
+  testing::ScopedDataHome dataHome;
+  ProjectStore store;
+  ProjectPackage package;
+  ProjectManifest manifest;
+  QtMainLoop loop;
+};
+
+// The sample is a 12 s film in one clip: at zoom 1, second s lies at x = 16 + 60 s.
+TEST_F(EditorWindowTest, SplitAtThePlayheadThenTrimAHandleThenUndoAndTheDiskFollows) {
+  auto window = open();
+  const EditTimeline original = window->session().timeline();
+  ASSERT_EQ(original.segments.size(), 1u);
+  TimelineCanvas& canvas = window->timelineCanvas();
+  ASSERT_EQ(canvas.accessibleName(), "Timeline");
+  const auto x = [&](std::int64_t milliseconds) {
+    return static_cast<int>(TimelineCanvas::leftInset + milliseconds * TimelineCanvas::pixelsPerSecond / 1000);
+  };
+  const int rulerY = static_cast<int>(TimelineCanvasGeometry::ruler.top + 5);
+  const int clipY = static_cast<int>(TimelineCanvasGeometry::clips.top + TimelineCanvasGeometry::clips.height / 2);
+
+  // A click on the ruler at 6 s moves the playhead there; S splits there.
+  QTest::mouseClick(&canvas, Qt::LeftButton, {}, QPoint(x(6'000), rulerY));
+  EXPECT_EQ(window->player().currentTime(), ProjectTime::fromMilliseconds(6'000));
+  QTest::keyClick(window.get(), Qt::Key_S);
+  ASSERT_EQ(window->session().timeline().segments.size(), 2u);
+  const TimelineSegment first = window->session().timeline().segments[0];
+  EXPECT_EQ(first.sourceRange.end(), ProjectTime::fromMilliseconds(6'000));
+  ASSERT_TRUE(turnUntil([&] { return diskFollows(*window); }));
+  const EditTimeline afterSplit = onDisk();
+
+  // The first clip's end handle, one pixel inside it, dragged a second to the left.
+  const QPoint grab(x(6'000) - 1, clipY);
+  QTest::mousePress(&canvas, Qt::LeftButton, {}, grab);
+  for (int step = 1; step <= 6; ++step) QTest::mouseMove(&canvas, grab - QPoint(10 * step, 0));
+  QTest::mouseRelease(&canvas, Qt::LeftButton, {}, grab - QPoint(60, 0));
+  const auto& trimmed = window->session().timeline();
+  ASSERT_EQ(trimmed.segments.size(), 2u);
+  EXPECT_EQ(trimmed.segments[0].sourceRange.end(), ProjectTime::fromMilliseconds(5'000));
+  EXPECT_EQ(trimmed.segments[1].sourceRange.start, ProjectTime::fromMilliseconds(6'000));
+  EXPECT_EQ(window->session().undoCount(), 2u) << "the drag is one undo step";
+  ASSERT_TRUE(turnUntil([&] { return diskFollows(*window); }));
+  EXPECT_EQ(onDisk().segments[0].sourceRange.end(), ProjectTime::fromMilliseconds(5'000));
+
+  // Ctrl+Z undoes the trim, the Undo button the split; each time the disk follows.
+  QTest::keyClick(window.get(), Qt::Key_Z, Qt::ControlModifier);
+  EXPECT_EQ(window->session().timeline(), afterSplit);
+  ASSERT_TRUE(turnUntil([&] { return diskFollows(*window); }));
+  EXPECT_EQ(onDisk(), afterSplit);
+  QTest::mouseClick(buttonNamed(*window, "Undo"), Qt::LeftButton);
+  EXPECT_EQ(window->session().timeline(), original);
+  ASSERT_TRUE(turnUntil([&] { return diskFollows(*window); }));
+  EXPECT_EQ(onDisk(), original);
+
+  // And Ctrl+Shift+Z brings the split back.
+  QTest::keyClick(window.get(), Qt::Key_Z, Qt::ControlModifier | Qt::ShiftModifier);
+  EXPECT_EQ(window->session().timeline(), afterSplit);
+  ASSERT_TRUE(turnUntil([&] { return diskFollows(*window); }));
+  EXPECT_TRUE(window->messageText().isEmpty()) << window->messageText().toStdString();
+}
+
+TEST_F(EditorWindowTest, ArrowsStepOneFrameAndHoverSkimsWithoutMovingThePlayhead) {
+  auto window = open();
+  QTest::keyClick(window.get(), Qt::Key_Right);
+  QTest::keyClick(window.get(), Qt::Key_Right);
+  EXPECT_EQ(window->player().currentTime(), ProjectTime{33'333'333});
+  QTest::keyClick(window.get(), Qt::Key_Left);
+  EXPECT_EQ(window->player().currentTime(), ProjectTime{16'666'666});
+  QTest::keyClick(window.get(), Qt::Key_Left);
+  QTest::keyClick(window.get(), Qt::Key_Left);
+  EXPECT_EQ(window->player().currentTime(), ProjectTime{0}) << "never before the start";
+}
+
+TEST_F(EditorWindowTest, AnAgentsCommitIsOneUndoStepAndUndoWritesTheEarlierTimelineBack) {
+  auto window = open();
+  const EditTimeline before = window->session().timeline();
+  turnFor(300ms);  // the watcher settles
+
+  // What `vumo cli set ... --apply --expect <digest>` does, from outside the window's sessions.
+  EditTimeline external = before;
+  external.canvas.padding = 0.12;
+  external.segments[0].sourceRange.duration = ProjectTime::fromMilliseconds(9'000);
+  store.commitTimeline(external, store.timelineDigest(package), std::nullopt, package);
+
+  ASSERT_TRUE(turnUntil([&] { return window->session().timeline() == external; }));
+  EXPECT_EQ(window->messageText(), "External edits loaded. Press Ctrl+Z to undo.");
+  EXPECT_EQ(window->session().undoCount(), 1u);
+  turnFor(300ms);  // nothing more arrives, and the editor does not write the agent's file again
+  EXPECT_EQ(window->session().undoCount(), 1u);
+  EXPECT_EQ(onDisk(), external);
+
+  QTest::keyClick(window.get(), Qt::Key_Z, Qt::ControlModifier);
+  EXPECT_EQ(window->session().timeline(), before);
+  ASSERT_TRUE(turnUntil([&] { return diskFollows(*window); }));
+  EXPECT_EQ(onDisk(), before);
+  EXPECT_EQ(window->session().undoCount(), 0u);
+  EXPECT_TRUE(window->messageText().isEmpty()) << window->messageText().toStdString();
+}
+
+TEST_F(EditorWindowTest, ADamagedFilmShowsAnErrorAndTheEditorGoesOn) {
+  writeFileAtomically(package.mediaPath(), std::string(4096, '\x5a'));
+  auto window = open();
+  turnFor(500ms);
+  EXPECT_FALSE(window->playerView().shownErrorText().isEmpty());
+  EXPECT_FALSE(window->timelineCanvas().hasWaveform());
+  QTest::mouseClick(buttonNamed(*window, "Split"), Qt::LeftButton);  // at 0: refused, nothing breaks
+  QTest::keyClick(window.get(), Qt::Key_Right);
+  QTest::keyClick(window.get(), Qt::Key_S);
+  EXPECT_EQ(window->session().timeline().segments.size(), 2u);
+  ASSERT_TRUE(turnUntil([&] { return diskFollows(*window); }));
+}
+
+TEST_F(EditorWindowTest, EveryButtonHasANameAndTheToolbarIsComplete) {
+  auto window = open();
+  for (auto* button : window->findChildren<QAbstractButton*>()) {
+    SCOPED_TRACE(button->metaObject()->className());
+    EXPECT_FALSE(button->text().isEmpty() && button->accessibleName().isEmpty());
+  }
+  for (const char* name : {"Play", "Split", "Undo", "Redo", "Export\u2026", "Close"})
+    EXPECT_NE(buttonNamed(*window, QString::fromUtf8(name)), nullptr);
+  EXPECT_TRUE(window->windowTitle().startsWith(QString::fromUtf8("Vumo Editor \u2014 ")));
+
+  int exports = 0, closes = 0;
+  QObject::connect(window.get(), &EditorWindow::exportRequested, [&] { ++exports; });
+  QObject::connect(window.get(), &EditorWindow::closeRequested, [&] { ++closes; });
+  QTest::mouseClick(buttonNamed(*window, QString::fromUtf8("Export\u2026")), Qt::LeftButton);
+  QTest::mouseClick(buttonNamed(*window, "Close"), Qt::LeftButton);
+  EXPECT_EQ(exports, 1);
+  EXPECT_EQ(closes, 1);
+}
+
+TEST_F(EditorWindowTest, TheAgentTabShowsAndCopiesTheBriefingThatThePromptCommandPrints) {
+  auto window = open();
+  auto* panel = window->findChild<AgentPanel*>();
+  ASSERT_NE(panel, nullptr);
+  panel->reload();
+  const std::string shown = panel->briefing().toStdString();
+  ASSERT_FALSE(shown.empty());
+
+  auto printed =
+      testing::runVumo({"prompt", manifest.id.string(), "--text"}, {{"XDG_DATA_HOME", dataHome.path().string()}});
+  ASSERT_EQ(printed.status, 0) << printed.standardError;
+  // The briefing names the program that runs the commands: here the test, there `vumo`.
+  const auto withoutProgram = [](std::string text, const std::string& program) {
+    for (std::size_t at; (at = text.find(program)) != std::string::npos;) text.replace(at, program.size(), "<vumo>");
+    while (!text.empty() && text.back() == '\n') text.pop_back();
+    return text;
+  };
+  EXPECT_EQ(withoutProgram(shown, std::filesystem::read_symlink("/proc/self/exe").string()),
+            withoutProgram(printed.standardOutput, testing::vumoBinary().string()));
+
+  QTest::mouseClick(buttonNamed(*panel, "Copy"), Qt::LeftButton);
+  EXPECT_EQ(QApplication::clipboard()->text().toStdString(), shown);
+}
+
+}  // namespace
+}  // namespace vumo
