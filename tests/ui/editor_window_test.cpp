@@ -16,6 +16,7 @@
 #include <functional>
 #include <memory>
 
+#include "captions/caption_document.h"
 #include "editor/caption_editing_session.h"
 #include "editor/timeline_editing_session.h"
 #include "project/project_store.h"
@@ -160,7 +161,7 @@ TEST_F(EditorWindowTest, SplitAtThePlayheadThenTrimAHandleThenUndoAndTheDiskFoll
   EXPECT_TRUE(window->messageText().isEmpty()) << window->messageText().toStdString();
 }
 
-TEST_F(EditorWindowTest, ArrowsStepOneFrameAndHoverSkimsWithoutMovingThePlayhead) {
+TEST_F(EditorWindowTest, ArrowsStepOneFrameWithinTheSequence) {
   auto window = open();
   QTest::keyClick(window.get(), Qt::Key_Right);
   QTest::keyClick(window.get(), Qt::Key_Right);
@@ -170,6 +171,55 @@ TEST_F(EditorWindowTest, ArrowsStepOneFrameAndHoverSkimsWithoutMovingThePlayhead
   QTest::keyClick(window.get(), Qt::Key_Left);
   QTest::keyClick(window.get(), Qt::Key_Left);
   EXPECT_EQ(window->player().currentTime(), ProjectTime{0}) << "never before the start";
+}
+
+TEST_F(EditorWindowTest, HoverOverTheTimelineSkimsAndLeavingReturnsToThePlayhead) {
+  auto window = open();
+  TimelineCanvas& canvas = window->timelineCanvas();
+  const int clipY = static_cast<int>(TimelineCanvasGeometry::clips.top + 10);
+  QTest::mouseMove(&canvas, QPoint(TimelineCanvas::leftInset + 180, clipY));  // 3 s
+  EXPECT_EQ(window->player().currentTime(), ProjectTime::fromMilliseconds(3'000));
+  QEvent leave(QEvent::Leave);
+  QApplication::sendEvent(&canvas, &leave);
+  EXPECT_EQ(window->player().currentTime(), ProjectTime{0});
+  EXPECT_EQ(window->session().undoCount(), 0u);
+}
+
+TEST_F(EditorWindowTest, TheWaveformLaneFillsFromTheMediaEngine) {
+  auto window = open();
+  EXPECT_TRUE(turnUntil([&] { return window->timelineCanvas().hasWaveform(); }, 60s));
+}
+
+// Captions have their own history; a cue dragged on the caption lane is one step of it, saved, and
+// the latest step of either history is the one Ctrl+Z takes back.
+TEST_F(EditorWindowTest, ACueDraggedOnTheCaptionLaneIsOneStepOfItsOwnHistory) {
+  CaptionDocument captions;
+  captions.sourceAudioDigest = std::string(64, 'a');
+  captions.basedOnTimelineDigest = store.timelineDigest(package);
+  captions.cues = {
+      {Uuid::random(), ProjectTime::fromMilliseconds(1'000), ProjectTime::fromMilliseconds(2'000), "Hello", {}, {}},
+      {Uuid::random(), ProjectTime::fromMilliseconds(4'000), ProjectTime::fromMilliseconds(5'000), "World", {}, {}}};
+  store.commitCaptions(captions, store.captionsDigest(package), store.timelineDigest(package), package);
+  auto window = open();
+  ASSERT_NE(window->captionSession(), nullptr);
+  const auto cuesOnDisk = [&] { return store.loadSnapshot(package).captions->cues; };
+
+  TimelineCanvas& canvas = window->timelineCanvas();
+  const int cueY = static_cast<int>(TimelineCanvasGeometry::captions.top + TimelineCanvasGeometry::captions.height / 2);
+  const QPoint grab(TimelineCanvas::leftInset + 90, cueY);  // 1.5 s, inside "Hello"
+  QTest::mousePress(&canvas, Qt::LeftButton, {}, grab);
+  for (int step = 1; step <= 3; ++step) QTest::mouseMove(&canvas, grab + QPoint(10 * step, 0));
+  QTest::mouseRelease(&canvas, Qt::LeftButton, {}, grab + QPoint(30, 0));
+  const auto& moved = window->captionSession()->document().cues;
+  EXPECT_EQ(moved[0].start, ProjectTime::fromMilliseconds(1'500));
+  EXPECT_EQ(moved[0].end, ProjectTime::fromMilliseconds(2'500));
+  EXPECT_EQ(window->captionSession()->undoCount(), 1u);
+  EXPECT_EQ(window->session().undoCount(), 0u);
+  ASSERT_TRUE(turnUntil([&] { return window->outstandingSaves() == 0 && cuesOnDisk() == moved; }));
+
+  QTest::keyClick(window.get(), Qt::Key_Z, Qt::ControlModifier);
+  EXPECT_EQ(window->captionSession()->document().cues, captions.cues);
+  ASSERT_TRUE(turnUntil([&] { return cuesOnDisk() == captions.cues; }));
 }
 
 TEST_F(EditorWindowTest, AnAgentsCommitIsOneUndoStepAndUndoWritesTheEarlierTimelineBack) {
