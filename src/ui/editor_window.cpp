@@ -11,6 +11,7 @@
 #include <stop_token>
 #include <thread>
 
+#include "agent/agent_prompt_builder.h"
 #include "cli/media_module_loader.h"
 #include "editor/caption_editing_session.h"
 #include "editor/external_edit_reloader.h"
@@ -21,11 +22,14 @@
 #include "editor/view_update_change_queue.h"
 #include "media/waveform_service.h"
 #include "project/project_store.h"
+#include "shared/error.h"
+#include "timeline/timeline_mapper.h"
 #include "ui/agent_panel.h"
 #include "ui/editor_player.h"
 #include "ui/inspector_panels.h"
 #include "ui/player_view.h"
 #include "ui/timeline_canvas.h"
+#include "ui/timeline_canvas_thumbnails.h"
 
 namespace vumo {
 
@@ -117,6 +121,10 @@ EditorWindow::EditorWindow(MainLoop& loop, ProjectStore& store, ProjectSnapshot 
   watcher_ = std::make_unique<ProjectTimelineWatcher>(loop_);
   reloader_->startWatching(*watcher_);
   startWaveform();
+  thumbnails_ = std::make_unique<TimelineCanvasThumbnails>(loop_);
+  thumbnails_->changed = [this] { canvas_->update(); };
+  canvas_->setThumbnails(thumbnails_.get());
+  reloadThumbnails(snapshot_.timeline);
   refreshViews();
 }
 
@@ -125,6 +133,8 @@ EditorWindow::~EditorWindow() {
   watcher_->stop();
   queue_->cancel();
   if (waveformLoad_) waveformLoad_->thread.request_stop();
+  canvas_->setThumbnails(nullptr);
+  thumbnails_.reset();
   // The views borrow the sessions and the player: they go first.
   for (QWidget* child : findChildren<QWidget*>(QString(), Qt::FindDirectChildrenOnly)) delete child;
 }
@@ -342,6 +352,7 @@ void EditorWindow::timelineChanged(const EditTimeline& timeline, bool committed,
   queue_->enqueueLatest(std::string("timeline"), [this, timeline, shouldPersist] {
     player_->applyTimeline(timeline);
     if (shouldPersist) saves_->scheduleTimelinePersistence(timeline);
+    if (timeline.segments != thumbnailSegments_) reloadThumbnails(timeline);
   });
   queue_->enqueueLatest(std::string("views"), [this] { refreshViews(); });
 }
@@ -373,6 +384,19 @@ void EditorWindow::openCaptionSession(const CaptionDocument& document, const std
   }
 }
 
+void EditorWindow::reloadThumbnails(const EditTimeline& timeline) {
+  thumbnailSegments_ = timeline.segments;
+  ProjectTime duration{0};
+  try {
+    duration = TimelineMapper(timeline, snapshot_.manifest.duration).sequenceDuration();
+  } catch (const Error&) {
+  }
+  // One picture for each thumbnail's width at the standard scale of the timeline.
+  const auto spacing = ProjectTime{
+      static_cast<std::int64_t>(TimelineCanvasThumbnails::thumbnailWidth * 1e9 / TimelineCanvas::pixelsPerSecond)};
+  thumbnails_->reload(snapshot_, timeline, duration, spacing);
+}
+
 // ---- Waveform ------------------------------------------------------------------------------------
 
 void EditorWindow::startWaveform() {
@@ -382,9 +406,10 @@ void EditorWindow::startWaveform() {
     try {
       const MediaModule& module = MediaModuleLoader::load();
       std::shared_ptr<WaveformProviding> service = module.makeWaveformService();
-      const MediaTrackKind kind =
-          snapshot.manifest.microphone ? MediaTrackKind::microphone : MediaTrackKind::systemAudio;
-      auto envelope = std::make_shared<WaveformEnvelope>(service->envelope(kind, snapshot, {}, stop));
+      // The voice where there is one: the track captions are made from.
+      const auto kind = AgentPromptBuilder::preferredCaptionTrack(snapshot);
+      if (!kind) return;
+      auto envelope = std::make_shared<WaveformEnvelope>(service->envelope(*kind, snapshot, {}, stop));
       loop_.post([this, alive, envelope] {
         if (!alive.expired()) waveformArrived(*envelope);
       });

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "project/project_snapshot.h"
+#include "timeline/edit_timeline.h"
 
 class QLabel;
 class QPushButton;
@@ -30,11 +31,11 @@ class PlayerView;
 class ProjectStore;
 class ProjectTimelineWatcher;
 class TimelineCanvas;
+class TimelineCanvasThumbnails;
 class TimelineEditingSession;
 class TimelinePersistence;
 class ViewUpdateChangeQueue;
 struct CaptionDocument;
-struct EditTimeline;
 struct WaveformEnvelope;
 
 class EditorWindow : public QWidget {
@@ -89,6 +90,7 @@ class EditorWindow : public QWidget {
   void waveformArrived(const WaveformEnvelope& envelope);
   void showFailure(const std::string& text);
   void refreshViews();
+  void reloadThumbnails(const EditTimeline& timeline);
   void playerStateChanged();
 
   MainLoop& loop_;
@@ -102,6 +104,9 @@ class EditorWindow : public QWidget {
   std::unique_ptr<CaptionSaveChain> captionSaves_;
   std::unique_ptr<ExternalEditReloader> reloader_;
   std::unique_ptr<ProjectTimelineWatcher> watcher_;
+  std::unique_ptr<TimelineCanvasThumbnails> thumbnails_;
+  // The clips the thumbnails were made for: a change of clips makes them again.
+  std::vector<TimelineSegment> thumbnailSegments_;
   struct WaveformLoad;
   std::unique_ptr<WaveformLoad> waveformLoad_;
 

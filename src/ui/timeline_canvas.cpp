@@ -15,6 +15,7 @@
 #include "shared/error.h"
 #include "timeline/timeline_mapper.h"
 #include "ui/editor_player.h"
+#include "ui/timeline_canvas_thumbnails.h"
 
 namespace vumo {
 
@@ -73,6 +74,11 @@ void TimelineCanvas::setCaptionSession(CaptionEditingSession* captions) {
 
 void TimelineCanvas::setWaveform(WaveformEnvelope envelope) {
   waveform_ = std::move(envelope);
+  update();
+}
+
+void TimelineCanvas::setThumbnails(const TimelineCanvasThumbnails* thumbnails) {
+  thumbnails_ = thumbnails;
   update();
 }
 
@@ -281,6 +287,13 @@ void TimelineCanvas::paintEvent(QPaintEvent*) {
   QPainter painter(this);
   painter.setRenderHint(QPainter::Antialiasing);
   painter.fillRect(rect(), palette().color(QPalette::Base).darker(110));
+  // The lanes' bands, so an empty lane still reads as a place to drop things.
+  const double endX = std::min<double>(width(), geometry_.xForSequenceTime(layout_.sequenceDuration));
+  const double startX = std::max(0.0, geometry_.xForSequenceTime(ProjectTime{0}));
+  for (const TimelineLaneBand* band :
+       {&Geometry::clips, &Geometry::zooms, &Geometry::captions, &Geometry::annotations, &Geometry::waveform})
+    painter.fillRect(QRectF(startX, band->top + 1, std::max(0.0, endX - startX), band->height - 2),
+                     palette().color(QPalette::Base).darker(104));
   paintRuler(painter);
   paintItems(painter);
   paintWaveform(painter);
@@ -355,6 +368,7 @@ void TimelineCanvas::paintItems(QPainter& painter) {
     painter.setPen(selected ? QPen(QColor(255, 210, 60), 2) : QPen(fill.darker(140), 1));
     painter.setBrush(fill);
     painter.drawRoundedRect(box, 4, 4);
+    if (item.lane == TimelineLane::clips && thumbnails_ != nullptr) paintThumbnails(painter, box, item);
     if (item.lane == TimelineLane::clips) {
       // The trim handles.
       painter.setBrush(QColor(255, 255, 255, selected ? 220 : 120));
@@ -369,6 +383,31 @@ void TimelineCanvas::paintItems(QPainter& painter) {
                        painter.fontMetrics().elidedText(label, Qt::ElideRight, static_cast<int>(text.width())));
     }
   }
+}
+
+void TimelineCanvas::paintThumbnails(QPainter& painter, const QRectF& box, const TimelineCanvasItem& clip) {
+  const auto& thumbnails = thumbnails_->thumbnails();
+  painter.save();
+  QPainterPath rounded;
+  rounded.addRoundedRect(box.adjusted(1, 1, -1, -1), 4, 4);
+  painter.setClipPath(rounded);
+  painter.setOpacity(0.85);
+  for (std::size_t i = 0; i < thumbnails.size(); ++i) {
+    const auto& thumbnail = thumbnails[i];
+    // Each picture covers its own time until the next one's, within the clip it shows.
+    const ProjectTime end = i + 1 < thumbnails.size() ? thumbnails[i + 1].sequenceTime : layout_.sequenceDuration;
+    if (end <= clip.sequenceRange.start || thumbnail.sequenceTime >= clip.sequenceRange.end()) continue;
+    const double x0 = std::max(box.left(), geometry_.xForSequenceTime(thumbnail.sequenceTime));
+    const double x1 = std::min(box.right(), geometry_.xForSequenceTime(end));
+    if (x1 <= x0 || thumbnail.image.isNull()) continue;
+    const double height = box.height();
+    const double width = height * thumbnail.image.width() / std::max(1, thumbnail.image.height());
+    painter.save();
+    painter.setClipRect(QRectF(x0, box.top(), x1 - x0, height), Qt::IntersectClip);
+    painter.drawImage(QRectF(x0, box.top(), width, height), thumbnail.image);
+    painter.restore();
+  }
+  painter.restore();
 }
 
 void TimelineCanvas::paintWaveform(QPainter& painter) {
@@ -390,10 +429,10 @@ void TimelineCanvas::paintWaveform(QPainter& painter) {
     if (!mapped) continue;
     const auto bucket = static_cast<std::size_t>(mapped->sourceTime.nanoseconds / WaveformEnvelope::bucketNanoseconds);
     if (bucket >= waveform_->peaks.size()) continue;
-    const WaveformPeak peak = waveform_->peaks[bucket];
-    const double top = middle - half * peak.maximum / 32768.0;
-    const double bottom = middle - half * peak.minimum / 32768.0;
-    painter.drawLine(QPointF(x, top), QPointF(x, std::max(bottom, top + 1)));
+    // Levels in decibels over the lowest 60 dB: speech and a faint hiss both stay readable.
+    const double level = std::clamp((peakLevelDecibels(waveform_->peaks[bucket]) + 60) / 60, 0.0, 1.0);
+    const double reach = std::max(0.5, half * level);
+    painter.drawLine(QPointF(x, middle - reach), QPointF(x, middle + reach));
   }
 }
 

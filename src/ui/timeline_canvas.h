@@ -18,6 +18,7 @@ namespace vumo {
 
 class CaptionEditingSession;
 class EditorPlayer;
+class TimelineCanvasThumbnails;
 class TimelineEditingSession;
 
 class TimelineCanvas final : public QWidget {
@@ -37,6 +38,9 @@ class TimelineCanvas final : public QWidget {
   // The envelope the waveform lane draws (source time, 20 ms a peak).
   void setWaveform(WaveformEnvelope envelope);
   bool hasWaveform() const { return waveform_.has_value(); }
+  // Pictures along the clips, or none; borrowed.
+  void setThumbnails(const TimelineCanvasThumbnails* thumbnails);
+  const TimelineCanvasThumbnails* thumbnails() const { return thumbnails_; }
 
   // The timeline or the captions changed: lay out again and repaint.
   void refresh();
@@ -66,6 +70,7 @@ class TimelineCanvas final : public QWidget {
   void paintRuler(class QPainter& painter);
   void paintItems(class QPainter& painter);
   void paintWaveform(class QPainter& painter);
+  void paintThumbnails(class QPainter& painter, const QRectF& box, const TimelineCanvasItem& clip);
 
   TimelineEditingSession& session_;
   EditorPlayer& player_;
@@ -73,6 +78,7 @@ class TimelineCanvas final : public QWidget {
   TimelineCanvasGeometry geometry_;
   TimelineCanvasLayout layout_;
   std::optional<WaveformEnvelope> waveform_;
+  const TimelineCanvasThumbnails* thumbnails_ = nullptr;
   std::unique_ptr<Drag> drag_;
 };
 

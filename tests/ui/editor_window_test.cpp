@@ -28,6 +28,7 @@
 #include "ui/player_view.h"
 #include "ui/qt_main_loop.h"
 #include "ui/timeline_canvas.h"
+#include "ui/timeline_canvas_thumbnails.h"
 
 namespace vumo {
 namespace {
@@ -185,9 +186,17 @@ TEST_F(EditorWindowTest, HoverOverTheTimelineSkimsAndLeavingReturnsToThePlayhead
   EXPECT_EQ(window->session().undoCount(), 0u);
 }
 
-TEST_F(EditorWindowTest, TheWaveformLaneFillsFromTheMediaEngine) {
+// Off the main thread, through the media engine: the envelope from the waveform cache, and a
+// picture for each thumbnail's width of the 12 s film (96 px at 60 px a second: 1.6 s apart).
+TEST_F(EditorWindowTest, TheWaveformAndThumbnailLanesFillFromTheMediaEngine) {
   auto window = open();
   EXPECT_TRUE(turnUntil([&] { return window->timelineCanvas().hasWaveform(); }, 60s));
+  const auto* thumbnails = window->timelineCanvas().thumbnails();
+  ASSERT_NE(thumbnails, nullptr);
+  ASSERT_TRUE(turnUntil([&] { return thumbnails->thumbnails().size() == 8; }, 120s))
+      << thumbnails->thumbnails().size() << " thumbnails";
+  EXPECT_EQ(thumbnails->thumbnails()[1].sequenceTime, ProjectTime{1'600'000'000});
+  EXPECT_EQ(thumbnails->thumbnails()[0].image.width(), TimelineCanvasThumbnails::thumbnailWidth);
 }
 
 // Captions have their own history; a cue dragged on the caption lane is one step of it, saved, and
