@@ -3,6 +3,7 @@
 
 #include "media/media_module.h"
 
+#include "export/preview_engine.h"
 #include "export/project_exporter.h"
 #include "media/caption_audio_exporter.h"
 #include "media/recording_media_writer.h"
@@ -70,6 +71,8 @@ std::unique_ptr<vumo::RecordingMediaWriting> makeRecordingMediaWriter(
 
 std::vector<vumo::VideoDeviceDescription> listVideoDevices() { return vumo::listVideoDevices(); }
 
+std::shared_ptr<vumo::ProjectPreviewing> makePreviewer() { return vumo::ProjectPreviewEngine::makeForProgram(); }
+
 }  // namespace
 
 extern "C" __attribute__((visibility("default"))) const vumo::MediaModule* vumoMediaModule() {
@@ -81,6 +84,7 @@ extern "C" __attribute__((visibility("default"))) const vumo::MediaModule* vumoM
                                         &makeRecordingMediaWriter,
                                         &listVideoDevices,
                                         &vumo::makeVideoDeviceStream,
-                                        &vumo::MediaProbe::inspect};
+                                        &vumo::MediaProbe::inspect,
+                                        &makePreviewer};
   return &module;
 }
