@@ -1,8 +1,8 @@
 #pragma once
 
 // What the editor window needs of a player: the playhead, playback, skimming, and the frame to
-// paint. The real one is the project player; `TimelineClockPlayer` keeps the playhead alone, for
-// an editor without a preview engine (a machine without the media engine, a test).
+// paint. The real one is the project player over the media engine (`makeEditorPlayer`);
+// `TimelineClockPlayer` keeps the playhead alone, for an editor without a preview engine.
 
 #include <cstdint>
 #include <functional>
@@ -50,7 +50,10 @@ class EditorPlayer {
   virtual void skim(ProjectTime sequenceTime) = 0;
   virtual void endSkim() = 0;
   virtual void stepFrames(int frames) = 0;
+  // The position: where playback is or goes on from (a skim does not move it).
   virtual ProjectTime currentTime() const = 0;
+  // Where the picture shows while the pointer hovers over the timeline.
+  virtual std::optional<ProjectTime> skimTime() const = 0;
   virtual ProjectTime duration() const = 0;
   virtual bool isPlaying() const = 0;
   // None before the first frame.
@@ -76,7 +79,8 @@ class TimelineClockPlayer final : public EditorPlayer {
   void skim(ProjectTime sequenceTime) override;
   void endSkim() override;
   void stepFrames(int frames) override;
-  ProjectTime currentTime() const override { return skimTime_.value_or(time_); }
+  ProjectTime currentTime() const override { return time_; }
+  std::optional<ProjectTime> skimTime() const override { return skimTime_; }
   ProjectTime duration() const override { return duration_; }
   bool isPlaying() const override { return false; }
   std::optional<EditorPlayerFrame> currentFrame() const override { return std::nullopt; }
@@ -92,5 +96,12 @@ class TimelineClockPlayer final : public EditorPlayer {
   ProjectTime time_;
   std::optional<ProjectTime> skimTime_;
 };
+
+class MainLoop;
+
+// The project player over the loaded media engine, with sound through PulseAudio (silent where
+// there is no sound server). Where the engine cannot be loaded or cannot draw (no media engine
+// installed, no GPU context), a TimelineClockPlayer that shows why.
+std::unique_ptr<EditorPlayer> makeEditorPlayer(MainLoop& loop);
 
 }  // namespace vumo

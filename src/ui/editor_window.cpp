@@ -35,10 +35,6 @@ namespace vumo {
 
 namespace {
 
-std::unique_ptr<EditorPlayer> defaultPlayer(MainLoop&) {
-  return std::make_unique<TimelineClockPlayer>("The preview is not available: the preview engine is not installed.");
-}
-
 QPushButton* toolButton(const QString& text, QWidget* parent) {
   auto* button = new QPushButton(text, parent);
   button->setAccessibleName(text);
@@ -55,7 +51,7 @@ struct EditorWindow::WaveformLoad {
 };
 
 EditorWindow::EditorWindow(MainLoop& loop, ProjectStore& store, ProjectSnapshot snapshot, QWidget* parent)
-    : EditorWindow(loop, store, std::move(snapshot), defaultPlayer(loop), parent) {}
+    : EditorWindow(loop, store, std::move(snapshot), makeEditorPlayer(loop), parent) {}
 
 EditorWindow::EditorWindow(MainLoop& loop, ProjectStore& store, ProjectSnapshot snapshot,
                            std::unique_ptr<EditorPlayer> player, QWidget* parent)

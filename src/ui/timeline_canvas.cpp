@@ -298,6 +298,11 @@ void TimelineCanvas::paintEvent(QPaintEvent*) {
   paintItems(painter);
   paintWaveform(painter);
 
+  if (const auto skim = player_.skimTime()) {
+    const double skimX = geometry_.xForSequenceTime(*skim);
+    painter.setPen(QPen(QColor(230, 60, 60, 110), 1));
+    painter.drawLine(QPointF(skimX, 0), QPointF(skimX, Geometry::totalHeight));
+  }
   const double x = geometry_.xForSequenceTime(player_.currentTime());
   painter.setPen(QPen(QColor(230, 60, 60), 2));
   painter.drawLine(QPointF(x, 0), QPointF(x, Geometry::totalHeight));

@@ -179,9 +179,11 @@ TEST_F(EditorWindowTest, HoverOverTheTimelineSkimsAndLeavingReturnsToThePlayhead
   TimelineCanvas& canvas = window->timelineCanvas();
   const int clipY = static_cast<int>(TimelineCanvasGeometry::clips.top + 10);
   QTest::mouseMove(&canvas, QPoint(TimelineCanvas::leftInset + 180, clipY));  // 3 s
-  EXPECT_EQ(window->player().currentTime(), ProjectTime::fromMilliseconds(3'000));
+  EXPECT_EQ(window->player().skimTime(), ProjectTime::fromMilliseconds(3'000));
+  EXPECT_EQ(window->player().currentTime(), ProjectTime{0});
   QEvent leave(QEvent::Leave);
   QApplication::sendEvent(&canvas, &leave);
+  EXPECT_EQ(window->player().skimTime(), std::nullopt);
   EXPECT_EQ(window->player().currentTime(), ProjectTime{0});
   EXPECT_EQ(window->session().undoCount(), 0u);
 }
