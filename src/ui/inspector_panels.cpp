@@ -272,7 +272,7 @@ class CameraPanel final : public Panel {
     form->addRow(absent_);
     visible_ = row(form, "Show camera", new QCheckBox());
     connect(visible_, &QCheckBox::toggled, this, [this](bool on) { set("webcam.show", on ? "true" : "false"); });
-    diameter_ = row(form, "Size", spin(0.05, 1.0, 0.01, 2));
+    diameter_ = row(form, "Camera size", spin(0.05, 1.0, 0.01, 2));
     connect(diameter_, &QDoubleSpinBox::valueChanged, this,
             [this](double value) { set("webcam.diameter", number(value)); });
     mirror_ = row(form, "Mirror", new QCheckBox());

@@ -34,6 +34,11 @@ void PlayerView::resizeEvent(QResizeEvent* event) {
   tellViewSize();
 }
 
+void PlayerView::showEvent(QShowEvent* event) {
+  QWidget::showEvent(event);
+  tellViewSize();  // the window may have moved to a screen of another scale while hidden
+}
+
 void PlayerView::tellViewSize() {
   const double ratio = devicePixelRatioF();
   player_.setViewSize(PixelSize{static_cast<std::int64_t>(std::lround(width() * ratio)),

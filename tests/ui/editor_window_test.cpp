@@ -8,7 +8,11 @@
 
 #include <QAbstractButton>
 #include <QApplication>
+#include <QCheckBox>
 #include <QClipboard>
+#include <QDoubleSpinBox>
+#include <QImage>
+#include <QImageReader>
 #include <QPushButton>
 #include <QTest>
 #include <chrono>
@@ -21,9 +25,12 @@
 #include "editor/timeline_editing_session.h"
 #include "project/project_store.h"
 #include "sample_project.h"
+#include "shared/digest.h"
+#include "shared/error.h"
 #include "shared/files.h"
 #include "support/test_support.h"
 #include "ui/agent_panel.h"
+#include "ui/background_import.h"
 #include "ui/editor_player.h"
 #include "ui/player_view.h"
 #include "ui/qt_main_loop.h"
@@ -257,6 +264,119 @@ TEST_F(EditorWindowTest, AnAgentsCommitIsOneUndoStepAndUndoWritesTheEarlierTimel
   EXPECT_EQ(onDisk(), before);
   EXPECT_EQ(window->session().undoCount(), 0u);
   EXPECT_TRUE(window->messageText().isEmpty()) << window->messageText().toStdString();
+}
+
+TEST_F(EditorWindowTest, AZoomDraggedOnItsLaneMovesAsOneUndoStep) {
+  auto window = open();
+  const EditTimeline before = window->session().timeline();
+  ASSERT_FALSE(before.zooms.empty());
+  const ZoomSegment zoom = before.zooms.front();
+  const TimelineCanvasItem* piece = nullptr;
+  for (const auto& item : window->timelineCanvas().layout().items)
+    if (item.id == zoom.id) piece = &item;
+  ASSERT_NE(piece, nullptr);
+  const TimelineCanvasGeometry& geometry = window->timelineCanvas().geometry();
+  const double middle =
+      (geometry.xForSequenceTime(piece->sequenceRange.start) + geometry.xForSequenceTime(piece->sequenceRange.end())) /
+      2;
+  const QPoint grab(static_cast<int>(middle),
+                    static_cast<int>(TimelineCanvasGeometry::zooms.top + TimelineCanvasGeometry::zooms.height / 2));
+
+  TimelineCanvas& canvas = window->timelineCanvas();
+  QTest::mousePress(&canvas, Qt::LeftButton, {}, grab);
+  for (int step = 1; step <= 3; ++step) QTest::mouseMove(&canvas, grab + QPoint(10 * step, 0));
+  QTest::mouseRelease(&canvas, Qt::LeftButton, {}, grab + QPoint(30, 0));
+  const ZoomSegment& moved = window->session().timeline().zooms.front();
+  EXPECT_EQ(moved.id, zoom.id);
+  EXPECT_EQ(moved.startTime - zoom.startTime, ProjectTime::fromMilliseconds(500)) << "30 px at 60 px a second";
+  EXPECT_EQ(moved.endTime - moved.startTime, zoom.endTime - zoom.startTime);
+  EXPECT_EQ(window->session().selectedZoomID(), zoom.id);
+  EXPECT_EQ(window->session().undoCount(), 1u);
+  ASSERT_TRUE(turnUntil([&] { return diskFollows(*window); }));
+}
+
+// Every inspector edits through the session: one undo step each, saved, and undone by Undo.
+TEST_F(EditorWindowTest, InspectorEditsAreUndoableStepsThatReachTheDisk) {
+  auto window = open();
+  const auto control = [&](const QString& name) {
+    for (auto* widget : window->findChildren<QWidget*>())
+      if (widget->accessibleName() == name) return widget;
+    ADD_FAILURE() << "no control " << name.toStdString();
+    return static_cast<QWidget*>(nullptr);
+  };
+  struct Case {
+    const char* what;
+    std::function<void()> act;
+    std::function<bool(const EditTimeline&)> changed;
+  };
+  const std::vector<Case> cases{
+      {"padding", [&] { qobject_cast<QDoubleSpinBox*>(control("Padding"))->setValue(0.1); },
+       [](const EditTimeline& t) { return t.canvas.padding == 0.1; }},
+      {"corner radius", [&] { qobject_cast<QDoubleSpinBox*>(control("Corner radius"))->setValue(0.05); },
+       [](const EditTimeline& t) { return t.canvas.cornerRadius == 0.05; }},
+      {"aspect ratio", [&] { QTest::keyClick(control("Aspect ratio"), Qt::Key_Down); },
+       [](const EditTimeline& t) { return t.canvas.aspectRatio != CanvasEdit{}.aspectRatio; }},
+      {"cursor shown", [&] { qobject_cast<QCheckBox*>(control("Show cursor"))->click(); },
+       [](const EditTimeline& t) { return !t.cursor.isVisible; }},
+      {"cursor size", [&] { qobject_cast<QDoubleSpinBox*>(control("Size"))->setValue(2); },
+       [](const EditTimeline& t) { return t.cursor.scale == 2; }},
+      {"annotation", [&] { QTest::mouseClick(qobject_cast<QPushButton*>(control("Add Annotation")), Qt::LeftButton); },
+       [](const EditTimeline& t) { return t.annotations.size() == 1; }},
+      {"zoom", [&] { QTest::mouseClick(qobject_cast<QPushButton*>(control("Add Zoom at Playhead")), Qt::LeftButton); },
+       [&](const EditTimeline& t) { return t.zooms.size() == window->snapshot().timeline.zooms.size() + 1; }},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    const EditTimeline before = window->session().timeline();
+    c.act();
+    EXPECT_TRUE(c.changed(window->session().timeline()));
+    EXPECT_EQ(window->session().undoCount(), 1u);
+    ASSERT_TRUE(turnUntil([&] { return diskFollows(*window); }));
+    EXPECT_TRUE(c.changed(onDisk()));
+    window->undo();
+    EXPECT_EQ(window->session().timeline(), before);
+    ASSERT_TRUE(turnUntil([&] { return diskFollows(*window); }));
+    turnFor(50ms);  // the inspectors show the undone state again before the next edit
+  }
+}
+
+// A chosen picture lands in the package as JPEG under the digest of its bytes, and a timeline that
+// names it loads with it; anything that is not a picture is refused before anything is written.
+TEST_F(EditorWindowTest, AnImportedWallpaperIsStoredInThePackageAndLoadsWithTheTimeline) {
+  testing::TemporaryDirectory folder;
+  QImage picture(320, 200, QImage::Format_RGB32);
+  picture.fill(QColor(200, 30, 30));
+  const auto png = folder.path() / "wallpaper.png";
+  ASSERT_TRUE(picture.save(QString::fromStdString(png.string()), "PNG"));
+
+  const CanvasBackgroundImage image = importCanvasBackgroundImage(store, package, png);
+  EXPECT_EQ(image.pixelSize, (PixelSize{320, 200}));
+  EXPECT_EQ(image.relativePath, "assets/backgrounds/" + image.id + ".jpg");
+  EXPECT_EQ(image.mediaKind, CanvasBackgroundMediaKind::image);
+  EXPECT_EQ(image.source, CanvasBackgroundImageSource::uploaded);
+  const auto stored = package.rootPath / image.relativePath;
+  EXPECT_EQ(sha256Hex(readFile(stored, 1 << 24)), image.id);
+  QImageReader reader(QString::fromStdString(stored.string()));
+  EXPECT_EQ(reader.format(), "jpeg");
+  EXPECT_EQ(reader.size(), QSize(320, 200));
+
+  EditTimeline timeline = store.loadSnapshot(package).timeline;
+  timeline.canvas.image = image;
+  store.commitTimeline(timeline, store.timelineDigest(package), std::nullopt, package);
+  const auto snapshot = store.loadSnapshot(package);
+  ASSERT_EQ(snapshot.canvasBackgroundAssets.size(), 1u);
+  EXPECT_EQ(snapshot.canvasBackgroundAssets[0].descriptor, image);
+
+  const auto text = folder.path() / "notes.png";
+  writeFileAtomically(text, "not a picture");
+  for (const auto& hostile : {text, folder.path(), folder.path() / "missing.png"}) {
+    SCOPED_TRACE(hostile.string());
+    EXPECT_THROW(importCanvasBackgroundImage(store, package, hostile), FileError);
+  }
+  std::size_t files = 0;
+  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator(package.canvasBackgroundsDirectory()))
+    ++files;
+  EXPECT_EQ(files, 1u);
 }
 
 TEST_F(EditorWindowTest, ADamagedFilmShowsAnErrorAndTheEditorGoesOn) {
