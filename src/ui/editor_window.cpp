@@ -210,18 +210,27 @@ void EditorWindow::buildViews() {
 }
 
 void EditorWindow::bindKeys() {
-  const auto bind = [this](const QKeySequence& keys, auto action) {
-    auto* shortcut = new QShortcut(keys, this);
-    shortcut->setContext(Qt::WindowShortcut);
+  const auto bind = [this](QWidget* scope, Qt::ShortcutContext context, const QKeySequence& keys, auto action) {
+    auto* shortcut = new QShortcut(keys, scope);
+    shortcut->setContext(context);
     connect(shortcut, &QShortcut::activated, this, action);
   };
-  bind(QKeySequence(Qt::CTRL | Qt::Key_Z), [this] { undo(); });
-  bind(QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_Z), [this] { redo(); });
-  bind(QKeySequence(Qt::Key_Space), [this] { togglePlayback(); });
-  bind(QKeySequence(Qt::Key_S), [this] { splitAtPlayhead(); });
-  bind(QKeySequence(Qt::Key_Left), [this] { stepFrames(-1); });
-  bind(QKeySequence(Qt::Key_Right), [this] { stepFrames(1); });
-  bind(QKeySequence(Qt::Key_Delete), [this] { deleteSelection(); });
+  bind(this, Qt::WindowShortcut, QKeySequence(Qt::CTRL | Qt::Key_Z), [this] { undo(); });
+  bind(this, Qt::WindowShortcut, QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_Z), [this] { redo(); });
+  // The plain keys belong to the player and the timeline: in the inspectors, Space still ticks a
+  // box and the arrows still move through a list.
+  QWidget* editing = canvas_->parentWidget();
+  bind(editing, Qt::WidgetWithChildrenShortcut, QKeySequence(Qt::Key_Space), [this] { togglePlayback(); });
+  bind(editing, Qt::WidgetWithChildrenShortcut, QKeySequence(Qt::Key_S), [this] { splitAtPlayhead(); });
+  bind(editing, Qt::WidgetWithChildrenShortcut, QKeySequence(Qt::Key_Left), [this] { stepFrames(-1); });
+  bind(editing, Qt::WidgetWithChildrenShortcut, QKeySequence(Qt::Key_Right), [this] { stepFrames(1); });
+  bind(editing, Qt::WidgetWithChildrenShortcut, QKeySequence(Qt::Key_Delete), [this] { deleteSelection(); });
+}
+
+void EditorWindow::showEvent(QShowEvent* event) {
+  QWidget::showEvent(event);
+  // Keys go to the timeline until the person clicks elsewhere.
+  if (focusWidget() == nullptr) canvas_->setFocus(Qt::OtherFocusReason);
 }
 
 void EditorWindow::refreshViews() {

@@ -78,6 +78,9 @@ class EditorWindow : public QWidget {
   void exportRequested();
   void closeRequested();
 
+ protected:
+  void showEvent(QShowEvent* event) override;
+
  private:
   enum class History { timeline, captions };
 

@@ -60,7 +60,7 @@ TimelineCanvas::TimelineCanvas(TimelineEditingSession& session, EditorPlayer& pl
     : QWidget(parent), session_(session), player_(player) {
   setAccessibleName("Timeline");
   setMouseTracking(true);
-  setFocusPolicy(Qt::ClickFocus);
+  setFocusPolicy(Qt::StrongFocus);
   setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Fixed);
   refresh();
 }

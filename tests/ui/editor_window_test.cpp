@@ -14,6 +14,7 @@
 #include <QImage>
 #include <QImageReader>
 #include <QPushButton>
+#include <QTabWidget>
 #include <QTest>
 #include <chrono>
 #include <filesystem>
@@ -169,7 +170,7 @@ TEST_F(EditorWindowTest, SplitAtThePlayheadThenTrimAHandleThenUndoAndTheDiskFoll
   EXPECT_TRUE(window->messageText().isEmpty()) << window->messageText().toStdString();
 }
 
-TEST_F(EditorWindowTest, ArrowsStepOneFrameWithinTheSequence) {
+TEST_F(EditorWindowTest, ArrowsStepOneFrameAndThePlainKeysBelongToTheTimeline) {
   auto window = open();
   QTest::keyClick(window.get(), Qt::Key_Right);
   QTest::keyClick(window.get(), Qt::Key_Right);
@@ -179,6 +180,22 @@ TEST_F(EditorWindowTest, ArrowsStepOneFrameWithinTheSequence) {
   QTest::keyClick(window.get(), Qt::Key_Left);
   QTest::keyClick(window.get(), Qt::Key_Left);
   EXPECT_EQ(window->player().currentTime(), ProjectTime{0}) << "never before the start";
+
+  // In an inspector the keys are the control's own: Space ticks the box that has the focus.
+  auto* tabs = window->findChild<QTabWidget*>();
+  ASSERT_NE(tabs, nullptr);
+  for (int i = 0; i < tabs->count(); ++i)
+    if (tabs->tabText(i) == "Cursor") tabs->setCurrentIndex(i);
+  QCheckBox* shown = nullptr;
+  for (auto* box : window->findChildren<QCheckBox*>())
+    if (box->accessibleName() == "Show cursor") shown = box;
+  ASSERT_NE(shown, nullptr);
+  shown->setFocus();
+  ASSERT_TRUE(turnUntil([&] { return shown->hasFocus(); }));
+  QTest::keyClick(shown, Qt::Key_Space);
+  EXPECT_FALSE(window->player().isPlaying());
+  EXPECT_FALSE(window->session().timeline().cursor.isVisible);
+  EXPECT_EQ(window->session().undoCount(), 1u);
 }
 
 TEST_F(EditorWindowTest, HoverOverTheTimelineSkimsAndLeavingReturnsToThePlayhead) {
