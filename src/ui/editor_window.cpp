@@ -187,6 +187,8 @@ void EditorWindow::buildViews() {
 
   canvas_ = new TimelineCanvas(*session_, *player_, editing);
   canvas_->setCaptionSession(captions_.get());
+  connect(canvas_, &TimelineCanvas::interacted, this,
+          [this] { queue_->enqueueLatest(std::string("views"), [this] { refreshViews(); }); });
   column->addWidget(canvas_);
 
   inspectorTabs_ = new QTabWidget(splitter);

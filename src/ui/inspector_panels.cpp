@@ -365,10 +365,27 @@ class CaptionPanel final : public Panel {
     text_ = row(form, "Caption text", new QLineEdit());
     connect(text_, &QLineEdit::editingFinished, this, [this] {
       CaptionEditingSession* captions = this->context.captions();
-      if (captions == nullptr || !captions->selectedCueID()) return;
-      captions->updateText(*captions->selectedCueID(), text_->text().toStdString());
+      if (captions == nullptr || !shownCue_) return;
+      captions->updateText(*shownCue_, text_->text().toStdString());
       this->context.edited();
     });
+    auto* add = button("Add Caption", this);
+    connect(add, &QPushButton::clicked, this, [this] {
+      CaptionEditingSession* captions = this->context.captions();
+      const auto start = playheadSourceTime();
+      if (captions == nullptr || !start) return;
+      const ProjectTime end = std::min(session.sourceDuration(), *start + ProjectTime::fromMilliseconds(2'000));
+      if (captions->addCue(CaptionCue{Uuid::random(), *start, end, "Caption", {}, {}}, true)) {
+        shownCue_ = captions->selectedCueID();
+        text_->setEnabled(true);
+        text_->setText("Caption");
+        text_->setFocus();
+        text_->selectAll();
+        captions->consumeTextFocusRequest(*captions->selectedCueID());
+      }
+      this->context.edited();
+    });
+    form->addRow(add);
     auto* remove = button("Remove Caption", this);
     connect(remove, &QPushButton::clicked, this, [this] {
       if (CaptionEditingSession* captions = this->context.captions()) captions->removeSelectedCue();
@@ -387,9 +404,12 @@ class CaptionPanel final : public Panel {
                      : cue     ? "Selected caption"
                                : "Click a caption on the timeline to edit it.");
     text_->setEnabled(cue != nullptr);
+    // The field keeps what is being typed, and names the cue it was filled for: typing finished
+    // after another cue was selected still changes the cue the text belongs to.
     if (!text_->hasFocus()) {
       const QSignalBlocker block(text_);
       text_->setText(cue ? QString::fromStdString(cue->text) : QString());
+      shownCue_ = cue ? std::optional(cue->id) : std::nullopt;
     }
     if (captions) {
       const CaptionStyle& style = captions->document().style;
@@ -407,6 +427,7 @@ class CaptionPanel final : public Panel {
   QLabel* status_;
   QLineEdit* text_;
   QLabel* style_;
+  std::optional<Uuid> shownCue_;
 };
 
 class AnnotationPanel final : public Panel {
@@ -429,8 +450,7 @@ class AnnotationPanel final : public Panel {
     form->addRow(add);
     text_ = row(form, "Annotation text", new QLineEdit());
     connect(text_, &QLineEdit::editingFinished, this, [this] {
-      if (const auto& id = session.selectedAnnotationID())
-        session.updateAnnotationText(*id, text_->text().toStdString());
+      if (shownAnnotation_) session.updateAnnotationText(*shownAnnotation_, text_->text().toStdString());
     });
     auto* remove = button("Remove Annotation", this);
     connect(remove, &QPushButton::clicked, this, [this] { session.removeSelectedAnnotation(); });
@@ -447,12 +467,14 @@ class AnnotationPanel final : public Panel {
     if (!text_->hasFocus()) {
       const QSignalBlocker block(text_);
       text_->setText(text && selected->textStyle ? QString::fromStdString(selected->textStyle->content) : QString());
+      shownAnnotation_ = text ? std::optional(selected->id) : std::nullopt;
     }
   }
 
  private:
   QComboBox* tool_;
   QLineEdit* text_;
+  std::optional<Uuid> shownAnnotation_;
 };
 
 }  // namespace

@@ -175,6 +175,7 @@ void TimelineCanvas::mousePressEvent(QMouseEvent* event) {
   }
   drag_ = std::move(drag);
   update();
+  emit interacted();
 }
 
 void TimelineCanvas::mouseMoveEvent(QMouseEvent* event) {
@@ -260,6 +261,7 @@ void TimelineCanvas::endDrag() {
     session_.endCoalescedEdit();
   }
   update();
+  emit interacted();
 }
 
 void TimelineCanvas::leaveEvent(QEvent* event) {

@@ -51,6 +51,13 @@ class TimelineCanvas final : public QWidget {
   const TimelineCanvasLayout& layout() const { return layout_; }
 
   QSize sizeHint() const override;
+
+ signals:
+  // A press or a drag's end may have changed a selection or a document that has no hook of its own
+  // (the caption session's).
+  void interacted();
+
+ public:
   QSize minimumSizeHint() const override;
 
  protected:

@@ -13,6 +13,7 @@
 #include <QDoubleSpinBox>
 #include <QImage>
 #include <QImageReader>
+#include <QLineEdit>
 #include <QPushButton>
 #include <QTabWidget>
 #include <QTest>
@@ -102,6 +103,20 @@ class EditorWindowTest : public ::testing::Test {
   bool diskFollows(const EditorWindow& window) {
     return window.outstandingSaves() == 0 && onDisk() == window.session().timeline();
   }
+
+  // "Hello" over source [1 s, 2 s) and "World" over [4 s, 5 s), committed as an agent would.
+  CaptionDocument commitCaptions() {
+    CaptionDocument captions;
+    captions.sourceAudioDigest = std::string(64, 'a');
+    captions.basedOnTimelineDigest = store.timelineDigest(package);
+    captions.cues = {
+        {Uuid::random(), ProjectTime::fromMilliseconds(1'000), ProjectTime::fromMilliseconds(2'000), "Hello", {}, {}},
+        {Uuid::random(), ProjectTime::fromMilliseconds(4'000), ProjectTime::fromMilliseconds(5'000), "World", {}, {}}};
+    store.commitCaptions(captions, store.captionsDigest(package), store.timelineDigest(package), package);
+    return captions;
+  }
+
+  std::vector<CaptionCue> cuesOnDisk() { return store.loadSnapshot(package).captions->cues; }
 
   static QPushButton* buttonNamed(QWidget& root, const QString& name) {
     for (auto* button : root.findChildren<QPushButton*>())
@@ -228,16 +243,9 @@ TEST_F(EditorWindowTest, TheWaveformAndThumbnailLanesFillFromTheMediaEngine) {
 // Captions have their own history; a cue dragged on the caption lane is one step of it, saved, and
 // the latest step of either history is the one Ctrl+Z takes back.
 TEST_F(EditorWindowTest, ACueDraggedOnTheCaptionLaneIsOneStepOfItsOwnHistory) {
-  CaptionDocument captions;
-  captions.sourceAudioDigest = std::string(64, 'a');
-  captions.basedOnTimelineDigest = store.timelineDigest(package);
-  captions.cues = {
-      {Uuid::random(), ProjectTime::fromMilliseconds(1'000), ProjectTime::fromMilliseconds(2'000), "Hello", {}, {}},
-      {Uuid::random(), ProjectTime::fromMilliseconds(4'000), ProjectTime::fromMilliseconds(5'000), "World", {}, {}}};
-  store.commitCaptions(captions, store.captionsDigest(package), store.timelineDigest(package), package);
+  const CaptionDocument captions = commitCaptions();
   auto window = open();
   ASSERT_NE(window->captionSession(), nullptr);
-  const auto cuesOnDisk = [&] { return store.loadSnapshot(package).captions->cues; };
 
   TimelineCanvas& canvas = window->timelineCanvas();
   const int cueY = static_cast<int>(TimelineCanvasGeometry::captions.top + TimelineCanvasGeometry::captions.height / 2);
@@ -281,6 +289,47 @@ TEST_F(EditorWindowTest, AnAgentsCommitIsOneUndoStepAndUndoWritesTheEarlierTimel
   EXPECT_EQ(onDisk(), before);
   EXPECT_EQ(window->session().undoCount(), 0u);
   EXPECT_TRUE(window->messageText().isEmpty()) << window->messageText().toStdString();
+}
+
+TEST_F(EditorWindowTest, TheCaptionInspectorEditsTheSelectedCueAndAddsOneAtThePlayhead) {
+  commitCaptions();
+  auto window = open();
+  auto* tabs = window->findChild<QTabWidget*>();
+  for (int i = 0; i < tabs->count(); ++i)
+    if (tabs->tabText(i) == "Captions") tabs->setCurrentIndex(i);
+  QLineEdit* field = nullptr;
+  for (auto* edit : window->findChildren<QLineEdit*>())
+    if (edit->accessibleName() == "Caption text") field = edit;
+  ASSERT_NE(field, nullptr);
+
+  // A click on "World" (source 4...5 s plays at 4...5 s) selects it and fills the field.
+  const int cueY = static_cast<int>(TimelineCanvasGeometry::captions.top + 8);
+  QTest::mouseClick(&window->timelineCanvas(), Qt::LeftButton, {}, QPoint(TimelineCanvas::leftInset + 270, cueY));
+  ASSERT_TRUE(turnUntil([&] { return field->text() == "World"; }));
+  field->setFocus();
+  field->selectAll();
+  QTest::keyClicks(field, "Earth");
+  QTest::keyClick(field, Qt::Key_Return);
+  EXPECT_EQ(window->captionSession()->document().cues[1].text, "Earth");
+  EXPECT_EQ(window->captionSession()->document().cues[0].text, "Hello");
+  EXPECT_EQ(window->captionSession()->undoCount(), 1u);
+  ASSERT_TRUE(turnUntil([&] { return window->outstandingSaves() == 0 && cuesOnDisk()[1].text == "Earth"; }));
+
+  // At the playhead (6 s), two seconds long, selected, with the field ready for its words.
+  QTest::mouseClick(&window->timelineCanvas(), Qt::LeftButton, {},
+                    QPoint(TimelineCanvas::leftInset + 360, static_cast<int>(TimelineCanvasGeometry::ruler.top + 5)));
+  QTest::mouseClick(buttonNamed(*window, "Add Caption"), Qt::LeftButton);
+  const auto& cues = window->captionSession()->document().cues;
+  ASSERT_EQ(cues.size(), 3u);
+  EXPECT_EQ(cues[2].start, ProjectTime::fromMilliseconds(6'000));
+  EXPECT_EQ(cues[2].end, ProjectTime::fromMilliseconds(8'000));
+  EXPECT_EQ(window->captionSession()->selectedCueID(), cues[2].id);
+  EXPECT_TRUE(field->hasFocus());
+  QTest::keyClicks(field, "Third");
+  QTest::keyClick(field, Qt::Key_Return);
+  EXPECT_EQ(window->captionSession()->document().cues[2].text, "Third");
+  ASSERT_TRUE(turnUntil([&] { return window->outstandingSaves() == 0 && cuesOnDisk().size() == 3; }));
+  EXPECT_EQ(window->session().undoCount(), 0u) << "captions keep their own history";
 }
 
 TEST_F(EditorWindowTest, AZoomDraggedOnItsLaneMovesAsOneUndoStep) {
