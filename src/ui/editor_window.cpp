@@ -63,7 +63,9 @@ EditorWindow::EditorWindow(MainLoop& loop, ProjectStore& store, ProjectSnapshot 
       alive_(std::make_shared<bool>(true)) {
   const ProjectPackage package{snapshot_.packagePath};
   const ProjectManifest& manifest = snapshot_.manifest;
-  setWindowTitle(QString::fromUtf8("Vumo Editor \u2014 ") + QString::fromStdString(manifest.source.title));
+  const std::string& title = manifest.source.title;
+  setWindowTitle(QString::fromUtf8("Vumo Editor \u2014 ") +
+                 (title.empty() ? QString("Recording") : QString::fromStdString(title)));
   setAccessibleName(windowTitle());
 
   queue_ = std::make_unique<ViewUpdateChangeQueue>(loop_);

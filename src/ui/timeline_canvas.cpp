@@ -85,6 +85,11 @@ void TimelineCanvas::setThumbnails(const TimelineCanvasThumbnails* thumbnails) {
 void TimelineCanvas::refresh() {
   layout_ = TimelineCanvasLayout::make(session_.timeline(), session_.sourceDuration(),
                                        captions_ != nullptr ? &captions_->document() : nullptr);
+  try {
+    mapper_ = std::make_shared<const TimelineMapper>(session_.timeline(), session_.sourceDuration());
+  } catch (const Error&) {
+    mapper_.reset();
+  }
   updateGeometry();
   update();
 }
@@ -419,13 +424,8 @@ void TimelineCanvas::paintThumbnails(QPainter& painter, const QRectF& box, const
 
 void TimelineCanvas::paintWaveform(QPainter& painter) {
   const TimelineLaneBand& band = Geometry::waveform;
-  if (!waveform_ || waveform_->peaks.empty()) return;
-  std::optional<TimelineMapper> mapper;
-  try {
-    mapper.emplace(session_.timeline(), session_.sourceDuration());
-  } catch (const Error&) {
-    return;
-  }
+  if (!waveform_ || waveform_->peaks.empty() || !mapper_) return;
+  const TimelineMapper* mapper = mapper_.get();
   const double middle = band.top + band.height / 2;
   const double half = band.height / 2 - 2;
   painter.setPen(QPen(QColor(120, 200, 160), 1));

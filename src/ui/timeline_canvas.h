@@ -84,6 +84,8 @@ class TimelineCanvas final : public QWidget {
   CaptionEditingSession* captions_ = nullptr;
   TimelineCanvasGeometry geometry_;
   TimelineCanvasLayout layout_;
+  // The mapper of the timeline laid out last, for painting; none for a timeline it refuses.
+  std::shared_ptr<const class TimelineMapper> mapper_;
   std::optional<WaveformEnvelope> waveform_;
   const TimelineCanvasThumbnails* thumbnails_ = nullptr;
   std::unique_ptr<Drag> drag_;

@@ -17,6 +17,7 @@
 #include <QPushButton>
 #include <QTabWidget>
 #include <QTest>
+#include <QWheelEvent>
 #include <chrono>
 #include <filesystem>
 #include <functional>
@@ -238,6 +239,21 @@ TEST_F(EditorWindowTest, TheWaveformAndThumbnailLanesFillFromTheMediaEngine) {
       << thumbnails->thumbnails().size() << " thumbnails";
   EXPECT_EQ(thumbnails->thumbnails()[1].sequenceTime, ProjectTime{1'600'000'000});
   EXPECT_EQ(thumbnails->thumbnails()[0].image.width(), TimelineCanvasThumbnails::thumbnailWidth);
+}
+
+TEST_F(EditorWindowTest, CtrlWheelZoomsTheTimelineAroundThePointer) {
+  auto window = open();
+  TimelineCanvas& canvas = window->timelineCanvas();
+  const QPointF at(TimelineCanvas::leftInset + 120, TimelineCanvasGeometry::clips.top + 10);  // 2 s
+  QWheelEvent zoomIn(at, canvas.mapToGlobal(at), QPoint(), QPoint(0, 120), Qt::NoButton, Qt::ControlModifier,
+                     Qt::NoScrollPhase, false);
+  QApplication::sendEvent(&canvas, &zoomIn);
+  EXPECT_DOUBLE_EQ(canvas.geometry().zoom(), 1.25);
+  EXPECT_NEAR(canvas.geometry().xForSequenceTime(ProjectTime::fromMilliseconds(2'000)), at.x(), 1e-9);
+  QWheelEvent scroll(at, canvas.mapToGlobal(at), QPoint(), QPoint(0, -120), Qt::NoButton, Qt::NoModifier,
+                     Qt::NoScrollPhase, false);
+  QApplication::sendEvent(&canvas, &scroll);
+  EXPECT_DOUBLE_EQ(canvas.geometry().zoom(), 1.25) << "a plain wheel scrolls";
 }
 
 // Captions have their own history; a cue dragged on the caption lane is one step of it, saved, and
