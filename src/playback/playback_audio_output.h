@@ -29,7 +29,8 @@ class PlaybackAudioOutput {
   // Drops whatever is queued and begins a new run whose first frame written is sequence time
   // `from`.
   virtual void start(ProjectTime from) = 0;
-  // Frames that write() takes now without waiting.
+  // Frames that write() takes now without waiting. Throws PlaybackError::audioOutputFailed once
+  // the output has failed.
   virtual std::int64_t writableFrames() = 0;
   // Queues interleaved 32-bit float frames (at most writableFrames()). Throws
   // PlaybackError::audioOutputFailed.

@@ -108,6 +108,8 @@ struct ProjectPlayer::Worker {
   // The run whose sound the output plays, once it has started.
   std::atomic<std::uint64_t> audioRun{noGeneration};
 
+  bool outputBroken = false;  // the worker's own
+
   std::stop_source stop;
   std::jthread thread;
 
@@ -121,6 +123,19 @@ struct ProjectPlayer::Worker {
   void reportFailure(const std::exception_ptr& failure) {
     if (isCancellation(failure)) return;
     post([text = textOf(failure)](ProjectPlayer& player) { player.takeFailure(text); });
+  }
+
+  // Sound that fails does not stop the picture: it goes on, silent, on the main loop's clock. An
+  // output that failed is not used again; a track that did not decode is tried again next run.
+  void reportSoundFailure(const std::exception_ptr& failure) {
+    if (isCancellation(failure)) return;
+    try {
+      std::rethrow_exception(failure);
+    } catch (const PlaybackError&) {
+      outputBroken = true;
+    } catch (...) {
+    }
+    post([text = textOf(failure)](ProjectPlayer& player) { player.takeSoundFailure(text); });
   }
 
   void runLoop();
@@ -178,7 +193,7 @@ void ProjectPlayer::Worker::runLoop() {
       lock.lock();
       continue;
     }
-    if (playing && audio && audioStartedRun == noGeneration && failedGeneration != generation) {
+    if (playing && audio && !outputBroken && audioStartedRun == noGeneration && failedGeneration != generation) {
       const std::uint64_t startedRun = run;
       const ProjectTime from = playFrom;
       audioStartedRun = startedRun;
@@ -192,8 +207,7 @@ void ProjectPlayer::Worker::runLoop() {
           audioRun = startedRun;
         }
       } catch (...) {
-        reader.reset();
-        reportFailure(std::current_exception());
+        reportSoundFailure(std::current_exception());
       }
       lock.lock();
       continue;
@@ -215,10 +229,9 @@ void ProjectPlayer::Worker::runLoop() {
                                                              PlaybackAudioOutput::channelCount));
         }
       } catch (...) {
-        // The picture goes on without sound, on the main loop's clock.
         audioEnded = true;
         audioRun = noGeneration;
-        reportFailure(std::current_exception());
+        reportSoundFailure(std::current_exception());
       }
       lock.lock();
     }
@@ -612,6 +625,12 @@ void ProjectPlayer::takeFailure(const std::string& text) {
 std::size_t ProjectPlayer::framesQueued() const {
   std::lock_guard lock(worker_->mutex);
   return worker_->frames.size();
+}
+
+void ProjectPlayer::takeSoundFailure(const std::string& text) {
+  if (soundFailureShown_) return;
+  soundFailureShown_ = true;
+  if (observer_.failed) observer_.failed(text);
 }
 
 void ProjectPlayer::notifyState() {

@@ -10,7 +10,9 @@
 //
 // Everything here is called on the main loop's thread, and the observer is called there too,
 // never inside one of these calls. Failures of the engine (a movie that no longer decodes) stop
-// playback and become errorText() and one call of `failed`; nothing throws out of the player.
+// playback and become errorText() and one call of `failed`; a failure of the sound alone (the
+// sound server went away) is told once through `failed` and playback goes on without sound.
+// Nothing throws out of the player.
 
 #include <cstdint>
 #include <functional>
@@ -47,8 +49,6 @@ class ProjectPlayer {
   static constexpr std::size_t framesAhead = 3;
   // How often the main loop looks at the clock while playing: well under one frame at 60 fps.
   static constexpr MainLoop::Clock::duration tickInterval = std::chrono::milliseconds(4);
-  // Sound queued ahead of the speaker by the worker, at most.
-  static constexpr std::int64_t audioAheadMilliseconds = 250;
 
   // `audio` may be null: the player is then silent and runs on the main loop's clock.
   ProjectPlayer(MainLoop& loop, std::shared_ptr<ProjectPreviewing> engine, std::unique_ptr<PlaybackAudioOutput> audio,
@@ -110,6 +110,7 @@ class ProjectPlayer {
   ProjectTime clockTime();
   void takeFrame(std::shared_ptr<const PlayerFrame> frame, std::uint64_t generation, bool atPosition);
   void takeFailure(const std::string& text);
+  void takeSoundFailure(const std::string& text);
   void notifyState();
 
   MainLoop& loop_;
@@ -138,6 +139,7 @@ class ProjectPlayer {
   std::shared_ptr<const PlayerFrame> currentFrame_;
   std::shared_ptr<const PlayerFrame> positionFrame_;  // the picture at the position, kept while skimming
   std::optional<std::string> errorText_;
+  bool soundFailureShown_ = false;
 };
 
 // The player's engine of the loaded media engine (MediaModuleLoader::load() in the program).

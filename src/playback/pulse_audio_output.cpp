@@ -50,7 +50,8 @@ class PulseAudioOutput final : public PlaybackAudioOutput {
 
   std::int64_t writableFrames() override {
     Locked lock(loop_);
-    if (!running_ || !streamGood()) return 0;
+    if (!running_) return 0;
+    if (!streamGood()) throw PlaybackError(PlaybackError::Case::audioOutputFailed, failureText());
     const std::size_t bytes = pa_stream_writable_size(stream_);
     return bytes == static_cast<std::size_t>(-1) ? 0 : static_cast<std::int64_t>(bytes) / frameBytes;
   }

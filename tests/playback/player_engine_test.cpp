@@ -35,11 +35,30 @@ double psnr(const std::vector<std::uint8_t>& a, const std::vector<std::uint8_t>&
   return mse == 0 ? 99.0 : 10.0 * std::log10(255.0 * 255.0 / mse);
 }
 
-TEST(PlayerWithTheMediaEngine, PlaysAGeneratedRecordingInStepWithItsSoundAsTheStillsShowIt) {
-  testing::ScopedDataHome data;
-  testing::TemporaryDirectory cache;
-  testing::ScopedEnvironmentVariable cacheHome("XDG_CACHE_HOME", cache.path().string());
-  testing::ScopedEnvironmentVariable home("HOME", cache.path().string());
+// Mesa keeps the first shader cache folder it was given for the whole process: one folder serves
+// every test of the suite.
+class PlayerWithTheMediaEngine : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    cache_ = new testing::TemporaryDirectory();
+    cacheHome_ = new testing::ScopedEnvironmentVariable("XDG_CACHE_HOME", cache_->path().string());
+    home_ = new testing::ScopedEnvironmentVariable("HOME", cache_->path().string());
+  }
+  static void TearDownTestSuite() {
+    delete home_;
+    delete cacheHome_;
+    delete cache_;
+  }
+
+  testing::ScopedDataHome data_;
+
+ private:
+  static inline testing::TemporaryDirectory* cache_ = nullptr;
+  static inline testing::ScopedEnvironmentVariable* cacheHome_ = nullptr;
+  static inline testing::ScopedEnvironmentVariable* home_ = nullptr;
+};
+
+TEST_F(PlayerWithTheMediaEngine, PlaysAGeneratedRecordingInStepWithItsSoundAsTheStillsShowIt) {
   ProjectStore store;
   SampleProjectOptions options;
   options.duration = ProjectTime::fromMilliseconds(2'000);
@@ -86,8 +105,9 @@ TEST(PlayerWithTheMediaEngine, PlaysAGeneratedRecordingInStepWithItsSoundAsTheSt
   ASSERT_TRUE(heard);
   // The clock is the sound's (read at the last turn of the loop, a few milliseconds ago).
   EXPECT_NEAR(double(player.currentTime().nanoseconds), double(heard->nanoseconds), 20e6);
-  EXPECT_GT(player.currentTime(), ProjectTime::fromMilliseconds(500));
-  ASSERT_GE(shown.size(), 4u);
+  // Loose bounds: the machine may be busy, and the sound's clock waits for the worker's sound.
+  EXPECT_GT(player.currentTime(), ProjectTime::fromMilliseconds(250));
+  ASSERT_GE(shown.size(), 3u);
   for (std::size_t i = 1; i < shown.size(); ++i) EXPECT_GT(shown[i], shown[i - 1]);
 
   const std::shared_ptr<const PlayerFrame> frame = player.currentFrame();
@@ -101,6 +121,44 @@ TEST(PlayerWithTheMediaEngine, PlaysAGeneratedRecordingInStepWithItsSoundAsTheSt
   ASSERT_EQ(still.width, frame->size.width);
   ASSERT_EQ(still.height, frame->size.height);
   EXPECT_GE(psnr(still.pixels, frame->rgba), 45.0);
+}
+
+// A change of look reaches the next picture without a new load: the engine's picture after
+// setVisualEdits is the still of a project that was saved with those edits.
+TEST_F(PlayerWithTheMediaEngine, VisualEditsReachTheNextPictureAsTheStillShowsThem) {
+  ProjectStore store;
+  SampleProjectOptions options;
+  options.duration = ProjectTime::fromMilliseconds(2'000);
+  options.clickMilliseconds = {300, 700};
+  const ProjectSnapshot snapshot = store.loadSnapshot(makeSampleProject(store, options));
+  ASSERT_FALSE(snapshot.timeline.zooms.empty());
+
+  const MediaModule& module = MediaModuleLoader::load();
+  const std::shared_ptr<ProjectPreviewing> engine = loadPreviewEngine(module);
+  EXPECT_EQ(engine->load(snapshot), ProjectTime::fromMilliseconds(2'000));
+  const ProjectTime time = ProjectTime::fromMilliseconds(800);
+  const StillImage before = engine->render(time, {640, 640}, {});
+  EXPECT_EQ(before.width, 640);
+  EXPECT_EQ(before.height, 360);
+
+  ProjectSnapshot edited = snapshot;
+  edited.timeline.zooms.clear();
+  edited.timeline.canvas.aspectRatio = CanvasAspectRatio::square;
+  edited.timeline.cursor.scale = 2.0;
+  engine->setVisualEdits(edited.timeline);
+  const StillImage after = engine->render(time, {640, 640}, {});
+  ASSERT_EQ(after.width, 640);
+  ASSERT_EQ(after.height, 640);
+
+  const auto stills = module.makeStillRenderer();
+  const StillImage still = decodeStillImage(stills->render(edited, time, 640, StillImageFormat::png, {}));
+  ASSERT_EQ(still.height, 640);
+  EXPECT_GE(psnr(still.pixels, after.pixels), 45.0);
+
+  // Any time outside the sequence shows its nearest picture; the view size decides the size.
+  const StillImage last = engine->render(ProjectTime::fromMilliseconds(5'000), {100, 300}, {});
+  EXPECT_EQ(last.width, 100);
+  EXPECT_EQ(last.height, 100);
 }
 
 }  // namespace

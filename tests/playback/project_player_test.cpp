@@ -13,6 +13,7 @@
 
 #include "media/media_errors.h"
 #include "playback/playback_audio_output.h"
+#include "playback/playback_errors.h"
 #include "support/builders.h"
 #include "support/manual_main_loop.h"
 #include "timeline/timeline_frame_grid.h"
@@ -407,6 +408,46 @@ TEST_F(ProjectPlayerTest, WithSoundThePictureFollowsWhatIsHeard) {
   EXPECT_NEAR(double(player_->currentTime().nanoseconds), 5'200e6, 10e6);
   player_->pause();
   ASSERT_TRUE(turnUntil([this] { return !sound_->playedTime(); }));
+}
+
+// An output whose server goes away after the first write.
+class VanishingOutput final : public PlaybackAudioOutput {
+ public:
+  void start(ProjectTime from) override { beginRun(from); }
+  std::int64_t writableFrames() override {
+    if (written_ > 0) throw PlaybackError(PlaybackError::Case::audioOutputFailed, "Connection terminated");
+    return 1'024;
+  }
+  void write(std::span<const float> samples) override { written_ += std::int64_t(samples.size()) / channelCount; }
+  std::int64_t framesWritten() override { return written_; }
+  ProjectTime latency() override { return {}; }
+  std::int64_t playedFrames() override { return 0; }
+  void stop() override { endRun(); }
+
+ private:
+  std::atomic<std::int64_t> written_{0};
+};
+
+TEST_F(ProjectPlayerTest, WhenTheSoundFailsThePictureGoesOnAndTheFailureIsToldOnce) {
+  engine_->withSound = true;
+  ProjectPlayer::Observer observer;
+  observer.failed = [this](const std::string& text) { failures_.push_back(text); };
+  player_ = std::make_unique<ProjectPlayer>(loop_, engine_, std::make_unique<VanishingOutput>(), observer);
+  loadAndShowFirstFrame();
+  player_->play();
+  play(200ms);
+  EXPECT_TRUE(player_->isPlaying());
+  EXPECT_FALSE(player_->errorText());
+  const std::string text = PlaybackError(PlaybackError::Case::audioOutputFailed, "Connection terminated").what();
+  EXPECT_EQ(failures_, std::vector<std::string>{text});
+  // On the main loop's clock from there on: at least the 200 ms that passed on it.
+  EXPECT_GE(player_->currentTime(), ms(190));
+
+  player_->seek(ms(3'000));
+  play(100ms);
+  EXPECT_EQ(engine_->audioOpens, 1);  // a broken output is not used again
+  EXPECT_EQ(failures_.size(), 1u);
+  EXPECT_EQ(player_->currentTime(), ms(3'100));
 }
 
 TEST_F(ProjectPlayerTest, ASilentOutputDrainsAtItsClocksPaceAndStallsWhenStarved) {
