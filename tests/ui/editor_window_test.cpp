@@ -10,6 +10,7 @@
 #include <QApplication>
 #include <QCheckBox>
 #include <QClipboard>
+#include <QComboBox>
 #include <QDoubleSpinBox>
 #include <QImage>
 #include <QImageReader>
@@ -392,6 +393,15 @@ TEST_F(EditorWindowTest, InspectorEditsAreUndoableStepsThatReachTheDisk) {
     std::function<bool(const EditTimeline&)> changed;
   };
   const std::vector<Case> cases{
+      {"speed",
+       [&] {
+         // The clip is selected from the timeline, then its speed set.
+         QTest::mouseClick(
+             &window->timelineCanvas(), Qt::LeftButton, {},
+             QPoint(TimelineCanvas::leftInset + 100, static_cast<int>(TimelineCanvasGeometry::clips.top + 10)));
+         qobject_cast<QDoubleSpinBox*>(control("Speed"))->setValue(2);
+       },
+       [](const EditTimeline& t) { return t.segments[0].playbackRate.permille == 2000; }},
       {"padding", [&] { qobject_cast<QDoubleSpinBox*>(control("Padding"))->setValue(0.1); },
        [](const EditTimeline& t) { return t.canvas.padding == 0.1; }},
       {"corner radius", [&] { qobject_cast<QDoubleSpinBox*>(control("Corner radius"))->setValue(0.05); },
@@ -404,7 +414,14 @@ TEST_F(EditorWindowTest, InspectorEditsAreUndoableStepsThatReachTheDisk) {
        [](const EditTimeline& t) { return t.cursor.scale == 2; }},
       {"annotation", [&] { QTest::mouseClick(qobject_cast<QPushButton*>(control("Add Annotation")), Qt::LeftButton); },
        [](const EditTimeline& t) { return t.annotations.size() == 1; }},
-      {"zoom", [&] { QTest::mouseClick(qobject_cast<QPushButton*>(control("Add Zoom at Playhead")), Qt::LeftButton); },
+      {"zoom",
+       [&] {
+         // At 10 s, after the recording's own zooms.
+         QTest::mouseClick(
+             &window->timelineCanvas(), Qt::LeftButton, {},
+             QPoint(TimelineCanvas::leftInset + 600, static_cast<int>(TimelineCanvasGeometry::ruler.top)));
+         QTest::mouseClick(qobject_cast<QPushButton*>(control("Add Zoom at Playhead")), Qt::LeftButton);
+       },
        [&](const EditTimeline& t) { return t.zooms.size() == window->snapshot().timeline.zooms.size() + 1; }},
   };
   for (const Case& c : cases) {
@@ -480,6 +497,17 @@ TEST_F(EditorWindowTest, EveryButtonHasANameAndTheToolbarIsComplete) {
     SCOPED_TRACE(button->metaObject()->className());
     EXPECT_FALSE(button->text().isEmpty() && button->accessibleName().isEmpty());
   }
+  // The other controls take their names from their labels; the fields inside a spin box or a
+  // list are parts of those, not controls of their own.
+  std::vector<QWidget*> controls;
+  for (auto* w : window->findChildren<QAbstractSpinBox*>()) controls.push_back(w);
+  for (auto* w : window->findChildren<QComboBox*>()) controls.push_back(w);
+  for (auto* w : window->findChildren<QLineEdit*>())
+    if (!qobject_cast<QAbstractSpinBox*>(w->parentWidget()) && !qobject_cast<QComboBox*>(w->parentWidget()))
+      controls.push_back(w);
+  EXPECT_GT(controls.size(), 10u);
+  for (QWidget* control : controls)
+    EXPECT_FALSE(control->accessibleName().isEmpty()) << control->metaObject()->className();
   for (const char* name : {"Play", "Split", "Undo", "Redo", "Export\u2026", "Close"})
     EXPECT_NE(buttonNamed(*window, QString::fromUtf8(name)), nullptr);
   EXPECT_TRUE(window->windowTitle().startsWith(QString::fromUtf8("Vumo Editor \u2014 ")));
