@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "agent/agent_prompt_builder.h"
+#include "captions/caption_document.h"
 #include "cli/media_module_loader.h"
 #include "editor/caption_editing_session.h"
 #include "editor/external_edit_reloader.h"
@@ -22,6 +23,7 @@
 #include "editor/view_update_change_queue.h"
 #include "media/waveform_service.h"
 #include "project/project_store.h"
+#include "shared/digest.h"
 #include "shared/error.h"
 #include "timeline/timeline_mapper.h"
 #include "ui/agent_panel.h"
@@ -127,7 +129,7 @@ EditorWindow::EditorWindow(MainLoop& loop, ProjectStore& store, ProjectSnapshot 
 }
 
 EditorWindow::~EditorWindow() {
-  *alive_ = false;
+  alive_.reset();  // what the player, the loop and the threads hand back finds the window gone
   watcher_->stop();
   queue_->cancel();
   if (waveformLoad_) waveformLoad_->thread.request_stop();
@@ -142,6 +144,69 @@ const CaptionEditingSession* EditorWindow::captionSession() const { return capti
 QString EditorWindow::messageText() const { return banner_; }
 
 std::size_t EditorWindow::outstandingSaves() const { return saves_->outstandingSaves(); }
+
+bool EditorWindow::savesSettled() const {
+  if (queue_->pendingCount() > 0 || saves_->outstandingSaves() > 0 || deferredTimeline_ || deferredCaptions_)
+    return false;
+  return !pendingCaptionDigest_ || !captionSaves_ || captionSaves_->isOwnSave(*pendingCaptionDigest_);
+}
+
+// A caption save that neither landed nor failed within a few seconds met a conflict, which the
+// reload that follows settles; the timeline saves do not wait for it any longer.
+bool EditorWindow::captionSaveInFlight() const {
+  return pendingCaptionDigest_ && captionSaves_ && !captionSaves_->isOwnSave(*pendingCaptionDigest_) &&
+         std::chrono::steady_clock::now() - captionSaveAskedAt_ < std::chrono::seconds(3);
+}
+
+void EditorWindow::persistTimeline(const EditTimeline& timeline) {
+  deferredTimeline_ = timeline;
+  takeSaveTurns();
+}
+
+void EditorWindow::persistCaptions(const CaptionDocument& document) {
+  deferredCaptions_ = document;
+  takeSaveTurns();
+}
+
+void EditorWindow::takeSaveTurns() {
+  if (deferredTimeline_ && !captionSaveInFlight()) {
+    saves_->scheduleTimelinePersistence(std::move(*deferredTimeline_));
+    deferredTimeline_.reset();
+  }
+  if (deferredCaptions_ && saves_->outstandingSaves() == 0 && !deferredTimeline_) {
+    if (captionSaves_) {
+      pendingCaptionDigest_ = sha256Hex(encodeCaptionDocument(*deferredCaptions_));
+      captionSaveAskedAt_ = std::chrono::steady_clock::now();
+      captionSaves_->save(*deferredCaptions_);
+    }
+    deferredCaptions_.reset();
+  }
+  if ((deferredTimeline_ || deferredCaptions_) && !turnScheduled_) {
+    turnScheduled_ = true;
+    std::weak_ptr<bool> alive = alive_;
+    loop_.schedule(std::chrono::milliseconds(5), [this, alive] {
+      if (alive.expired()) return;
+      turnScheduled_ = false;
+      takeSaveTurns();
+    });
+  }
+}
+
+void EditorWindow::finishSaves(std::function<void()> done, std::chrono::milliseconds limit) {
+  pollSaves(std::move(done), std::chrono::steady_clock::now() + limit);
+}
+
+void EditorWindow::pollSaves(std::function<void()> done, std::chrono::steady_clock::time_point deadline) {
+  if (savesSettled() || std::chrono::steady_clock::now() >= deadline) {
+    loop_.post(std::move(done));
+    return;
+  }
+  std::weak_ptr<bool> alive = alive_;
+  loop_.schedule(std::chrono::milliseconds(10), [this, alive, done = std::move(done), deadline]() mutable {
+    if (alive.expired()) return done();  // the window is gone: nothing more will be saved
+    pollSaves(std::move(done), deadline);
+  });
+}
 
 // ---- Views ---------------------------------------------------------------------------------------
 
@@ -360,7 +425,11 @@ void EditorWindow::timelineChanged(const EditTimeline& timeline, bool committed,
   }
   queue_->enqueueLatest(std::string("timeline"), [this, timeline, shouldPersist] {
     player_->applyTimeline(timeline);
-    if (shouldPersist) saves_->scheduleTimelinePersistence(timeline);
+    if (shouldPersist) {
+      persistTimeline(timeline);
+    } else {
+      deferredTimeline_.reset();  // the disk already holds this one, newer than what waited
+    }
     if (timeline.segments != thumbnailSegments_) reloadThumbnails(timeline);
   });
   queue_->enqueueLatest(std::string("views"), [this] { refreshViews(); });
@@ -372,7 +441,12 @@ void EditorWindow::captionsChanged(const CaptionDocument& document, bool committ
     redoOrder_.clear();
   }
   queue_->enqueueLatest(std::string("captions"), [this, document, shouldPersist] {
-    if (shouldPersist && captionSaves_) captionSaves_->save(document);
+    if (shouldPersist) {
+      persistCaptions(document);
+    } else {
+      pendingCaptionDigest_.reset();  // loaded from the disk: nothing to wait for
+      deferredCaptions_.reset();
+    }
   });
   queue_->enqueueLatest(std::string("views"), [this] { refreshViews(); });
 }
@@ -386,7 +460,11 @@ void EditorWindow::openCaptionSession(const CaptionDocument& document, const std
       loop_, std::make_shared<ProjectStoreCaptionSaves>(ProjectPackage{snapshot_.packagePath}), digest,
       CaptionSaveChain::Hooks{.timelineDigest = [this] { return saves_->lastKnownTimelineDigest(); },
                               .reloadExternalEdits = [this] { reloader_->reload(); },
-                              .reportFailure = [this](std::string text) { showFailure(text); }});
+                              .reportFailure =
+                                  [this](std::string text) {
+                                    pendingCaptionDigest_.reset();  // said so: nothing more to wait for
+                                    showFailure(text);
+                                  }});
   if (canvas_ != nullptr) {
     canvas_->setCaptionSession(captions_.get());
     queue_->enqueueLatest(std::string("views"), [this] { refreshViews(); });

@@ -6,11 +6,14 @@
 // watcher as one undo step.
 
 #include <QWidget>
+#include <chrono>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "captions/caption_document.h"
 #include "project/project_snapshot.h"
 #include "timeline/edit_timeline.h"
 
@@ -35,7 +38,6 @@ class TimelineCanvasThumbnails;
 class TimelineEditingSession;
 class TimelinePersistence;
 class ViewUpdateChangeQueue;
-struct CaptionDocument;
 struct WaveformEnvelope;
 
 class EditorWindow : public QWidget {
@@ -49,7 +51,8 @@ class EditorWindow : public QWidget {
   // The same with a player of the caller's.
   EditorWindow(MainLoop& loop, ProjectStore& store, ProjectSnapshot snapshot, std::unique_ptr<EditorPlayer> player,
                QWidget* parent = nullptr);
-  // Finishes the save being written; drops nothing that was asked for before.
+  // Finishes the save being written and drops those not begun: call `finishSaves` first to keep
+  // every change.
   ~EditorWindow() override;
 
   const TimelineEditingSession& session() const;
@@ -59,8 +62,13 @@ class EditorWindow : public QWidget {
 
   // The notice line: the sessions' messages and the failures of saves and reloads.
   QString messageText() const;
-  // Saves asked for and not yet answered, timeline and captions.
+  // Timeline saves asked for and not yet answered.
   std::size_t outstandingSaves() const;
+  // Whether every change made so far has reached the disk, or failed and said so.
+  bool savesSettled() const;
+  // Calls `done` on the loop once every change made so far is on disk (or has failed and said so),
+  // or after `limit`, whichever comes first: what closing the project and quitting wait for.
+  void finishSaves(std::function<void()> done, std::chrono::milliseconds limit = std::chrono::seconds(10));
 
   TimelineCanvas& timelineCanvas() { return *canvas_; }
   PlayerView& playerView() { return *playerView_; }
@@ -95,6 +103,11 @@ class EditorWindow : public QWidget {
   void refreshViews();
   void reloadThumbnails(const EditTimeline& timeline);
   void playerStateChanged();
+  void persistTimeline(const EditTimeline& timeline);
+  void persistCaptions(const CaptionDocument& document);
+  void takeSaveTurns();
+  bool captionSaveInFlight() const;
+  void pollSaves(std::function<void()> done, std::chrono::steady_clock::time_point deadline);
 
   MainLoop& loop_;
   ProjectStore& store_;
@@ -117,6 +130,15 @@ class EditorWindow : public QWidget {
   std::vector<History> undoOrder_;
   std::vector<History> redoOrder_;
   bool inHistoryStep_ = false;
+  // Timeline and caption saves take turns: a caption commit is guarded by the timeline's digest
+  // too, so it must not meet a timeline save on its way to the disk. What waits for its turn:
+  std::optional<EditTimeline> deferredTimeline_;
+  std::optional<CaptionDocument> deferredCaptions_;
+  bool turnScheduled_ = false;
+  // The digest the latest caption save will leave on disk, until it is there (or failed), and when
+  // it was asked for.
+  std::optional<std::string> pendingCaptionDigest_;
+  std::chrono::steady_clock::time_point captionSaveAskedAt_;
 
   // The notice line: the latest of a session's message and a reported failure.
   QString banner_;

@@ -478,6 +478,33 @@ TEST_F(EditorWindowTest, AnImportedWallpaperIsStoredInThePackageAndLoadsWithTheT
   EXPECT_EQ(files, 1u);
 }
 
+// Closing right after an edit (as quitting does) keeps it: the window waits for its saves.
+TEST_F(EditorWindowTest, ClosingRightAfterEditsKeepsThemOnDisk) {
+  commitCaptions();
+  auto window = open();
+  QTest::mouseClick(&window->timelineCanvas(), Qt::LeftButton, {},
+                    QPoint(TimelineCanvas::leftInset + 240, static_cast<int>(TimelineCanvasGeometry::ruler.top)));
+  QTest::keyClick(window.get(), Qt::Key_S);  // at 4 s
+  const EditTimeline split = window->session().timeline();
+  ASSERT_EQ(split.segments.size(), 2u);
+  // "Hello" dragged half a second later.
+  const QPoint grab(TimelineCanvas::leftInset + 90, static_cast<int>(TimelineCanvasGeometry::captions.top + 8));
+  QTest::mousePress(&window->timelineCanvas(), Qt::LeftButton, {}, grab);
+  QTest::mouseMove(&window->timelineCanvas(), grab + QPoint(30, 0));
+  QTest::mouseRelease(&window->timelineCanvas(), Qt::LeftButton, {}, grab + QPoint(30, 0));
+  const std::vector<CaptionCue> moved = window->captionSession()->document().cues;
+  ASSERT_EQ(moved[0].start, ProjectTime::fromMilliseconds(1'500));
+  EXPECT_FALSE(window->savesSettled());
+
+  bool finished = false;
+  window->finishSaves([&] { finished = true; });
+  ASSERT_TRUE(turnUntil([&] { return finished; }));
+  EXPECT_TRUE(window->savesSettled());
+  window.reset();
+  EXPECT_EQ(onDisk(), split);
+  EXPECT_EQ(cuesOnDisk(), moved);
+}
+
 TEST_F(EditorWindowTest, ADamagedFilmShowsAnErrorAndTheEditorGoesOn) {
   writeFileAtomically(package.mediaPath(), std::string(4096, '\x5a'));
   auto window = open();
