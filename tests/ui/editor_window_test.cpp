@@ -198,6 +198,16 @@ TEST_F(EditorWindowTest, ArrowsStepOneFrameAndThePlainKeysBelongToTheTimeline) {
   QTest::keyClick(window.get(), Qt::Key_Left);
   EXPECT_EQ(window->player().currentTime(), ProjectTime{0}) << "never before the start";
 
+  // Space plays and pauses, where the preview engine runs on this machine; the button follows.
+  if (!window->player().errorText()) {
+    QTest::keyClick(window.get(), Qt::Key_Space);
+    EXPECT_TRUE(window->player().isPlaying());
+    EXPECT_NE(buttonNamed(*window, "Pause"), nullptr);
+    QTest::keyClick(window.get(), Qt::Key_Space);
+    EXPECT_FALSE(window->player().isPlaying());
+    EXPECT_NE(buttonNamed(*window, "Play"), nullptr);
+  }
+
   // In an inspector the keys are the control's own: Space ticks the box that has the focus.
   auto* tabs = window->findChild<QTabWidget*>();
   ASSERT_NE(tabs, nullptr);
