@@ -115,6 +115,8 @@ std::optional<std::int64_t> TimelineCanvas::pointerSourceTime(double x) const {
 
 void TimelineCanvas::mousePressEvent(QMouseEvent* event) {
   if (event->button() != Qt::LeftButton) return QWidget::mousePressEvent(event);
+  // An edit a moment ago may not have reached the views yet: hit what is there now.
+  refresh();
   const QPointF at = event->position();
   const TimelineCanvasHit hit = layout_.hitTest(geometry_, at.x(), at.y());
   auto drag = std::make_unique<Drag>();

@@ -154,6 +154,10 @@ TEST_F(EditorWindowTest, SplitAtThePlayheadThenTrimAHandleThenUndoAndTheDiskFoll
   ASSERT_EQ(window->session().timeline().segments.size(), 2u);
   const TimelineSegment first = window->session().timeline().segments[0];
   EXPECT_EQ(first.sourceRange.end(), ProjectTime::fromMilliseconds(6'000));
+  // A click straight after the split, before the views have caught up, hits the new clip.
+  QTest::mouseClick(&canvas, Qt::LeftButton, {}, QPoint(x(8'000), clipY));
+  EXPECT_EQ(window->session().selectedSegmentID(), window->session().timeline().segments[1].id);
+  QTest::mouseClick(&canvas, Qt::LeftButton, {}, QPoint(x(6'000), rulerY));
   ASSERT_TRUE(turnUntil([&] { return diskFollows(*window); }));
   const EditTimeline afterSplit = onDisk();
 
