@@ -224,14 +224,16 @@ void EditorWindow::buildViews() {
   messageLabel_->hide();
   root->addWidget(messageLabel_);
 
+  // The picture and the inspectors side by side; the toolbar and the timeline below them across
+  // the whole width, so a recording of some length fits at the standard scale.
   auto* splitter = new QSplitter(Qt::Horizontal, this);
   root->addWidget(splitter, 1);
+  playerView_ = new PlayerView(*player_, splitter);
 
-  auto* editing = new QWidget(splitter);
+  auto* editing = new QWidget(this);
   auto* column = new QVBoxLayout(editing);
   column->setContentsMargins(0, 0, 0, 0);
-  playerView_ = new PlayerView(*player_, editing);
-  column->addWidget(playerView_, 1);
+  root->addWidget(editing);
 
   auto* toolbar = new QHBoxLayout();
   playButton_ = toolButton("Play", editing);
@@ -260,6 +262,9 @@ void EditorWindow::buildViews() {
 
   inspectorTabs_ = new QTabWidget(splitter);
   inspectorTabs_->setAccessibleName("Inspectors");
+  // Every tab in sight: none hides behind a scroll arrow or shows half its name.
+  inspectorTabs_->setUsesScrollButtons(false);
+  inspectorTabs_->setDocumentMode(true);
   inspectors_ = new InspectorPanels(
       InspectorPanels::Context{
           .session = *session_,
@@ -272,10 +277,10 @@ void EditorWindow::buildViews() {
       inspectorTabs_);
   agentPanel_ = new AgentPanel(snapshot_.manifest.id.string(), inspectorTabs_);
   inspectorTabs_->addTab(agentPanel_, "Agent");
-  splitter->addWidget(editing);
+  splitter->addWidget(playerView_);
   splitter->addWidget(inspectorTabs_);
-  splitter->setStretchFactor(0, 3);
-  splitter->setStretchFactor(1, 1);
+  splitter->setStretchFactor(0, 1);
+  splitter->setStretchFactor(1, 0);
 }
 
 void EditorWindow::bindKeys() {
