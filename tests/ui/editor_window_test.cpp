@@ -519,6 +519,62 @@ TEST_F(EditorWindowTest, ClosingRightAfterEditsKeepsThemOnDisk) {
   EXPECT_EQ(cuesOnDisk(), moved);
 }
 
+// A player of the test's own, to see what the window tells a player.
+class RecordingPlayer final : public EditorPlayer {
+ public:
+  struct Log {
+    int loads = 0;
+    std::vector<EditTimeline> applied;
+    std::optional<PixelSize> viewSize;
+  };
+  explicit RecordingPlayer(Log& log) : log_(log) {}
+  void setObserver(Observer observer) override { observer_ = std::move(observer); }
+  void load(const ProjectSnapshot&) override { ++log_.loads; }
+  void applyTimeline(const EditTimeline& timeline) override { log_.applied.push_back(timeline); }
+  void setViewSize(PixelSize size) override { log_.viewSize = size; }
+  void play() override {}
+  void pause() override {}
+  void togglePlayback() override {}
+  void seek(ProjectTime time) override { time_ = time; }
+  void skim(ProjectTime) override {}
+  void endSkim() override {}
+  void stepFrames(int) override {}
+  ProjectTime currentTime() const override { return time_; }
+  std::optional<ProjectTime> skimTime() const override { return std::nullopt; }
+  ProjectTime duration() const override { return ProjectTime::fromMilliseconds(12'000); }
+  bool isPlaying() const override { return false; }
+  std::optional<EditorPlayerFrame> currentFrame() const override { return std::nullopt; }
+  std::optional<std::string> errorText() const override { return std::nullopt; }
+
+ private:
+  Log& log_;
+  Observer observer_;
+  ProjectTime time_;
+};
+
+// The player hears of a burst of edits once, with the latest timeline, and always knows the size
+// of the picture's area in device pixels.
+TEST_F(EditorWindowTest, ThePlayerGetsTheLatestTimelineOfABurstAndTheViewsSizeInDevicePixels) {
+  RecordingPlayer::Log log;
+  auto window = open(std::make_unique<RecordingPlayer>(log));
+  EXPECT_EQ(log.loads, 1);
+  ASSERT_TRUE(turnUntil([&] { return log.viewSize.has_value(); }));
+  const QWidget& view = window->playerView();
+  const double ratio = view.devicePixelRatioF();
+  EXPECT_EQ(*log.viewSize, (PixelSize{std::lround(view.width() * ratio), std::lround(view.height() * ratio)}));
+  window->resize(1000, 700);
+  ASSERT_TRUE(turnUntil([&] { return log.viewSize->width == std::lround(view.width() * ratio); }));
+
+  for (std::int64_t at : {3'000, 6'000, 9'000}) {
+    window->player().seek(ProjectTime::fromMilliseconds(at));
+    window->splitAtPlayhead();
+  }
+  ASSERT_EQ(window->session().timeline().segments.size(), 4u);
+  ASSERT_TRUE(turnUntil([&] { return diskFollows(*window); }));
+  ASSERT_EQ(log.applied.size(), 1u) << "three edits within one turn of the loop";
+  EXPECT_EQ(log.applied.back(), window->session().timeline());
+}
+
 TEST_F(EditorWindowTest, ADamagedFilmShowsAnErrorAndTheEditorGoesOn) {
   writeFileAtomically(package.mediaPath(), std::string(4096, '\x5a'));
   auto window = open();
