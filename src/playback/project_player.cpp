@@ -108,10 +108,33 @@ struct ProjectPlayer::Worker {
   // The run whose sound the output plays, once it has started.
   std::atomic<std::uint64_t> audioRun{noGeneration};
 
-  bool outputBroken = false;  // the worker's own
+  // Set by the feeder when the output failed: it is not used again.
+  std::atomic<bool> outputBroken{false};
+
+  // The feeder thread keeps the output topped up from the reader of the current run, so that a
+  // frame that takes long to draw never starves the speaker. It alone touches the output (start,
+  // write, stop), so no sound of an earlier run can reach a later one.
+  struct Feed {
+    std::unique_ptr<PreviewAudioReading> reader;  // none: silence
+    ProjectTime from;
+    std::uint64_t run = noGeneration;
+  };
+  std::mutex feedMutex;
+  std::condition_variable feedWake;
+  std::optional<Feed> pendingFeed;  // guarded by feedMutex
+  bool feederQuit = false;          // guarded by feedMutex
 
   std::stop_source stop;
   std::jthread thread;
+  std::jthread feeder;
+
+  void assignFeed(Feed feed) {
+    {
+      std::lock_guard lock(feedMutex);
+      pendingFeed = std::move(feed);
+    }
+    feedWake.notify_all();
+  }
 
   // Runs `work` on the main loop if the player still exists then.
   void post(std::function<void(ProjectPlayer&)> work) {
@@ -139,18 +162,75 @@ struct ProjectPlayer::Worker {
   }
 
   void runLoop();
+  void feedLoop();
 };
 
-void ProjectPlayer::Worker::runLoop() {
+void ProjectPlayer::Worker::feedLoop() {
   std::unique_ptr<PreviewAudioReading> reader;
+  bool running = false;  // the output plays a run
+  bool ended = false;    // its reader has nothing more
+  std::vector<float> samples(static_cast<std::size_t>(audioChunkFrames * PlaybackAudioOutput::channelCount));
+  std::unique_lock lock(feedMutex);
+  while (!feederQuit) {
+    if (pendingFeed) {
+      Feed feed = std::move(*pendingFeed);
+      pendingFeed.reset();
+      lock.unlock();
+      audioRun = noGeneration;
+      if (running) audio->stop();
+      running = false;
+      ended = false;
+      reader = std::move(feed.reader);
+      if (reader && !outputBroken) {
+        try {
+          audio->start(feed.from);
+          running = true;
+          audioRun = feed.run;
+        } catch (...) {
+          reportSoundFailure(std::current_exception());
+        }
+      }
+      lock.lock();
+      continue;
+    }
+    if (running && !ended) {
+      lock.unlock();
+      try {
+        // Whatever the output takes, however little: a sound server asks for more only once what
+        // it asked for has come.
+        for (std::int64_t writable; (writable = audio->writableFrames()) > 0;) {
+          const auto frames = static_cast<std::size_t>(std::min(writable, audioChunkFrames));
+          const std::int64_t count =
+              reader->read(std::span<float>(samples).first(frames * PlaybackAudioOutput::channelCount));
+          if (count == 0) {
+            ended = true;
+            break;
+          }
+          audio->write(std::span<const float>(samples).first(static_cast<std::size_t>(count) *
+                                                             PlaybackAudioOutput::channelCount));
+        }
+      } catch (...) {
+        ended = true;
+        audioRun = noGeneration;
+        reportSoundFailure(std::current_exception());
+      }
+      lock.lock();
+      feedWake.wait_for(lock, playingPoll, [this] { return feederQuit || pendingFeed.has_value(); });
+      continue;
+    }
+    feedWake.wait(lock, [this] { return feederQuit || pendingFeed.has_value(); });
+  }
+  lock.unlock();
+  reader.reset();
+  if (running) audio->stop();
+}
+
+void ProjectPlayer::Worker::runLoop() {
   std::uint64_t audioStartedRun = noGeneration;  // the run whose sound was opened, even if it had none
-  bool audioRunning = false;
-  bool audioEnded = false;
   std::uint64_t failedGeneration = noGeneration;
   std::uint64_t drawingGeneration = noGeneration;
   ProjectTime nextTime;
   auto renderEstimate = SteadyClock::duration::zero();
-  std::vector<float> samples(static_cast<std::size_t>(audioChunkFrames * PlaybackAudioOutput::channelCount));
 
   std::unique_lock lock(mutex);
   while (!quit) {
@@ -182,58 +262,27 @@ void ProjectPlayer::Worker::runLoop() {
       continue;
     }
 
-    // The sound follows the run: stopped when the run it plays is over, opened for a new one.
+    // The sound follows the run: stopped when the run it plays is over, opened for a new one (the
+    // engine is used from this thread only; its reader then goes to the feeder).
     if (audioStartedRun != noGeneration && (!playing || audioStartedRun != run)) {
       audioStartedRun = noGeneration;
-      audioRun = noGeneration;
-      const bool wasRunning = std::exchange(audioRunning, false);
-      lock.unlock();
-      reader.reset();
-      if (wasRunning) audio->stop();
-      lock.lock();
+      assignFeed({});
       continue;
     }
     if (playing && audio && !outputBroken && audioStartedRun == noGeneration && failedGeneration != generation) {
       const std::uint64_t startedRun = run;
       const ProjectTime from = playFrom;
       audioStartedRun = startedRun;
-      audioEnded = false;
       lock.unlock();
+      std::unique_ptr<PreviewAudioReading> reader;
       try {
         reader = engine->openAudio(from);
-        if (reader) {
-          audio->start(from);
-          audioRunning = true;
-          audioRun = startedRun;
-        }
       } catch (...) {
         reportSoundFailure(std::current_exception());
       }
+      if (reader) assignFeed({std::move(reader), from, startedRun});
       lock.lock();
       continue;
-    }
-    if (audioRunning && !audioEnded) {
-      lock.unlock();
-      try {
-        // Whatever the output takes, however little: a sound server asks for more only once what
-        // it asked for has come.
-        for (std::int64_t writable; (writable = audio->writableFrames()) > 0;) {
-          const auto frames = static_cast<std::size_t>(std::min(writable, audioChunkFrames));
-          const std::int64_t count =
-              reader->read(std::span<float>(samples).first(frames * PlaybackAudioOutput::channelCount));
-          if (count == 0) {
-            audioEnded = true;
-            break;
-          }
-          audio->write(std::span<const float>(samples).first(static_cast<std::size_t>(count) *
-                                                             PlaybackAudioOutput::channelCount));
-        }
-      } catch (...) {
-        audioEnded = true;
-        audioRun = noGeneration;
-        reportSoundFailure(std::current_exception());
-      }
-      lock.lock();
     }
 
     if (playing && failedGeneration != generation) {
@@ -298,9 +347,6 @@ void ProjectPlayer::Worker::runLoop() {
       wake.wait(lock);
     }
   }
-  lock.unlock();
-  reader.reset();
-  if (audioRunning) audio->stop();
 }
 
 ProjectPlayer::ProjectPlayer(MainLoop& loop, std::shared_ptr<ProjectPreviewing> engine,
@@ -308,6 +354,7 @@ ProjectPlayer::ProjectPlayer(MainLoop& loop, std::shared_ptr<ProjectPreviewing> 
     : loop_(loop), observer_(std::move(observer)), alive_(std::make_shared<bool>(true)) {
   worker_ = std::make_unique<Worker>(loop, std::move(engine), std::move(audio), alive_, *this);
   worker_->thread = std::jthread([worker = worker_.get()] { worker->runLoop(); });
+  if (worker_->audio) worker_->feeder = std::jthread([worker = worker_.get()] { worker->feedLoop(); });
 }
 
 ProjectPlayer::~ProjectPlayer() {
@@ -320,6 +367,14 @@ ProjectPlayer::~ProjectPlayer() {
   worker_->stop.request_stop();
   worker_->wake.notify_all();
   worker_->thread.join();
+  if (worker_->feeder.joinable()) {
+    {
+      std::lock_guard lock(worker_->feedMutex);
+      worker_->feederQuit = true;
+    }
+    worker_->feedWake.notify_all();
+    worker_->feeder.join();
+  }
 }
 
 void ProjectPlayer::load(const ProjectSnapshot& snapshot) {

@@ -2,11 +2,11 @@
 // The editor's player: plays, skims and steps the edit with its sound. Frames come from the media
 // engine (ProjectPreviewing: the same frame source, evaluator and renderer as `frame` and the
 // exported film), drawn on a worker thread of the player's own at the view's size in device
-// pixels, a few frames ahead of the clock. The main loop hears of new frames and state through the
-// observer. While sound plays, the clock is the time the speaker is heard at (PlaybackAudioOutput
-// subtracts what is still queued), so picture and sound stay together whatever the renderer's
-// speed; a frame that would come late is skipped instead. Without sound the clock is the main
-// loop's.
+// pixels, a few frames ahead of the clock; a second thread keeps the sound output fed. The main
+// loop hears of new frames and state through the observer. While sound plays, the clock is the
+// time the speaker is heard at (PlaybackAudioOutput subtracts what is still queued), so picture
+// and sound stay together whatever the renderer's speed; a frame that would come late is skipped
+// instead. Without sound the clock is the main loop's.
 //
 // Everything here is called on the main loop's thread, and the observer is called there too,
 // never inside one of these calls. Failures of the engine (a movie that no longer decodes) stop

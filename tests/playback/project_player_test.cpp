@@ -151,7 +151,9 @@ class ProjectPlayerTest : public ::testing::Test {
       const bool framesDone = !player_->isPlaying() || player_->framesQueued() == ProjectPlayer::framesAhead ||
                               (player_->currentTime() + ms(100) >= ProjectPlayer::lastFrameTime(player_->duration()) &&
                                engine_->lastRender() == ProjectPlayer::lastFrameTime(player_->duration()));
-      const bool soundDone = sound_ == nullptr || !player_->isPlaying() || sound_->writableFrames() == 0 ||
+      // The run has started and the output is full (until the sound's end is near).
+      const bool soundDone = sound_ == nullptr || !player_->isPlaying() ||
+                             (sound_->playedTime() && sound_->writableFrames() == 0) ||
                              player_->currentTime() + ms(300) >= player_->duration();
       return framesDone && soundDone;
     });
@@ -403,6 +405,7 @@ TEST_F(ProjectPlayerTest, WithSoundThePictureFollowsWhatIsHeard) {
 
   // A jump starts the sound over from the new position; a pause silences it.
   player_->seek(ms(5'000));
+  ASSERT_TRUE(turnUntil([this] { return sound_->playedTime() >= ms(5'000); }));
   play(100ms);
   EXPECT_EQ(engine_->audioOpens, 2);
   EXPECT_NEAR(double(player_->currentTime().nanoseconds), 5'200e6, 10e6);
@@ -435,6 +438,7 @@ TEST_F(ProjectPlayerTest, WhenTheSoundFailsThePictureGoesOnAndTheFailureIsToldOn
   player_ = std::make_unique<ProjectPlayer>(loop_, engine_, std::make_unique<VanishingOutput>(), observer);
   loadAndShowFirstFrame();
   player_->play();
+  ASSERT_TRUE(turnUntil([this] { return !failures_.empty(); }));
   play(200ms);
   EXPECT_TRUE(player_->isPlaying());
   EXPECT_FALSE(player_->errorText());
