@@ -367,6 +367,8 @@ void EditorWindow::stepFrames(int frames) {
   playerStateChanged();
 }
 
+void EditorWindow::importWallpaper(const std::filesystem::path& file) { inspectors_->importWallpaper(file); }
+
 void EditorWindow::deleteSelection() {
   if (session_->selectedSegmentID()) {
     session_->rippleDeleteSelection();

@@ -7,6 +7,7 @@
 
 #include <QWidget>
 #include <chrono>
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -81,6 +82,8 @@ class EditorWindow : public QWidget {
   void redo();
   void stepFrames(int frames);
   void deleteSelection();
+  // The canvas inspector's wallpaper import with `file` as chosen in its dialog.
+  void importWallpaper(const std::filesystem::path& file);
 
  signals:
   void exportRequested();

@@ -3,6 +3,8 @@
 #include <fmt/core.h>
 
 #include <QCheckBox>
+#include <QColor>
+#include <QColorDialog>
 #include <QComboBox>
 #include <QDoubleSpinBox>
 #include <QFileDialog>
@@ -11,8 +13,10 @@
 #include <QLineEdit>
 #include <QPushButton>
 #include <QSignalBlocker>
+#include <QSpinBox>
 #include <QTabWidget>
 #include <QVBoxLayout>
+#include <cmath>
 #include <optional>
 
 #include "captions/caption_document.h"
@@ -186,8 +190,9 @@ class CanvasPanel final : public Panel {
     form->addRow(wallpaper_);
     auto* import = button(QString::fromUtf8("Import Wallpaper\u2026"), this);
     connect(import, &QPushButton::clicked, this, [this] {
-      const QString file = QFileDialog::getOpenFileName(this, "Import Wallpaper", QString(),
-                                                        "Pictures (*.png *.jpg *.jpeg *.webp *.bmp *.gif)");
+      const QString file = QFileDialog::getOpenFileName(
+          this, "Import Wallpaper", QString(),
+          "Pictures and videos (*.png *.jpg *.jpeg *.webp *.bmp *.gif *.mp4 *.mov *.m4v *.mkv *.webm);;All files (*)");
       if (!file.isEmpty()) importWallpaper(file.toStdString());
     });
     form->addRow(import);
@@ -200,10 +205,10 @@ class CanvasPanel final : public Panel {
     form->addRow(remove);
   }
 
-  void importWallpaper(const std::string& file) {
+  void importWallpaper(const std::filesystem::path& file) {
     try {
       CanvasEdit canvas = session.timeline().canvas;
-      canvas.image = importCanvasBackgroundImage(context.store, ProjectPackage{context.snapshot.packagePath}, file);
+      canvas.image = importCanvasBackground(context.store, ProjectPackage{context.snapshot.packagePath}, file);
       session.updateCanvas(canvas);
     } catch (const Error& error) {
       context.showFailure(error.what());
@@ -218,10 +223,17 @@ class CanvasPanel final : public Panel {
     const QSignalBlocker blockPadding(padding_), blockRadius(radius_);
     padding_->setValue(canvas.padding);
     radius_->setValue(canvas.cornerRadius);
-    wallpaper_->setText(
-        canvas.image
-            ? QString("Wallpaper: %1 \u00D7 %2").arg(canvas.image->pixelSize.width).arg(canvas.image->pixelSize.height)
-            : QString("No wallpaper"));
+    if (!canvas.image) {
+      wallpaper_->setText("No wallpaper");
+    } else {
+      const CanvasBackgroundImage& image = *canvas.image;
+      QString text = QString(image.mediaKind == CanvasBackgroundMediaKind::video ? "Video wallpaper: %1 \u00D7 %2"
+                                                                                 : "Wallpaper: %1 \u00D7 %2")
+                         .arg(image.pixelSize.width)
+                         .arg(image.pixelSize.height);
+      if (image.duration) text += QString(", %1 s").arg(*image.duration, 0, 'f', 1);
+      wallpaper_->setText(text);
+    }
   }
 
  private:
@@ -238,14 +250,18 @@ class CursorPanel final : public Panel {
   explicit CursorPanel(InspectorPanels::Context& context) : Panel(context) {
     auto* form = new QFormLayout(this);
     visible_ = row(form, "Show cursor", new QCheckBox());
-    connect(visible_, &QCheckBox::toggled, this, [this](bool on) { set("cursor.show", on ? "true" : "false"); });
+    connect(visible_, &QCheckBox::toggled, this, [this](bool on) { edit([on](CursorEdit& c) { c.isVisible = on; }); });
     size_ = row(form, "Size", spin(0.5, 3.0, 0.1, 2));
-    connect(size_, &QDoubleSpinBox::valueChanged, this, [this](double value) { set("cursor.scale", number(value)); });
+    connect(size_, &QDoubleSpinBox::valueChanged, this,
+            [this](double value) { edit([value](CursorEdit& c) { c.scale = value; }); });
     clicks_ = row(form, "Show clicks", new QCheckBox());
-    connect(clicks_, &QCheckBox::toggled, this, [this](bool on) { set("cursor.click-ripple", on ? "true" : "false"); });
+    connect(clicks_, &QCheckBox::toggled, this,
+            [this](bool on) { edit([on](CursorEdit& c) { c.showsClickEffect = on; }); });
     style_ = row(form, "Click effect", enumCombo<ClickEffectStyle>());
-    connect(style_, &QComboBox::activated, this,
-            [this] { set("cursor.click-style", style_->currentData().toString().toStdString()); });
+    connect(style_, &QComboBox::activated, this, [this] {
+      if (auto style = parseName<ClickEffectStyle>(style_->currentData().toString().toStdString()))
+        edit([style](CursorEdit& c) { c.clickEffectStyle = *style; });
+    });
   }
 
   void refresh() override {
@@ -258,6 +274,14 @@ class CursorPanel final : public Panel {
   }
 
  private:
+  // One field changed, the others as the timeline holds them (not as the controls round them).
+  template <class Change>
+  void edit(Change change) {
+    CursorEdit cursor = session.timeline().cursor;
+    change(cursor);
+    session.updateCursor(cursor);
+  }
+
   QCheckBox* visible_;
   QDoubleSpinBox* size_;
   QCheckBox* clicks_;
@@ -317,28 +341,45 @@ class CameraPanel final : public Panel {
   QCheckBox* shadow_;
 };
 
-// The catalogue and the frame the timeline holds. Choosing a frame needs an operation of the
-// editing session that does not exist yet, so the tab shows and does not change.
+// The frames of the catalogue that suit the recording's shape, and how the recording fills the
+// frame's screen. A frame the timeline holds that does not suit (an agent may have chosen it) is
+// still listed, so that the picker never shows another than the one in use.
 class DeviceFramePanel final : public Panel {
  public:
   explicit DeviceFramePanel(InspectorPanels::Context& context) : Panel(context) {
-    auto* layout = new QVBoxLayout(this);
-    current_ = new QLabel(this);
-    current_->setWordWrap(true);
-    layout->addWidget(current_);
+    auto* form = new QFormLayout(this);
+    frame_ = row(form, "Device frame", new QComboBox());
+    frame_->addItem("None", QString());
+    connect(frame_, &QComboBox::activated, this, [this] {
+      const std::string assetID = frame_->currentData().toString().toStdString();
+      if (assetID.empty()) {
+        session.updateDeviceFrame(std::nullopt);
+        return;
+      }
+      const auto& current = session.timeline().deviceFrame;
+      session.updateDeviceFrame(
+          DeviceFrameEdit{true, assetID, current ? current->contentMode : DeviceFrameContentMode::fit});
+    });
+    mode_ = row(form, "Content mode", enumCombo<DeviceFrameContentMode>());
+    connect(mode_, &QComboBox::activated, this, [this] {
+      const auto mode = parseName<DeviceFrameContentMode>(mode_->currentData().toString().toStdString());
+      auto frame = session.timeline().deviceFrame;
+      if (!mode || !frame) return;
+      frame->contentMode = *mode;
+      session.updateDeviceFrame(frame);
+    });
     devices_ = new QLabel(this);
     devices_->setWordWrap(true);
-    layout->addWidget(devices_);
-    layout->addStretch(1);
+    form->addRow(devices_);
     try {
       const DeviceFrameCatalog& catalog = DeviceFrameCatalog::bundled();
       const PixelSize source = context.snapshot.manifest.encodedPixelSize;
-      QStringList names;
-      for (const DeviceFrameDescriptor& device :
-           catalog.compatibleDevices(SizeValue{static_cast<double>(source.width), static_cast<double>(source.height)}))
-        names << QString::fromStdString(device.name);
-      devices_->setText(names.isEmpty() ? "No device frame fits this recording's shape."
-                                        : "Frames that fit this recording: " + names.join(", "));
+      const auto fitting =
+          catalog.compatibleDevices(SizeValue{static_cast<double>(source.width), static_cast<double>(source.height)});
+      for (const DeviceFrameDescriptor& device : fitting)
+        for (const DeviceFrameVariant& variant : device.variants)
+          frame_->addItem(itemName(device, variant), QString::fromStdString(variant.id));
+      if (fitting.empty()) devices_->setText("No device frame fits this recording's shape.");
     } catch (const Error& error) {
       devices_->setText(QString::fromStdString(error.what()));
     }
@@ -346,12 +387,32 @@ class DeviceFramePanel final : public Panel {
 
   void refresh() override {
     const auto& frame = session.timeline().deviceFrame;
-    current_->setText(frame && frame->isEnabled ? "Device frame: " + QString::fromStdString(frame->assetID)
-                                                : QString("No device frame"));
+    const bool shown = frame && frame->isEnabled;
+    const QSignalBlocker a(frame_), b(mode_);
+    if (shown && frame_->findData(QString::fromStdString(frame->assetID)) < 0) addUnlisted(frame->assetID);
+    frame_->setCurrentIndex(shown ? frame_->findData(QString::fromStdString(frame->assetID)) : 0);
+    mode_->setEnabled(shown);
+    showChoice(mode_, frame ? frame->contentMode : DeviceFrameContentMode::fit);
   }
 
  private:
-  QLabel* current_;
+  static QString itemName(const DeviceFrameDescriptor& device, const DeviceFrameVariant& variant) {
+    return device.variants.size() > 1 ? QString::fromStdString(device.name + " \u2014 " + variant.name)
+                                      : QString::fromStdString(device.name);
+  }
+
+  void addUnlisted(const std::string& assetID) {
+    QString name = QString::fromStdString(assetID);
+    try {
+      if (auto selection = DeviceFrameCatalog::bundled().descriptor(assetID))
+        name = itemName(selection->descriptor, selection->variant);
+    } catch (const Error&) {
+    }
+    frame_->addItem(name, QString::fromStdString(assetID));
+  }
+
+  QComboBox* frame_;
+  QComboBox* mode_;
   QLabel* devices_;
 };
 
@@ -392,9 +453,24 @@ class CaptionPanel final : public Panel {
       this->context.edited();
     });
     form->addRow(remove);
-    style_ = new QLabel(this);
-    style_->setWordWrap(true);
-    form->addRow(style_);
+    shown_ = row(form, "Show captions", new QCheckBox());
+    connect(shown_, &QCheckBox::toggled, this, [this](bool on) { edit([on](CaptionStyle& s) { s.isEnabled = on; }); });
+    lines_ = row(form, "Lines", new QSpinBox());
+    lines_->setRange(1, 2);
+    lines_->setKeyboardTracking(false);
+    connect(lines_, &QSpinBox::valueChanged, this,
+            [this](int value) { edit([value](CaptionStyle& s) { s.maximumLines = value; }); });
+    appearance_ = row(form, "Caption look", enumCombo<CaptionAppearance>());
+    connect(appearance_, &QComboBox::activated, this, [this] {
+      if (auto look = parseName<CaptionAppearance>(appearance_->currentData().toString().toStdString()))
+        edit([look](CaptionStyle& s) { s.appearance = *look; });
+    });
+    fontScale_ = row(form, "Text size", spin(0.6, 1.2, 0.05, 2));
+    connect(fontScale_, &QDoubleSpinBox::valueChanged, this,
+            [this](double value) { edit([value](CaptionStyle& s) { s.fontScale = value; }); });
+    bottom_ = row(form, "Distance from bottom", spin(0, 1, 0.01, 2));
+    connect(bottom_, &QDoubleSpinBox::valueChanged, this,
+            [this](double value) { edit([value](CaptionStyle& s) { s.bottomPosition = value; }); });
   }
 
   void refresh() override {
@@ -411,25 +487,40 @@ class CaptionPanel final : public Panel {
       text_->setText(cue ? QString::fromStdString(cue->text) : QString());
       shownCue_ = cue ? std::optional(cue->id) : std::nullopt;
     }
-    if (captions) {
-      const CaptionStyle& style = captions->document().style;
-      style_->setText(QString("Style: %1, %2 lines, size %3, %4 from the bottom")
-                          .arg(qs(nameOf(style.appearance)))
-                          .arg(style.maximumLines)
-                          .arg(style.fontScale)
-                          .arg(style.bottomPosition));
-    } else {
-      style_->clear();
-    }
+    for (QWidget* control : std::initializer_list<QWidget*>{shown_, lines_, appearance_, fontScale_, bottom_})
+      control->setEnabled(captions != nullptr);
+    const CaptionStyle style = captions ? captions->document().style : CaptionStyle::defaults();
+    const QSignalBlocker a(shown_), b(lines_), c(fontScale_), d(bottom_);
+    shown_->setChecked(style.isEnabled);
+    lines_->setValue(static_cast<int>(style.maximumLines));
+    showChoice(appearance_, style.appearance);
+    fontScale_->setValue(style.fontScale);
+    bottom_->setValue(style.bottomPosition);
   }
 
  private:
+  template <class Change>
+  void edit(Change change) {
+    CaptionEditingSession* captions = context.captions();
+    if (captions == nullptr) return;
+    CaptionStyle style = captions->document().style;
+    change(style);
+    captions->updateStyle(style);
+    context.edited();
+  }
+
   QLabel* status_;
   QLineEdit* text_;
-  QLabel* style_;
+  QCheckBox* shown_;
+  QSpinBox* lines_;
+  QComboBox* appearance_;
+  QDoubleSpinBox* fontScale_;
+  QDoubleSpinBox* bottom_;
   std::optional<Uuid> shownCue_;
 };
 
+// The selected annotation's place in the frame (an arrow's: the box around its two points) and
+// its look; the kind and the text as before.
 class AnnotationPanel final : public Panel {
  public:
   explicit AnnotationPanel(InspectorPanels::Context& context) : Panel(context) {
@@ -452,6 +543,47 @@ class AnnotationPanel final : public Panel {
     connect(text_, &QLineEdit::editingFinished, this, [this] {
       if (shownAnnotation_) session.updateAnnotationText(*shownAnnotation_, text_->text().toStdString());
     });
+
+    left_ = boundsRow(form, "Left", [](RectValue& r, double v) { r.x = v; });
+    top_ = boundsRow(form, "Top", [](RectValue& r, double v) { r.y = v; });
+    width_ = boundsRow(form, "Width", [](RectValue& r, double v) { r.width = v; });
+    height_ = boundsRow(form, "Height", [](RectValue& r, double v) { r.height = v; });
+
+    color_ = row(form, "Annotation colour", new QLineEdit());
+    color_->setPlaceholderText("#rrggbb");
+    connect(color_, &QLineEdit::editingFinished, this, [this] {
+      const QColor color(color_->text().trimmed());
+      if (color.isValid()) setColor(color);
+    });
+    auto* choose = button(QString::fromUtf8("Choose Colour\u2026"), this);
+    connect(choose, &QPushButton::clicked, this, [this] {
+      const AnnotationElement* selected = selectedAnnotation();
+      if (selected == nullptr) return;
+      const QColor color = QColorDialog::getColor(qColor(selected->color), this, "Annotation Colour");
+      if (color.isValid()) setColor(color);
+    });
+    form->addRow(choose);
+    lineWidth_ = styleSpin(form, "Line width", spin(0.001, 0.05, 0.001, 3),
+                           [](AnnotationStyleEdit& s, double v) { s.lineWidth = v; });
+    corner_ = styleSpin(form, "Annotation corner radius", spin(0, 1, 0.05, 2),
+                        [](AnnotationStyleEdit& s, double v) { s.cornerRadius = v; });
+    filled_ = styleBox(form, "Filled", [](AnnotationStyleEdit& s, bool on) { s.isFilled = on; });
+    dims_ = styleBox(form, "Dim outside", [](AnnotationStyleEdit& s, bool on) { s.dimsOutside = on; });
+    locks_ = styleBox(form, "Keep aspect ratio", [](AnnotationStyleEdit& s, bool on) { s.locksAspectRatio = on; });
+    fontSize_ = styleSpin(form, "Font size", spin(12, 240, 2, 0), [](AnnotationStyleEdit& s, double v) {
+      if (s.textStyle) s.textStyle->fontSize = v;
+    });
+    outline_ = styleBox(form, "Outline", [](AnnotationStyleEdit& s, bool on) {
+      if (s.textStyle) s.textStyle->hasOutline = on;
+    });
+    outlineColor_ = row(form, "Outline colour", enumCombo<TextAnnotationOutlineColor>());
+    connect(outlineColor_, &QComboBox::activated, this, [this] {
+      if (auto color = parseName<TextAnnotationOutlineColor>(outlineColor_->currentData().toString().toStdString()))
+        editStyle([color](AnnotationStyleEdit& s) {
+          if (s.textStyle) s.textStyle->outlineColor = *color;
+        });
+    });
+
     auto* remove = button("Remove Annotation", this);
     connect(remove, &QPushButton::clicked, this, [this] { session.removeSelectedAnnotation(); });
     form->addRow(remove);
@@ -459,9 +591,7 @@ class AnnotationPanel final : public Panel {
 
   void refresh() override {
     showChoice(tool_, session.annotationTool());
-    const AnnotationElement* selected = nullptr;
-    for (const AnnotationElement& annotation : session.timeline().annotations)
-      if (session.selectedAnnotationID() == annotation.id) selected = &annotation;
+    const AnnotationElement* selected = selectedAnnotation();
     const bool text = selected && selected->kind == AnnotationKind::text;
     text_->setEnabled(text);
     if (!text_->hasFocus()) {
@@ -469,11 +599,111 @@ class AnnotationPanel final : public Panel {
       text_->setText(text && selected->textStyle ? QString::fromStdString(selected->textStyle->content) : QString());
       shownAnnotation_ = text ? std::optional(selected->id) : std::nullopt;
     }
+    for (QWidget* control : std::initializer_list<QWidget*>{left_, top_, width_, height_, color_, lineWidth_, corner_,
+                                                            filled_, dims_, locks_})
+      control->setEnabled(selected != nullptr);
+    for (QWidget* control : std::initializer_list<QWidget*>{fontSize_, outline_, outlineColor_})
+      control->setEnabled(text);
+    if (selected == nullptr) return;
+    const RectValue box = boundsOf(*selected);
+    const QSignalBlocker a(left_), b(top_), c(width_), d(height_), e(lineWidth_), f(corner_), g(filled_), h(dims_),
+        i(locks_), j(fontSize_), k(outline_);
+    left_->setValue(box.x);
+    top_->setValue(box.y);
+    width_->setValue(box.width);
+    height_->setValue(box.height);
+    if (!color_->hasFocus()) {
+      const QSignalBlocker block(color_);
+      color_->setText(qColor(selected->color).name());
+    }
+    lineWidth_->setValue(selected->lineWidth);
+    corner_->setValue(selected->cornerRadius);
+    filled_->setChecked(selected->isFilled);
+    dims_->setChecked(selected->dimsOutside);
+    locks_->setChecked(selected->locksAspectRatio);
+    const TextAnnotationStyle textStyle = selected->textStyle.value_or(TextAnnotationStyle::defaultValue());
+    fontSize_->setValue(textStyle.fontSize);
+    outline_->setChecked(textStyle.hasOutline);
+    showChoice(outlineColor_, textStyle.outlineColor);
   }
 
  private:
+  const AnnotationElement* selectedAnnotation() const {
+    for (const AnnotationElement& annotation : session.timeline().annotations)
+      if (session.selectedAnnotationID() == annotation.id) return &annotation;
+    return nullptr;
+  }
+
+  static RectValue boundsOf(const AnnotationElement& annotation) {
+    if (annotation.bounds) return *annotation.bounds;
+    if (annotation.startPoint && annotation.endPoint) {
+      const PointValue& a = *annotation.startPoint;
+      const PointValue& b = *annotation.endPoint;
+      return RectValue{std::min(a.x, b.x), std::min(a.y, b.y), std::abs(b.x - a.x), std::abs(b.y - a.y)};
+    }
+    return RectValue{};
+  }
+
+  static QColor qColor(const CanvasColorValue& color) { return QColor::fromRgbF(color.red, color.green, color.blue); }
+
+  // One side of the place changed, the others as the timeline holds them.
+  template <class Change>
+  QDoubleSpinBox* boundsRow(QFormLayout* form, const QString& label, Change change) {
+    QDoubleSpinBox* box = row(form, label, spin(0, 1, 0.01, 3));
+    connect(box, &QDoubleSpinBox::valueChanged, this, [this, change](double value) {
+      const AnnotationElement* selected = selectedAnnotation();
+      if (selected == nullptr) return;
+      RectValue bounds = boundsOf(*selected);
+      change(bounds, value);
+      session.updateAnnotationBounds(selected->id, bounds);
+    });
+    return box;
+  }
+
+  template <class Change>
+  void editStyle(Change change) {
+    const AnnotationElement* selected = selectedAnnotation();
+    if (selected == nullptr) return;
+    AnnotationStyleEdit style = AnnotationStyleEdit::of(*selected);
+    change(style);
+    session.updateAnnotationStyle(selected->id, style);
+  }
+
+  template <class Change>
+  QDoubleSpinBox* styleSpin(QFormLayout* form, const QString& label, QDoubleSpinBox* box, Change change) {
+    row(form, label, box);
+    connect(box, &QDoubleSpinBox::valueChanged, this,
+            [this, change](double value) { editStyle([&](AnnotationStyleEdit& s) { change(s, value); }); });
+    return box;
+  }
+
+  template <class Change>
+  QCheckBox* styleBox(QFormLayout* form, const QString& label, Change change) {
+    QCheckBox* box = row(form, label, new QCheckBox());
+    connect(box, &QCheckBox::toggled, this,
+            [this, change](bool on) { editStyle([&](AnnotationStyleEdit& s) { change(s, on); }); });
+    return box;
+  }
+
+  void setColor(const QColor& color) {
+    editStyle([&](AnnotationStyleEdit& s) { s.color = CanvasColorValue{color.redF(), color.greenF(), color.blueF()}; });
+  }
+
   QComboBox* tool_;
   QLineEdit* text_;
+  QDoubleSpinBox* left_;
+  QDoubleSpinBox* top_;
+  QDoubleSpinBox* width_;
+  QDoubleSpinBox* height_;
+  QLineEdit* color_;
+  QDoubleSpinBox* lineWidth_;
+  QDoubleSpinBox* corner_;
+  QCheckBox* filled_;
+  QCheckBox* dims_;
+  QCheckBox* locks_;
+  QDoubleSpinBox* fontSize_;
+  QCheckBox* outline_;
+  QComboBox* outlineColor_;
   std::optional<Uuid> shownAnnotation_;
 };
 
@@ -489,7 +719,9 @@ InspectorPanels::InspectorPanels(Context context, QTabWidget* tabs) : QObject(ta
     panels_.push_back(panel);
   };
   add(new ClipPanel(*kept), "Clip");
-  add(new CanvasPanel(*kept), "Canvas");
+  auto* canvas = new CanvasPanel(*kept);
+  importWallpaper_ = [canvas](const std::filesystem::path& file) { canvas->importWallpaper(file); };
+  add(canvas, "Canvas");
   add(new CursorPanel(*kept), "Cursor");
   add(new CameraPanel(*kept), "Camera");
   add(new DeviceFramePanel(*kept), "Device Frame");
@@ -499,6 +731,8 @@ InspectorPanels::InspectorPanels(Context context, QTabWidget* tabs) : QObject(ta
 }
 
 InspectorPanels::~InspectorPanels() = default;
+
+void InspectorPanels::importWallpaper(const std::filesystem::path& file) { importWallpaper_(file); }
 
 void InspectorPanels::refresh() {
   for (Panel* panel : panels_) panel->refresh();

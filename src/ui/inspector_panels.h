@@ -6,6 +6,7 @@
 // step and reaches the disk through the session's ordered saves.
 
 #include <QObject>
+#include <filesystem>
 #include <functional>
 #include <string>
 #include <vector>
@@ -45,10 +46,15 @@ class InspectorPanels final : public QObject {
   // Shows the sessions' current state; changes nothing.
   void refresh();
 
+  // What the canvas tab's "Import Wallpaper…" does with the file chosen in its dialog: a picture or
+  // a movie into the package, then the canvas's wallpaper as one undo step; a failure is shown.
+  void importWallpaper(const std::filesystem::path& file);
+
   struct Panel;
 
  private:
   std::vector<Panel*> panels_;
+  std::function<void(const std::filesystem::path&)> importWallpaper_;
 };
 
 }  // namespace vumo

@@ -16,6 +16,7 @@
 #include <QImageReader>
 #include <QLineEdit>
 #include <QPushButton>
+#include <QSpinBox>
 #include <QTabWidget>
 #include <QTest>
 #include <QWheelEvent>
@@ -25,6 +26,7 @@
 #include <memory>
 
 #include "captions/caption_document.h"
+#include "cli/media_module_loader.h"
 #include "editor/caption_editing_session.h"
 #include "editor/timeline_editing_session.h"
 #include "project/project_store.h"
@@ -451,6 +453,244 @@ TEST_F(EditorWindowTest, InspectorEditsAreUndoableStepsThatReachTheDisk) {
     ASSERT_TRUE(turnUntil([&] { return diskFollows(*window); }));
     turnFor(50ms);  // the inspectors show the undone state again before the next edit
   }
+}
+
+// The controls that set the device frame, the cursor's click effect, an annotation's place and
+// look and the captions' style: each is one undo step of its history, saved, and Undo takes it
+// back. Some need something first (a frame to fill, an annotation to restyle), made through the
+// inspectors too.
+TEST_F(EditorWindowTest, EveryStyleControlOfTheInspectorsIsOneUndoStepThatReachesTheDisk) {
+  commitCaptions();
+  auto window = open();
+  const auto control = [&](const QString& name) {
+    for (auto* widget : window->findChildren<QWidget*>())
+      if (widget->accessibleName() == name) return widget;
+    ADD_FAILURE() << "no control " << name.toStdString();
+    return static_cast<QWidget*>(nullptr);
+  };
+  const auto spinTo = [&](const char* name, double value) {
+    return [&control, name, value] { qobject_cast<QDoubleSpinBox*>(control(name))->setValue(value); };
+  };
+  const auto keyOn = [&](const char* name, Qt::Key key) {
+    return [&control, name, key] { QTest::keyClick(control(name), key); };
+  };
+  const auto click = [&](const char* name) {
+    return [&control, name] { qobject_cast<QAbstractButton*>(control(name))->click(); };
+  };
+  const auto addAnnotation = [&](AnnotationKind kind) {
+    return [&control, kind] {
+      auto* tool = qobject_cast<QComboBox*>(control("Kind"));
+      tool->setCurrentIndex(tool->findData(QString::fromStdString(std::string(nameOf(kind)))));
+      emit tool->activated(tool->currentIndex());
+      QTest::mouseClick(qobject_cast<QPushButton*>(control("Add Annotation")), Qt::LeftButton);
+    };
+  };
+  const auto selected = [&](const EditTimeline& t) -> const AnnotationElement* {
+    for (const auto& annotation : t.annotations)
+      if (annotation.id == window->session().selectedAnnotationID()) return &annotation;
+    return nullptr;
+  };
+  const auto style = [&] { return store.loadSnapshot(package).captions->style; };
+
+  struct Case {
+    const char* what;
+    std::function<void()> prepare;
+    std::function<void()> act;
+    std::function<bool(const EditTimeline&)> changed;  // none: a caption style case
+    std::function<bool(const CaptionStyle&)> styled = {};
+  };
+  const std::vector<Case> cases{
+      {"device frame",
+       {},
+       keyOn("Device frame", Qt::Key_Down),
+       [](const EditTimeline& t) {
+         return t.deviceFrame == DeviceFrameEdit{true, "vumo-display-black", DeviceFrameContentMode::fit};
+       }},
+      {"content mode", keyOn("Device frame", Qt::Key_Down), keyOn("Content mode", Qt::Key_Down),
+       [](const EditTimeline& t) {
+         return t.deviceFrame && t.deviceFrame->contentMode == DeviceFrameContentMode::fill;
+       }},
+      {"no device frame",
+       {},
+       keyOn("Device frame", Qt::Key_Up),
+       [](const EditTimeline& t) { return !t.deviceFrame.has_value(); }},
+      {"click effect",
+       {},
+       keyOn("Click effect", Qt::Key_Down),
+       [](const EditTimeline& t) { return t.cursor.clickEffectStyle == ClickEffectStyle::ringAndPress; }},
+      {"clicks shown", {}, click("Show clicks"), [](const EditTimeline& t) { return !t.cursor.showsClickEffect; }},
+      {"annotation left", addAnnotation(AnnotationKind::rectangle), spinTo("Left", 0.5),
+       [&](const EditTimeline& t) {
+         return selected(t) && selected(t)->bounds == RectValue{0.5, 0.35, 0.3, 0.3};
+       }},
+      {"annotation height",
+       {},
+       spinTo("Height", 0.2),
+       [&](const EditTimeline& t) { return selected(t) && selected(t)->bounds->height == 0.2; }},
+      {"line width",
+       {},
+       spinTo("Line width", 0.012),
+       [&](const EditTimeline& t) { return selected(t) && selected(t)->lineWidth == 0.012; }},
+      {"annotation corner radius",
+       {},
+       spinTo("Annotation corner radius", 0.25),
+       [&](const EditTimeline& t) { return selected(t) && selected(t)->cornerRadius == 0.25; }},
+      {"filled", {}, click("Filled"), [&](const EditTimeline& t) { return selected(t) && selected(t)->isFilled; }},
+      {"dim outside",
+       {},
+       click("Dim outside"),
+       [&](const EditTimeline& t) { return selected(t) && selected(t)->dimsOutside; }},
+      {"aspect ratio kept",
+       {},
+       click("Keep aspect ratio"),
+       [&](const EditTimeline& t) { return selected(t) && selected(t)->locksAspectRatio; }},
+      {"annotation colour",
+       {},
+       [&] {
+         auto* field = qobject_cast<QLineEdit*>(control("Annotation colour"));
+         field->setFocus();
+         field->selectAll();
+         QTest::keyClicks(field, "#0000ff");
+         QTest::keyClick(field, Qt::Key_Return);
+         field->clearFocus();  // so that the field shows the undone colour again
+       },
+       [&](const EditTimeline& t) {
+         return selected(t) && selected(t)->color == CanvasColorValue{0, 0, 1};
+       }},
+      // An arrow's box: its points move with it and it keeps pointing down and to the right.
+      {"arrow width", addAnnotation(AnnotationKind::arrow), spinTo("Width", 0.1),
+       [&](const EditTimeline& t) {
+         const auto near = [](std::optional<PointValue> p, PointValue q) {
+           return p && std::abs(p->x - q.x) < 1e-9 && std::abs(p->y - q.y) < 1e-9;
+         };
+         return selected(t) && near(selected(t)->startPoint, {0.35, 0.35}) && near(selected(t)->endPoint, {0.45, 0.65});
+       }},
+      {"font size", addAnnotation(AnnotationKind::text), spinTo("Font size", 96),
+       [&](const EditTimeline& t) { return selected(t) && selected(t)->textStyle->fontSize == 96; }},
+      {"outline",
+       {},
+       click("Outline"),
+       [&](const EditTimeline& t) { return selected(t) && selected(t)->textStyle->hasOutline; }},
+      {"outline colour",
+       {},
+       keyOn("Outline colour", Qt::Key_Down),
+       [&](const EditTimeline& t) {
+         return selected(t) && selected(t)->textStyle->outlineColor == TextAnnotationOutlineColor::white;
+       }},
+      {"captions shown", {}, click("Show captions"), {}, [](const CaptionStyle& s) { return !s.isEnabled; }},
+      {"caption lines",
+       {},
+       [&] { qobject_cast<QSpinBox*>(control("Lines"))->setValue(1); },
+       {},
+       [](const CaptionStyle& s) { return s.maximumLines == 1; }},
+      {"caption look",
+       {},
+       keyOn("Caption look", Qt::Key_Down),
+       {},
+       [](const CaptionStyle& s) { return s.appearance == CaptionAppearance::whiteWithBlackOutline; }},
+      {"caption size", {}, spinTo("Text size", 0.8), {}, [](const CaptionStyle& s) { return s.fontScale == 0.8; }},
+      {"caption place",
+       {},
+       spinTo("Distance from bottom", 0.25),
+       {},
+       [](const CaptionStyle& s) { return s.bottomPosition == 0.25; }},
+  };
+  // The annotation tab in front, where the colour field can take the focus.
+  auto* tabs = window->findChild<QTabWidget*>();
+  for (int i = 0; i < tabs->count(); ++i)
+    if (tabs->tabText(i) == "Annotations") tabs->setCurrentIndex(i);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    if (c.prepare) c.prepare();
+    ASSERT_TRUE(turnUntil([&] { return diskFollows(*window) && window->outstandingSaves() == 0; }));
+    turnFor(50ms);  // the inspectors show the prepared state
+    const EditTimeline before = window->session().timeline();
+    const std::size_t steps = window->session().undoCount();
+    const CaptionDocument captionsBefore = window->captionSession()->document();
+    const std::size_t captionSteps = window->captionSession()->undoCount();
+    c.act();
+    if (c.changed) {
+      EXPECT_TRUE(c.changed(window->session().timeline())) << window->messageText().toStdString();
+      EXPECT_EQ(window->session().undoCount(), steps + 1);
+      ASSERT_TRUE(turnUntil([&] { return diskFollows(*window); }));
+      EXPECT_TRUE(c.changed(onDisk()));
+    } else {
+      EXPECT_TRUE(c.styled(window->captionSession()->document().style)) << window->messageText().toStdString();
+      EXPECT_EQ(window->captionSession()->undoCount(), captionSteps + 1);
+      EXPECT_EQ(window->session().timeline(), before);
+      ASSERT_TRUE(turnUntil([&] { return window->outstandingSaves() == 0 && c.styled(style()); }));
+    }
+    window->undo();
+    EXPECT_EQ(window->session().timeline(), before);
+    EXPECT_EQ(window->captionSession()->document(), captionsBefore);
+    ASSERT_TRUE(turnUntil([&] { return diskFollows(*window); }));
+    ASSERT_TRUE(turnUntil([&] { return style() == captionsBefore.style; }));
+    turnFor(50ms);  // the inspectors show the undone state again before the next edit
+  }
+
+  // A place outside the frame is refused: nothing changes, nothing is saved, and the window says why.
+  const EditTimeline before = window->session().timeline();
+  const std::size_t steps = window->session().undoCount();
+  qobject_cast<QDoubleSpinBox*>(control("Left"))->setValue(0.9);
+  EXPECT_EQ(window->session().timeline(), before);
+  EXPECT_EQ(window->session().undoCount(), steps);
+  ASSERT_TRUE(turnUntil([&] { return !window->messageText().isEmpty(); }));
+  EXPECT_EQ(window->messageText().toStdString(), "Annotation timing, geometry, or styling is invalid.");
+  EXPECT_EQ(onDisk(), before);
+}
+
+// A movie chosen as wallpaper is stored as it is, under the digest of its bytes, with the size and
+// length the media engine reads from it; a picture stays a picture, and a file that is neither is
+// refused before anything is written.
+TEST_F(EditorWindowTest, AnImportedVideoWallpaperIsStoredWithItsSizeAndLength) {
+  testing::TemporaryDirectory folder;
+  const auto movie = folder.path() / "wallpaper.mp4";
+  std::filesystem::copy_file(package.mediaPath(), movie);
+
+  const CanvasBackgroundImage video = importCanvasBackgroundVideo(store, package, movie, MediaModuleLoader::load());
+  EXPECT_EQ(video.mediaKind, CanvasBackgroundMediaKind::video);
+  EXPECT_EQ(video.pixelSize, (PixelSize{640, 360}));
+  ASSERT_TRUE(video.duration.has_value());
+  EXPECT_NEAR(*video.duration, 12.0, 0.05);
+  EXPECT_EQ(video.relativePath, "assets/backgrounds/" + video.id + ".mov");
+  EXPECT_EQ(video.source, CanvasBackgroundImageSource::uploaded);
+  EXPECT_EQ(readFile(package.rootPath / video.relativePath, 1 << 26), readFile(movie, 1 << 26));
+  EXPECT_EQ(sha256Hex(readFile(movie, 1 << 26)), video.id);
+  EXPECT_EQ(importCanvasBackground(store, package, movie), video) << "told apart by content";
+
+  // Through the canvas inspector: the wallpaper is one undo step, saved; the snapshot loads it.
+  auto window = open();
+  window->importWallpaper(movie);
+  EXPECT_EQ(window->session().timeline().canvas.image, video);
+  EXPECT_EQ(window->session().undoCount(), 1u);
+  ASSERT_TRUE(turnUntil([&] { return diskFollows(*window); }));
+  EXPECT_EQ(store.loadSnapshot(package).timeline.canvas.image, video);
+  window->undo();
+  ASSERT_TRUE(turnUntil([&] { return diskFollows(*window); }));
+  EXPECT_EQ(onDisk().canvas.image, std::nullopt);
+  window->importWallpaper(folder.path() / "missing.mp4");
+  EXPECT_FALSE(window->messageText().isEmpty());
+  EXPECT_EQ(window->session().undoCount(), 0u);
+
+  QImage picture(64, 48, QImage::Format_RGB32);
+  picture.fill(Qt::blue);
+  const auto png = folder.path() / "still.mov";  // a picture, whatever its name says
+  ASSERT_TRUE(picture.save(QString::fromStdString(png.string()), "PNG"));
+  const CanvasBackgroundImage still = importCanvasBackground(store, package, png);
+  EXPECT_EQ(still.mediaKind, CanvasBackgroundMediaKind::image);
+  EXPECT_EQ(still.pixelSize, (PixelSize{64, 48}));
+
+  const auto text = folder.path() / "notes.mp4";
+  writeFileAtomically(text, std::string(4096, 'x'));
+  for (const auto& hostile : {text, folder.path(), folder.path() / "missing.mp4"}) {
+    SCOPED_TRACE(hostile.string());
+    EXPECT_THROW(importCanvasBackground(store, package, hostile), FileError);
+    EXPECT_THROW(importCanvasBackgroundVideo(store, package, hostile, MediaModuleLoader::load()), FileError);
+  }
+  std::size_t files = 0;
+  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator(package.canvasBackgroundsDirectory()))
+    ++files;
+  EXPECT_EQ(files, 2u);
 }
 
 // A chosen picture lands in the package as JPEG under the digest of its bytes, and a timeline that
