@@ -125,10 +125,19 @@ class ProjectPreviewing {
   virtual std::unique_ptr<PreviewAudioReading> openAudio(ProjectTime from) = 0;
 };
 
+// What a canvas wallpaper needs to know of a movie: the size and length of its first video stream,
+// the one the renderer plays.
+struct VideoFileDescription {
+  PixelSize pixelSize;
+  ProjectTime duration;
+
+  friend bool operator==(const VideoFileDescription&, const VideoFileDescription&) = default;
+};
+
 struct MediaModule {
   // Raised whenever a member changes meaning, so a program never calls into an engine built for
   // another one.
-  static constexpr int currentInterfaceVersion = 6;
+  static constexpr int currentInterfaceVersion = 7;
   static constexpr const char* fileName = "vumo-media.so";
   static constexpr const char* entryPointName = "vumoMediaModule";
 
@@ -150,6 +159,10 @@ struct MediaModule {
   std::optional<MediaProbeResult> (*probeRecordingMedia)(const std::filesystem::path&) = nullptr;
   // The player's engine on a new GPU context; throws RenderingContextError.
   std::shared_ptr<ProjectPreviewing> (*makePreviewer)() = nullptr;
+  // Any movie file: none when it is not one the engine can decode (no video stream, no decoder for
+  // it, no size or no positive length). Throws CancelledError.
+  std::optional<VideoFileDescription> (*describeVideoFile)(const std::filesystem::path& file,
+                                                           std::stop_token stop) = nullptr;
 };
 
 using MediaModuleEntryPoint = const MediaModule* (*)();
