@@ -152,6 +152,9 @@ X11GlobalShortcuts::X11GlobalShortcuts(const std::string& displayName) : state_(
 
 X11GlobalShortcuts::~X11GlobalShortcuts() {
   for (const auto& [id, grab] : state_->grabs) state_->ungrab(grab);
+  // The keys are free once this returns, not at some later point of the server's choosing: a
+  // program that grabs them next must not find them still held.
+  if (!state_->grabs.empty() && !state_->x.hasError()) state_->x.sync();
 }
 
 int X11GlobalShortcuts::add(std::string_view sequenceText) {
@@ -190,6 +193,7 @@ void X11GlobalShortcuts::remove(int id) {
   auto found = state_->grabs.find(id);
   if (found == state_->grabs.end()) return;
   state_->ungrab(found->second);
+  state_->x.sync();
   state_->grabs.erase(found);
 }
 

@@ -58,7 +58,9 @@ std::optional<PointValue> controlPanelPosition(const std::vector<RectValue>& dis
 std::optional<RectValue> selectedRootArea(PointValue dragStart, PointValue dragEnd, const RectValue& display,
                                           double devicePixelRatio) {
   if (!(devicePixelRatio > 0)) return std::nullopt;
-  auto pixel = [&](double logical, double size) { return std::clamp(std::round(logical * devicePixelRatio), 0.0, size); };
+  auto pixel = [&](double logical, double size) {
+    return std::clamp(std::round(logical * devicePixelRatio), 0.0, size);
+  };
   const double left = pixel(std::min(dragStart.x, dragEnd.x), display.width);
   const double right = pixel(std::max(dragStart.x, dragEnd.x), display.width);
   const double top = pixel(std::min(dragStart.y, dragEnd.y), display.height);

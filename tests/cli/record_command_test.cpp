@@ -249,10 +249,9 @@ TEST_F(RecordCommandTest, ARecordingStartsOnlyWithTheMinimumFreeInTheProjectsFol
     if (c.refused) {
       EXPECT_EQ(outcome.status, 6) << c.minimumBytes << " " << *c.available;
       EXPECT_TRUE(outcome.output.empty());
-      EXPECT_NE(outcome.error.find("Not enough free disk space to record. At least 1 GiB must be free in the projects "
-                                   "folder (" +
-                                   asked.string() + ")."),
-                std::string::npos)
+      EXPECT_EQ(Json::parse(outcome.error)["message"],
+                "Not enough free disk space to record. At least 1 GiB must be free in the projects folder (" +
+                    asked.string() + ").")
           << outcome.error;
     } else {
       ASSERT_EQ(outcome.status, 0) << outcome.error;
