@@ -78,18 +78,21 @@ void RecordingFlow::onMain(Work work) {
   QMetaObject::invokeMethod(this, std::move(work), Qt::QueuedConnection);
 }
 
+SourcePicker* RecordingFlow::sourcePicker() const { return static_cast<SourcePicker*>(picker_.data()); }
+
 void RecordingFlow::start() {
   if (!model_.chooseSource()) return;
-  picker_ = new SourcePicker(preferences_.recording, parentWindow_);
-  picker_->setAttribute(Qt::WA_DeleteOnClose);
-  connect(picker_, &SourcePicker::recordRequested, this, &RecordingFlow::record);
-  connect(picker_, &SourcePicker::areaRequested, this, &RecordingFlow::chooseArea);
-  connect(picker_, &QDialog::rejected, this, [this] {
+  auto* picker = new SourcePicker(preferences_.recording, parentWindow_);
+  picker_ = picker;
+  picker->setAttribute(Qt::WA_DeleteOnClose);
+  connect(picker, &SourcePicker::recordRequested, this, &RecordingFlow::record);
+  connect(picker, &SourcePicker::areaRequested, this, &RecordingFlow::chooseArea);
+  connect(picker, &QDialog::rejected, this, [this] {
     if (model_.phase() == ApplicationPhase::choosingSource) model_.cancel();
   });
-  picker_->show();
-  picker_->raise();
-  picker_->activateWindow();
+  picker->show();
+  picker->raise();
+  picker->activateWindow();
 }
 
 void RecordingFlow::closePicker() {

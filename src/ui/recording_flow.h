@@ -101,7 +101,7 @@ class RecordingFlow : public QObject {
   const QString& countdownNote() const { return countdownNote_; }
   ControlPanel* controlPanel() const { return panel_.get(); }
   CountdownWindow* countdownWindow() const { return countdown_.get(); }
-  SourcePicker* sourcePicker() const { return picker_; }
+  SourcePicker* sourcePicker() const;
 
  signals:
   void projectRecorded(QString projectID);
@@ -131,8 +131,9 @@ class RecordingFlow : public QObject {
   Preferences preferences_;
   RecordingControlRegionStore& regionStore_;
 
-  QPointer<SourcePicker> picker_;
-  QPointer<AreaSelection> area_;
+  // Windows that close themselves (and are deleted then): watched, not owned.
+  QPointer<QWidget> picker_;
+  QPointer<QWidget> area_;
   std::unique_ptr<CountdownWindow> countdown_;
   std::unique_ptr<ControlPanel> panel_;
   TrayIcon* tray_ = nullptr;

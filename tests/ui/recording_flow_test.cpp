@@ -1,0 +1,334 @@
+// Before Qt's headers, whose `emit` keyword would eat the synthetic stream's member of that name.
+#include "capture/synthetic_streams.h"
+// The header under test.
+#include <gtest/gtest.h>
+
+#include <QApplication>
+#include <QPushButton>
+#include <chrono>
+#include <filesystem>
+#include <thread>
+
+#include "project/project_store.h"
+#include "recording/fake_media_writer.h"
+#include "recording/recording_control_region.h"
+#include "support/test_support.h"
+#include "ui/application_model.h"
+#include "ui/control_panel.h"
+#include "ui/countdown_window.h"
+#include "ui/recording_flow.h"
+
+namespace vumo {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using Phase = ApplicationPhase;
+
+// One 640x360 display of numbered frames, a writer that keeps times; a window source is missing,
+// and the stream can be told to fail once it runs.
+class SyntheticPlatform : public RecordingPlatform {
+ public:
+  struct Script {
+    bool failAfterStart = false;
+    bool failToOpen = false;
+    std::atomic<int> platformsMade = 0;
+  };
+  explicit SyntheticPlatform(std::shared_ptr<Script> script) : script_(std::move(script)) { ++script_->platformsMade; }
+
+  void listSources(const RecordSourceRequest&, Json&) override {}
+  CaptureSourceDescriptor resolve(const RecordSourceRequest& request, std::stop_token) override {
+    if (request.kind == CaptureSourceKind::window) throw FileError("no such window");
+    CaptureSourceDescriptor source;
+    source.kind = CaptureSourceKind::display;
+    source.nativeID = 1;
+    source.title = "Synthetic display";
+    source.globalFrame = {0, 0, 640, 360};
+    source.initialPixelSize = {640, 360};
+    return source;
+  }
+  RecordingCaptureStreams openStreams(const CaptureSourceDescriptor&, const RecordStreamRequest& request) override {
+    if (script_->failToOpen) throw FileError("the display is busy");
+    RecordingCaptureStreams streams;
+    auto video = std::make_unique<SyntheticVideoStream>(PixelSize{640, 360}, request.framesPerSecond,
+                                                        SyntheticVideoStream::Pacing::thread);
+    SyntheticVideoStream* raw = video.get();
+    streams.video = std::move(video);
+    if (script_->failAfterStart) {
+      std::thread([raw] {
+        std::this_thread::sleep_for(150ms);
+        raw->stopByItself(std::make_exception_ptr(FileError("the display went away")));
+      }).detach();
+    }
+    return streams;
+  }
+  std::optional<RecordingMicrophoneConfiguration> microphoneConfiguration(const RecordStreamRequest&) override {
+    return std::nullopt;
+  }
+  RecordingMediaWriterFactory writerFactory() override {
+    return [log = std::make_shared<testing::FakeWriterLog>()](const RecordingWriterConfiguration& configuration) {
+      return std::make_unique<testing::FakeMediaWriter>(log, configuration.url);
+    };
+  }
+  void watchSource(const CaptureSourceDescriptor&, RecordingSessionSettings&) override {}
+  MediaProbing recordingMediaProbe() override {
+    return [](const fs::path&) { return std::optional<MediaProbeResult>(); };
+  }
+
+ private:
+  std::shared_ptr<Script> script_;
+};
+
+// Turns Qt's loop until `done` or a generous limit, so a broken flow fails instead of hanging.
+bool turnUntil(const std::function<bool()>& done, std::chrono::milliseconds limit = 10s) {
+  const auto end = std::chrono::steady_clock::now() + limit;
+  while (!done() && std::chrono::steady_clock::now() < end) QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+  return done();
+}
+
+void turnFor(std::chrono::milliseconds time) {
+  turnUntil([] { return false; }, time);
+}
+
+class RecordingFlowTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    static testing::TemporaryDirectory home;
+    for (const char* name : {"HOME", "XDG_CONFIG_HOME", "XDG_CACHE_HOME", "XDG_RUNTIME_DIR"}) {
+      fs::create_directories(home.path() / name);
+      ::setenv(name, (home.path() / name).c_str(), 1);
+    }
+    ::setenv("QT_QPA_PLATFORM", "offscreen", 1);
+    ::unsetenv("WAYLAND_DISPLAY");
+    ::unsetenv("XDG_SESSION_TYPE");
+    static int argc = 1;
+    static char name[] = "ui_tests";
+    static char* argv[] = {name, nullptr};
+    if (QCoreApplication::instance() == nullptr) new QApplication(argc, argv);
+  }
+
+  void SetUp() override {
+    if (qobject_cast<QApplication*>(QCoreApplication::instance()) == nullptr) GTEST_SKIP() << "needs widgets";
+  }
+
+  std::unique_ptr<RecordingFlow> makeFlow(std::vector<RectValue> displays) {
+    RecordingFlowSettings settings;
+    settings.makePlatform = [script = script_] { return std::make_unique<SyntheticPlatform>(script); };
+    settings.freeSpace.probe = [this](const fs::path&) { return freeBytes_; };
+    settings.countdownFrom = 2;
+    settings.countdownStep = 20ms;
+    settings.globalShortcuts = false;
+    settings.preferences = PreferencesStore::defaults();
+    settings.displays = [displays] { return displays; };
+    settings.controlRegionStore = &region_;
+    settings.statusInterval = 20ms;
+    auto flow = std::make_unique<RecordingFlow>(model_, store_, nullptr, std::move(settings));
+    QObject::connect(flow.get(), &RecordingFlow::projectRecorded,
+                     [this](QString id) { recorded_.push_back(id.toStdString()); });
+    return flow;
+  }
+
+  static RecordingChoice displayChoice() {
+    RecordingChoice choice;
+    choice.streams.framesPerSecond = 30;
+    choice.streams.microphone = false;
+    choice.streams.systemAudio = false;
+    return choice;
+  }
+
+  std::vector<fs::path> packages() const {
+    std::vector<fs::path> found;
+    if (!fs::exists(store_.projectsDirectoryPath())) return found;
+    for (const auto& entry : fs::directory_iterator(store_.projectsDirectoryPath())) found.push_back(entry.path());
+    return found;
+  }
+
+  testing::ScopedDataHome dataHome_;
+  ProjectStore store_;
+  std::vector<Phase> phases_;
+  std::vector<std::string> messages_;
+  ApplicationModel model_{{[this](Phase phase) { phases_.push_back(phase); },
+                           [this](const std::string& message) { messages_.push_back(message); }}};
+  std::shared_ptr<SyntheticPlatform::Script> script_ = std::make_shared<SyntheticPlatform::Script>();
+  std::optional<std::uint64_t> freeBytes_;
+  RecordingControlRegionStore region_;
+  std::vector<std::string> recorded_;
+  const RectValue left_{0, 0, 640, 360}, right_{640, 0, 800, 600};
+};
+
+TEST_F(RecordingFlowTest, RecordsWithThePanelOnAnotherDisplayAndLandsInTheEditor) {
+  auto flow = makeFlow({left_, right_});
+  flow->record(displayChoice());
+  ASSERT_TRUE(turnUntil([&] { return model_.phase() == Phase::recording; }));
+  // The captured display is the left one: the panel goes to the top centre of the right one.
+  ASSERT_TRUE(flow->controlPanelCorner());
+  EXPECT_EQ(flow->controlPanelCorner()->y, 16);
+  EXPECT_GE(flow->controlPanelCorner()->x, 640);
+  EXPECT_TRUE(flow->countdownNote().isEmpty());
+  EXPECT_TRUE(flow->controlPanel()->isVisible());
+  EXPECT_TRUE(flow->isRecording());
+  // The panel's rectangle is what the pointer recording leaves out.
+  ASSERT_TRUE(turnUntil([&] { return region_.region().has_value(); }));
+  const RectValue panel = *region_.region();
+  EXPECT_TRUE(region_.contains({panel.x + 1, panel.y + 1}));
+  EXPECT_FALSE(region_.contains({100, 100}));
+
+  turnFor(300ms);
+  flow->stopAndFinish();
+  ASSERT_TRUE(turnUntil([&] { return model_.phase() == Phase::editing; }));
+  EXPECT_EQ(phases_, (std::vector<Phase>{Phase::choosingSource, Phase::countdown, Phase::recording, Phase::finishing,
+                                         Phase::editing}));
+  EXPECT_TRUE(messages_.empty()) << messages_.front();
+  ASSERT_EQ(recorded_.size(), 1u);
+  EXPECT_EQ(model_.openProjectID(), recorded_.front());
+  EXPECT_EQ(store_.project(recorded_.front()).rootPath.extension(), ".vumo");
+  EXPECT_FALSE(flow->controlPanel()->isVisible());
+  EXPECT_FALSE(region_.region());
+  EXPECT_FALSE(flow->isRecording());
+}
+
+TEST_F(RecordingFlowTest, WithNothingOutsideTheCaptureThePanelHidesAndThePersonIsTold) {
+  auto flow = makeFlow({left_});
+  flow->record(displayChoice());
+  ASSERT_TRUE(turnUntil([&] { return model_.phase() == Phase::countdown; }));
+  EXPECT_FALSE(flow->controlPanelCorner());
+  EXPECT_TRUE(flow->countdownNote().contains("control panel stays hidden")) << flow->countdownNote().toStdString();
+  EXPECT_TRUE(flow->countdownWindow()->isVisible());
+  ASSERT_TRUE(turnUntil([&] { return model_.phase() == Phase::recording; }));
+  turnFor(100ms);
+  EXPECT_FALSE(flow->controlPanel()->isVisible());
+  EXPECT_FALSE(region_.region());
+  flow->stopAndFinish();
+  ASSERT_TRUE(turnUntil([&] { return model_.phase() == Phase::editing; }));
+}
+
+TEST_F(RecordingFlowTest, AStartThatFailsReturnsToTheLibraryWithTheErrorShownOnce) {
+  struct Case {
+    const char* what;
+    std::function<void(RecordingChoice&)> arrange;
+    std::string message;
+    int platformsMade;
+  } cases[] = {
+      {"missing window", [](RecordingChoice& c) { c.source.kind = CaptureSourceKind::window; }, "no such window", 1},
+      {"streams do not open", [this](RecordingChoice&) { script_->failToOpen = true; }, "the display is busy", 1},
+      {"no room on disk", [this](RecordingChoice&) { freeBytes_ = 1000; },
+       "Not enough free disk space to record. At least 1 GiB must be free in the projects folder (" +
+           store_.projectsDirectoryPath().string() + ").",
+       0},
+  };
+  for (const Case& c : cases) {
+    phases_.clear();
+    messages_.clear();
+    script_->failToOpen = false;
+    script_->platformsMade = 0;
+    freeBytes_.reset();
+    auto flow = makeFlow({left_, right_});
+    RecordingChoice choice = displayChoice();
+    c.arrange(choice);
+    flow->record(choice);
+    ASSERT_TRUE(turnUntil([&] { return !messages_.empty() && model_.phase() == Phase::library; })) << c.what;
+    turnFor(100ms);
+    EXPECT_EQ(messages_, std::vector<std::string>{c.message}) << c.what;
+    EXPECT_EQ(phases_.front(), Phase::choosingSource) << c.what;
+    EXPECT_EQ(phases_.back(), Phase::library) << c.what;
+    EXPECT_EQ(script_->platformsMade.load(), c.platformsMade) << c.what;
+    EXPECT_TRUE(packages().empty()) << c.what;
+    EXPECT_FALSE(flow->isRecording()) << c.what;
+  }
+}
+
+TEST_F(RecordingFlowTest, AFailureWhileRecordingEndsInTheLibraryOnceAndKeepsTheFailedPackage) {
+  script_->failAfterStart = true;
+  auto flow = makeFlow({left_, right_});
+  flow->record(displayChoice());
+  ASSERT_TRUE(turnUntil([&] { return !messages_.empty(); }));
+  turnFor(200ms);
+  EXPECT_EQ(model_.phase(), Phase::library);
+  EXPECT_EQ(messages_, std::vector<std::string>{"the display went away"});
+  EXPECT_EQ(phases_, (std::vector<Phase>{Phase::choosingSource, Phase::countdown, Phase::recording, Phase::finishing,
+                                         Phase::library}));
+  ASSERT_EQ(packages().size(), 1u);
+  EXPECT_EQ(packages().front().extension(), ".tmp");
+  EXPECT_FALSE(flow->controlPanel()->isVisible());
+}
+
+TEST_F(RecordingFlowTest, CountdownCancelDiscardAndRestart) {
+  auto flow = makeFlow({left_, right_});
+  // Cancelled countdown: back to the library, nothing on disk.
+  flow->record(displayChoice());
+  ASSERT_TRUE(turnUntil([&] { return model_.phase() == Phase::countdown; }));
+  flow->countdownWindow()->cancel();
+  EXPECT_EQ(model_.phase(), Phase::library);
+  turnFor(150ms);
+  EXPECT_EQ(model_.phase(), Phase::library);
+  EXPECT_TRUE(packages().empty());
+
+  // Stop during the countdown (SIGTERM): the same.
+  flow->record(displayChoice());
+  ASSERT_TRUE(turnUntil([&] { return model_.phase() == Phase::countdown; }));
+  flow->stopAndFinish();
+  turnFor(150ms);
+  EXPECT_EQ(model_.phase(), Phase::library);
+  EXPECT_TRUE(packages().empty());
+
+  // Discard: the package goes.
+  flow->record(displayChoice());
+  ASSERT_TRUE(turnUntil([&] { return model_.phase() == Phase::recording; }));
+  turnFor(200ms);
+  ASSERT_EQ(packages().size(), 1u);
+  flow->discard();
+  ASSERT_TRUE(turnUntil([&] { return model_.phase() == Phase::library && !flow->isRecording(); }));
+  turnFor(100ms);
+  EXPECT_TRUE(packages().empty());
+
+  // Restart: the first take goes, a new countdown, a second take that is kept.
+  phases_.clear();
+  flow->record(displayChoice());
+  ASSERT_TRUE(turnUntil([&] { return model_.phase() == Phase::recording; }));
+  turnFor(200ms);
+  flow->restart();
+  ASSERT_TRUE(turnUntil([&] { return model_.phase() == Phase::countdown; }));
+  ASSERT_TRUE(turnUntil([&] { return model_.phase() == Phase::recording; }));
+  turnFor(200ms);
+  flow->togglePause();
+  EXPECT_TRUE(flow->isPaused());
+  EXPECT_NE(flow->controlPanel()->findChild<QPushButton*>(QString(), Qt::FindDirectChildrenOnly), nullptr);
+  bool resumeShown = false;
+  for (QPushButton* button : flow->controlPanel()->findChildren<QPushButton*>())
+    resumeShown = resumeShown || button->text() == "Resume";
+  EXPECT_TRUE(resumeShown);
+  flow->togglePause();
+  flow->stopAndFinish();
+  ASSERT_TRUE(turnUntil([&] { return model_.phase() == Phase::editing; }));
+  EXPECT_EQ(phases_, (std::vector<Phase>{Phase::choosingSource, Phase::countdown, Phase::recording, Phase::library,
+                                         Phase::choosingSource, Phase::countdown, Phase::recording, Phase::finishing,
+                                         Phase::editing}));
+  ASSERT_EQ(recorded_.size(), 1u);
+  EXPECT_EQ(packages(), std::vector<fs::path>{store_.project(recorded_.front()).rootPath});
+  EXPECT_TRUE(messages_.empty());
+}
+
+TEST_F(RecordingFlowTest, ARecordingThatRunsShortOfSpaceIsFinishedAndKept) {
+  freeBytes_ = 5'000'000'000;
+  auto flow = makeFlow({left_, right_});
+  flow->record(displayChoice());
+  ASSERT_TRUE(turnUntil([&] { return model_.phase() == Phase::recording; }));
+  turnFor(300ms);
+  freeBytes_ = 100'000'000;
+  ASSERT_TRUE(turnUntil([&] { return model_.phase() == Phase::editing; }, 5s));
+  ASSERT_EQ(recorded_.size(), 1u);
+  EXPECT_TRUE(messages_.empty());
+}
+
+TEST_F(RecordingFlowTest, DestroyingTheFlowFinishesARunningRecording) {
+  auto flow = makeFlow({left_, right_});
+  flow->record(displayChoice());
+  ASSERT_TRUE(turnUntil([&] { return model_.phase() == Phase::recording; }));
+  turnFor(300ms);
+  flow.reset();
+  ASSERT_EQ(packages().size(), 1u);
+  EXPECT_EQ(packages().front().extension(), ".vumo");
+}
+
+}  // namespace
+}  // namespace vumo
