@@ -1,6 +1,5 @@
-// Before Qt's headers, whose `emit` keyword would eat the synthetic stream's member of that name.
-#include "capture/synthetic_streams.h"
-// The header under test.
+#include "ui/recording_flow.h"
+
 #include <gtest/gtest.h>
 
 #include <QApplication>
@@ -16,7 +15,11 @@
 #include "ui/application_model.h"
 #include "ui/control_panel.h"
 #include "ui/countdown_window.h"
-#include "ui/recording_flow.h"
+
+// Qt's `emit` keyword would eat the synthetic stream's member of that name.
+#undef emit
+#include "capture/synthetic_streams.h"
+#define emit
 
 namespace vumo {
 namespace {
