@@ -8,9 +8,11 @@
 #include <filesystem>
 #include <thread>
 
+#include "capture/x11_global_shortcuts.h"
 #include "project/project_store.h"
 #include "recording/fake_media_writer.h"
 #include "recording/recording_control_region.h"
+#include "support/desktop_servers.h"
 #include "support/test_support.h"
 #include "ui/application_model.h"
 #include "ui/control_panel.h"
@@ -93,36 +95,41 @@ void turnFor(std::chrono::milliseconds time) {
   turnUntil([] { return false; }, time);
 }
 
+// One application per process, on the platform the first test asked for; private folders for
+// everything it writes.
+void ensureApplication(const char* platform) {
+  static testing::TemporaryDirectory home;
+  if (QCoreApplication::instance() != nullptr) return;
+  for (const char* name : {"HOME", "XDG_CONFIG_HOME", "XDG_CACHE_HOME", "XDG_RUNTIME_DIR"}) {
+    fs::create_directories(home.path() / name);
+    ::setenv(name, (home.path() / name).c_str(), 1);
+  }
+  ::setenv("QT_QPA_PLATFORM", platform, 1);
+  ::unsetenv("WAYLAND_DISPLAY");
+  ::unsetenv("XDG_SESSION_TYPE");
+  static int argc = 1;
+  static char name[] = "ui_tests";
+  static char* argv[] = {name, nullptr};
+  new QApplication(argc, argv);
+}
+
 class RecordingFlowTest : public ::testing::Test {
  protected:
-  static void SetUpTestSuite() {
-    static testing::TemporaryDirectory home;
-    for (const char* name : {"HOME", "XDG_CONFIG_HOME", "XDG_CACHE_HOME", "XDG_RUNTIME_DIR"}) {
-      fs::create_directories(home.path() / name);
-      ::setenv(name, (home.path() / name).c_str(), 1);
-    }
-    ::setenv("QT_QPA_PLATFORM", "offscreen", 1);
-    ::unsetenv("WAYLAND_DISPLAY");
-    ::unsetenv("XDG_SESSION_TYPE");
-    static int argc = 1;
-    static char name[] = "ui_tests";
-    static char* argv[] = {name, nullptr};
-    if (QCoreApplication::instance() == nullptr) new QApplication(argc, argv);
-  }
+  static void SetUpTestSuite() { ensureApplication("offscreen"); }
 
   void SetUp() override {
     if (qobject_cast<QApplication*>(QCoreApplication::instance()) == nullptr) GTEST_SKIP() << "needs widgets";
   }
 
-  std::unique_ptr<RecordingFlow> makeFlow(std::vector<RectValue> displays) {
+  std::unique_ptr<RecordingFlow> makeFlow(std::vector<RectValue> displays, bool globalShortcuts = false) {
     RecordingFlowSettings settings;
     settings.makePlatform = [script = script_] { return std::make_unique<SyntheticPlatform>(script); };
     settings.freeSpace.probe = [this](const fs::path&) { return freeBytes_; };
     settings.countdownFrom = 2;
     settings.countdownStep = 20ms;
-    settings.globalShortcuts = false;
+    settings.globalShortcuts = globalShortcuts;
     settings.preferences = PreferencesStore::defaults();
-    settings.displays = [displays] { return displays; };
+    if (!displays.empty()) settings.displays = [displays] { return displays; };
     settings.controlRegionStore = &region_;
     settings.statusInterval = 20ms;
     auto flow = std::make_unique<RecordingFlow>(model_, store_, nullptr, std::move(settings));
@@ -331,6 +338,63 @@ TEST_F(RecordingFlowTest, DestroyingTheFlowFinishesARunningRecording) {
   flow.reset();
   ASSERT_EQ(packages().size(), 1u);
   EXPECT_EQ(packages().front().extension(), ".vumo");
+}
+
+// On a real X server: the shortcuts are key grabs, the panel's rectangle is read back from the
+// server.
+class RecordingFlowOnX11Test : public RecordingFlowTest {
+ protected:
+  static testing::XvfbServer& server() {
+    static testing::XvfbServer server;
+    return server;
+  }
+  static void SetUpTestSuite() {
+    ::setenv("DISPLAY", server().display().c_str(), 1);
+    ensureApplication("xcb");
+  }
+  void SetUp() override {
+    if (QGuiApplication::platformName() != "xcb") GTEST_SKIP() << "another test made the application offscreen";
+  }
+  void key(const std::string& keys) { testing::xdotool(server().display(), {"key", keys}); }
+};
+
+TEST_F(RecordingFlowOnX11Test, TheShortcutsStartPauseAndStopAndThePanelIsLeftOutWhereTheServerHasIt) {
+  // The synthetic display is the top-left 640x360 of the 1280x720 screen: the panel goes below it.
+  auto flow = makeFlow({}, true);
+  key("ctrl+shift+r");
+  ASSERT_TRUE(turnUntil([&] { return model_.phase() == Phase::choosingSource; }));
+  ASSERT_NE(flow->sourcePicker(), nullptr);
+  flow->record(displayChoice());
+  ASSERT_TRUE(turnUntil([&] { return model_.phase() == Phase::recording; }));
+  ASSERT_TRUE(flow->controlPanelCorner());
+  const PointValue corner = *flow->controlPanelCorner();
+  EXPECT_EQ(corner.y, 360 + 16);
+  ASSERT_TRUE(turnUntil([&] { return region_.region() && region_.region()->x == corner.x; }))
+      << (region_.region() ? region_.region()->x : -1);
+  EXPECT_EQ(region_.region()->y, corner.y);
+  EXPECT_TRUE(region_.contains({corner.x + 5, corner.y + 5}));
+
+  key("ctrl+shift+p");
+  ASSERT_TRUE(turnUntil([&] { return flow->isPaused(); }));
+  key("ctrl+shift+p");
+  ASSERT_TRUE(turnUntil([&] { return !flow->isPaused(); }));
+  key("ctrl+shift+r");
+  ASSERT_TRUE(turnUntil([&] { return model_.phase() == Phase::editing; }));
+  EXPECT_EQ(recorded_.size(), 1u);
+  EXPECT_TRUE(messages_.empty());
+}
+
+TEST_F(RecordingFlowOnX11Test, AShortcutAnotherProgramHoldsIsReportedOnce) {
+  X11GlobalShortcuts otherProgram(server().display());
+  otherProgram.add("Ctrl+Shift+P");
+  auto flow = makeFlow({}, true);
+  turnUntil([&] { return !messages_.empty(); });
+  turnUntil([] { return false; }, 200ms);
+  EXPECT_EQ(messages_, std::vector<std::string>{"The shortcut Ctrl+Shift+P is already used by another program. "
+                                                "Choose another one in Settings."});
+  // The other shortcut works all the same.
+  key("ctrl+shift+r");
+  ASSERT_TRUE(turnUntil([&] { return model_.phase() == Phase::choosingSource; }));
 }
 
 }  // namespace
