@@ -248,6 +248,8 @@ std::string RecordCommand::usageText() {
          "  --list-sources      print the displays, windows, audio sources and video devices\n"
          "  --help              this text\n"
          "\n"
+         "A recording needs 1 GiB free in the projects folder to start, and stops and is kept\n"
+         "(with a note in the answer) when less than that is left.\n"
          "Ctrl-C or SIGTERM stops and keeps the recording (status 0); before the first frame it\n"
          "cancels and leaves nothing (130). SIGUSR1 pauses and resumes; the pause leaves no gap.\n"
          "A killed recording is recovered by the next vumo record, which lists it in its answer.";

@@ -82,6 +82,8 @@ SourcePicker* RecordingFlow::sourcePicker() const { return static_cast<SourcePic
 
 void RecordingFlow::start() {
   if (!model_.chooseSource()) return;
+  // The settings window may have changed the defaults since the last recording.
+  if (!settings_.preferences) preferences_.recording = storedPreferences().recording;
   auto* picker = new SourcePicker(preferences_.recording, parentWindow_);
   picker_ = picker;
   picker->setAttribute(Qt::WA_DeleteOnClose);
@@ -246,6 +248,7 @@ void RecordingFlow::recordingBegan(int generation, std::shared_ptr<ScreenRecordi
   stoppedForSpace_ = false;
   model_.recordingStarted();
   showRecordingControls(true);
+  if (!panelCorner_) tray_->notify(countdownNote_);
   statusTimer_->start(settings_.statusInterval);
 }
 

@@ -67,6 +67,8 @@ class RecordingFlow : public QObject {
   Q_OBJECT
 
  public:
+  // A child of `parentWindow` where one is given (and deleted with it); the picker and the
+  // messages open over it. The model and the store must outlive the flow.
   RecordingFlow(ApplicationModel& model, ProjectStore& store, QWidget* parentWindow);
   RecordingFlow(ApplicationModel& model, ProjectStore& store, QWidget* parentWindow, RecordingFlowSettings settings);
   // A recording still running is finished first (its package kept), as on stopAndFinish.
