@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <system_error>
 
+#include "cli/output_destination.h"
 #include "shared/error.h"
 #include "shared/files.h"
 #include "shared/json.h"
@@ -80,7 +81,7 @@ fs::path PreferencesStore::configurationHome() {
 
 fs::path PreferencesStore::defaultFilePath() { return configurationHome() / "Vumo" / fileName; }
 
-fs::path PreferencesStore::defaultExportFolder() { return vumoSupportDirectory() / "Exports"; }
+fs::path PreferencesStore::defaultExportFolder() { return defaultExportsDirectory(); }
 
 Preferences PreferencesStore::defaults() {
   Preferences preferences;
