@@ -451,7 +451,10 @@ void RecordingFlow::setShortcuts(const std::string& startStop, const std::string
       *id = shortcuts_->add(*text);
     } catch (const GlobalShortcutError& error) {
       // Shown once, after the windows that show it exist.
-      QTimer::singleShot(0, this, [this, error] { model_.fail(error); });
+      QTimer::singleShot(0, this, [this, error] {
+        model_.fail(error);
+        if (conflictHandler_) conflictHandler_(error.what());
+      });
     }
   }
   shortcutNotifier_ = new QSocketNotifier(shortcuts_->fileDescriptor(), QSocketNotifier::Read, this);

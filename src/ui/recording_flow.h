@@ -90,8 +90,12 @@ class RecordingFlow : public QObject {
   void restart();
   // Stops and removes the package.
   void discard();
-  // Grabs other shortcuts (in Qt's portable text); a conflict is reported once.
+  // Grabs other shortcuts (in Qt's portable text). A shortcut that cannot be had (another program
+  // holds its keys) is shown once through the model and handed to the conflict handler.
   void setShortcuts(const std::string& startStop, const std::string& pause);
+  // Told each shortcut conflict's sentence, including those of the constructor's grabs (they are
+  // reported once the event loop turns, so a handler set right after construction hears them).
+  void onShortcutConflict(std::function<void(const std::string&)> handler) { conflictHandler_ = std::move(handler); }
 
   // A recording runs or is being finished.
   bool isRecording() const;
@@ -144,6 +148,7 @@ class RecordingFlow : public QObject {
   QSocketNotifier* shortcutNotifier_ = nullptr;
   int startStopShortcut_ = 0;
   int pauseShortcut_ = 0;
+  std::function<void(const std::string&)> conflictHandler_;
 
   RecordingChoice choice_;
   CaptureSourceDescriptor source_;

@@ -388,10 +388,13 @@ TEST_F(RecordingFlowOnX11Test, AShortcutAnotherProgramHoldsIsReportedOnce) {
   X11GlobalShortcuts otherProgram(server().display());
   otherProgram.add("Ctrl+Shift+P");
   auto flow = makeFlow({}, true);
+  std::vector<std::string> conflicts;
+  flow->onShortcutConflict([&](const std::string& text) { conflicts.push_back(text); });
   turnUntil([&] { return !messages_.empty(); });
   turnUntil([] { return false; }, 200ms);
   EXPECT_EQ(messages_, std::vector<std::string>{"The shortcut Ctrl+Shift+P is already used by another program. "
                                                 "Choose another one in Settings."});
+  EXPECT_EQ(conflicts, messages_);
   // The other shortcut works all the same.
   key("ctrl+shift+r");
   ASSERT_TRUE(turnUntil([&] { return model_.phase() == Phase::choosingSource; }));
