@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <QApplication>
+#include <QCheckBox>
+#include <QComboBox>
+#include <QListWidget>
 #include <QPushButton>
 #include <chrono>
 #include <filesystem>
@@ -17,6 +20,7 @@
 #include "ui/application_model.h"
 #include "ui/control_panel.h"
 #include "ui/countdown_window.h"
+#include "ui/source_picker.h"
 
 // Qt's `emit` keyword would eat the synthetic stream's member of that name.
 #undef emit
@@ -398,6 +402,72 @@ TEST_F(RecordingFlowOnX11Test, AShortcutAnotherProgramHoldsIsReportedOnce) {
   // The other shortcut works all the same.
   key("ctrl+shift+r");
   ASSERT_TRUE(turnUntil([&] { return model_.phase() == Phase::choosingSource; }));
+}
+
+TEST_F(RecordingFlowOnX11Test, ThePickerListsDisplaysAndTitledWindowsAndSaysWhatWasChosen) {
+  testing::TestX11Client client(server().display());
+  const xcb_window_t window = client.createWindow(700, 100, 320, 200, 0x3366cc, "Quarterly report");
+  client.setWindowListProperty(client.root(), "_NET_CLIENT_LIST", {window});
+  client.sync();
+
+  RecordingOptions defaults;
+  defaults.framesPerSecond = 30;
+  defaults.capturesSystemAudio = false;
+  defaults.capturesMicrophone = true;
+  SourcePicker picker(defaults);
+  auto* sources = picker.findChild<QListWidget*>();
+  ASSERT_NE(sources, nullptr);
+  EXPECT_EQ(sources->accessibleName(), "Sources");
+  std::vector<std::string> texts;
+  for (int row = 0; row < sources->count(); ++row) texts.push_back(sources->item(row)->text().toStdString());
+  ASSERT_GE(texts.size(), 2u);
+  EXPECT_EQ(texts.front(), "Entire screen (1280 × 720)");
+  EXPECT_EQ(texts.back(), "Quarterly report");
+  // The window's item carries a small picture of it.
+  EXPECT_FALSE(sources->item(sources->count() - 1)->icon().isNull());
+
+  // The whole screen is chosen first; the streams follow the defaults.
+  RecordingChoice first = picker.choice();
+  EXPECT_EQ(first.source.kind, CaptureSourceKind::display);
+  EXPECT_EQ(first.source.display, "screen");
+  EXPECT_EQ(first.streams.framesPerSecond, 30);
+  EXPECT_FALSE(first.streams.systemAudio);
+  EXPECT_TRUE(first.streams.microphone);
+  EXPECT_FALSE(first.streams.camera);
+
+  std::optional<RecordingChoice> requested;
+  QObject::connect(&picker, &SourcePicker::recordRequested, [&](RecordingChoice c) { requested = c; });
+  sources->setCurrentRow(sources->count() - 1);
+  for (QCheckBox* box : picker.findChildren<QCheckBox*>())
+    if (box->text() == "System audio") box->setChecked(true);
+  for (QPushButton* button : picker.findChildren<QPushButton*>())
+    if (button->text() == "Record") button->click();
+  ASSERT_TRUE(requested);
+  EXPECT_EQ(requested->source.kind, CaptureSourceKind::window);
+  EXPECT_EQ(requested->source.window, window);
+  EXPECT_TRUE(requested->streams.systemAudio);
+}
+
+TEST_F(RecordingFlowTest, OnAWaylandSessionThePickerLeavesTheChoiceToTheDesktopsDialog) {
+  testing::ScopedEnvironmentVariable wayland("WAYLAND_DISPLAY", "wayland-0");
+  SourcePicker picker(PreferencesStore::defaults().recording);
+  EXPECT_EQ(picker.findChild<QListWidget*>(), nullptr);
+  std::map<QString, QPushButton*> buttons;
+  for (QPushButton* button : picker.findChildren<QPushButton*>()) buttons[button->text()] = button;
+  ASSERT_TRUE(buttons.count("Display…") && buttons.count("Window…") && buttons.count("Area…"));
+  EXPECT_FALSE(buttons["Area…"]->isEnabled());
+  std::vector<RecordingChoice> requested;
+  QObject::connect(&picker, &SourcePicker::recordRequested, [&](RecordingChoice c) { requested.push_back(c); });
+  buttons["Display…"]->click();
+  buttons["Window…"]->click();
+  ASSERT_EQ(requested.size(), 2u);
+  for (const RecordingChoice& c : requested) {
+    EXPECT_EQ(c.source.backend, RecordingBackend::portal);
+    EXPECT_TRUE(c.source.chooseSource);
+    EXPECT_FALSE(c.source.window);
+  }
+  EXPECT_EQ(requested[0].source.kind, CaptureSourceKind::display);
+  EXPECT_EQ(requested[1].source.kind, CaptureSourceKind::window);
 }
 
 }  // namespace
