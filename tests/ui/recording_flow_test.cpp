@@ -125,9 +125,11 @@ class RecordingFlowTest : public ::testing::Test {
     if (qobject_cast<QApplication*>(QCoreApplication::instance()) == nullptr) GTEST_SKIP() << "needs widgets";
   }
 
-  std::unique_ptr<RecordingFlow> makeFlow(std::vector<RectValue> displays, bool globalShortcuts = false) {
+  // `desktop`: the machine's own platform, as `vumo record` has it, instead of the synthetic one.
+  std::unique_ptr<RecordingFlow> makeFlow(std::vector<RectValue> displays, bool globalShortcuts = false,
+                                          bool desktop = false) {
     RecordingFlowSettings settings;
-    settings.makePlatform = [script = script_] { return std::make_unique<SyntheticPlatform>(script); };
+    if (!desktop) settings.makePlatform = [script = script_] { return std::make_unique<SyntheticPlatform>(script); };
     settings.freeSpace.probe = [this](const fs::path&) { return freeBytes_; };
     settings.countdownFrom = 2;
     settings.countdownStep = 20ms;
@@ -468,6 +470,38 @@ TEST_F(RecordingFlowTest, OnAWaylandSessionThePickerLeavesTheChoiceToTheDesktops
   }
   EXPECT_EQ(requested[0].source.kind, CaptureSourceKind::display);
   EXPECT_EQ(requested[1].source.kind, CaptureSourceKind::window);
+}
+
+TEST_F(RecordingFlowOnX11Test, RecordsAnAreaOfTheScreenAndLeavesTheClicksOnThePanelOut) {
+  auto flow = makeFlow({}, false, true);
+  RecordingChoice choice = displayChoice();
+  choice.source.kind = CaptureSourceKind::area;
+  choice.source.area = RectValue{0, 0, 640, 360};
+  flow->record(choice);
+  ASSERT_TRUE(turnUntil([&] { return model_.phase() == Phase::recording || !messages_.empty(); }))
+      << "phase " << nameOf(model_.phase());
+  ASSERT_TRUE(messages_.empty()) << messages_.front();
+  ASSERT_TRUE(flow->controlPanelCorner());
+  const PointValue corner = *flow->controlPanelCorner();
+  ASSERT_TRUE(turnUntil([&] { return region_.region() && region_.region()->x == corner.x; }));
+  turnFor(300ms);
+  auto xdotool = [&](std::vector<std::string> words) { testing::xdotool(server().display(), words); };
+  xdotool({"mousemove", "200", "150", "click", "1"});
+  turnFor(100ms);
+  // The panel's clock, not a button: the click changes nothing but must not reach the film.
+  xdotool({"mousemove", std::to_string(int(corner.x) + 12), std::to_string(int(corner.y) + 12), "click", "1"});
+  turnFor(100ms);
+  xdotool({"mousemove", "300", "200", "click", "1"});
+  turnFor(300ms);
+  flow->stopAndFinish();
+  ASSERT_TRUE(turnUntil([&] { return model_.phase() != Phase::finishing && model_.phase() != Phase::recording; }, 30s));
+  ASSERT_EQ(model_.phase(), Phase::editing) << (messages_.empty() ? "" : messages_.front());
+  const ProjectSnapshot snapshot = store_.loadSnapshot(store_.project(recorded_.at(0)));
+  EXPECT_EQ(snapshot.manifest.source.kind, CaptureSourceKind::area);
+  std::vector<PointValue> presses;
+  for (const MouseEvent& event : snapshot.mouseEvents)
+    if (event.phase == MousePhase::down) presses.push_back(event.globalPoint);
+  EXPECT_EQ(presses, (std::vector<PointValue>{{200, 150}, {300, 200}}));
 }
 
 }  // namespace
