@@ -225,17 +225,19 @@ void RecordingFlow::beginRecording(int generation) {
     try {
       StartedRecording started = startRecording(*platform, store_, source, streams, std::move(settings));
       std::shared_ptr<ScreenRecordingSession> session(std::move(started.session));
-      onMain([this, generation, session] { recordingBegan(generation, session); });
+      onMain([this, generation, session, platform] { recordingBegan(generation, session, platform); });
     } catch (...) {
       onMain([this, generation, error = std::current_exception()] { failedToStart(generation, error); });
     }
   });
 }
 
-void RecordingFlow::recordingBegan(int generation, std::shared_ptr<ScreenRecordingSession> session) {
+void RecordingFlow::recordingBegan(int generation, std::shared_ptr<ScreenRecordingSession> session,
+                                   std::shared_ptr<RecordingPlatform> platform) {
   if (generation != generation_ || model_.phase() != ApplicationPhase::countdown) {
-    // Cancelled while the streams opened: nothing of it is kept.
-    worker_.enqueue([session] {
+    // Cancelled while the streams opened: nothing of it is kept. The platform that made the
+    // streams outlives them.
+    worker_.enqueue([session, platform] {
       try {
         session->discard();
       } catch (const std::exception&) {

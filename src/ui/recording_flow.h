@@ -119,7 +119,8 @@ class RecordingFlow : public QObject {
   void closePicker();
   void resolved(int generation, CaptureSourceDescriptor source);
   void beginRecording(int generation);
-  void recordingBegan(int generation, std::shared_ptr<ScreenRecordingSession> session);
+  void recordingBegan(int generation, std::shared_ptr<ScreenRecordingSession> session,
+                      std::shared_ptr<RecordingPlatform> platform);
   void failedToStart(int generation, std::exception_ptr error);
   void finish();
   // Discards the running recording, then runs `afterwards` unless the discard failed.
