@@ -106,6 +106,14 @@ void RecordingFlow::closePicker() {
 
 void RecordingFlow::chooseArea(const RecordingChoice& choice) {
   closePicker();
+  // The screenshot is taken once the picker is off the screen and the windows under it have
+  // drawn themselves again (no compositor keeps their pictures).
+  QTimer::singleShot(250, this, [this, choice] {
+    if (model_.phase() == ApplicationPhase::choosingSource && !area_) showAreaSelection(choice);
+  });
+}
+
+void RecordingFlow::showAreaSelection(const RecordingChoice& choice) {
   auto* area = new AreaSelection();
   area->setAttribute(Qt::WA_DeleteOnClose);
   area_ = area;

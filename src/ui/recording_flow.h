@@ -116,6 +116,7 @@ class RecordingFlow : public QObject {
   template <class Work>
   void onMain(Work work);
   void chooseArea(const RecordingChoice& choice);
+  void showAreaSelection(const RecordingChoice& choice);
   void closePicker();
   void resolved(int generation, CaptureSourceDescriptor source);
   void beginRecording(int generation);

@@ -5,7 +5,9 @@
 #include <QApplication>
 #include <QCheckBox>
 #include <QComboBox>
+#include <QKeyEvent>
 #include <QListWidget>
+#include <QMouseEvent>
 #include <QPushButton>
 #include <chrono>
 #include <filesystem>
@@ -18,6 +20,7 @@
 #include "support/desktop_servers.h"
 #include "support/test_support.h"
 #include "ui/application_model.h"
+#include "ui/area_selection.h"
 #include "ui/control_panel.h"
 #include "ui/countdown_window.h"
 #include "ui/source_picker.h"
@@ -42,11 +45,13 @@ class SyntheticPlatform : public RecordingPlatform {
     bool failAfterStart = false;
     bool failToOpen = false;
     std::atomic<int> platformsMade = 0;
+    std::optional<RecordSourceRequest> lastRequest;  // written on the flow's worker, read after
   };
   explicit SyntheticPlatform(std::shared_ptr<Script> script) : script_(std::move(script)) { ++script_->platformsMade; }
 
   void listSources(const RecordSourceRequest&, Json&) override {}
   CaptureSourceDescriptor resolve(const RecordSourceRequest& request, std::stop_token) override {
+    script_->lastRequest = request;
     if (request.kind == CaptureSourceKind::window) throw FileError("no such window");
     CaptureSourceDescriptor source;
     source.kind = CaptureSourceKind::display;
@@ -251,6 +256,57 @@ TEST_F(RecordingFlowTest, AStartThatFailsReturnsToTheLibraryWithTheErrorShownOnc
     EXPECT_TRUE(packages().empty()) << c.what;
     EXPECT_FALSE(flow->isRecording()) << c.what;
   }
+}
+
+TEST_F(RecordingFlowTest, TheAreaDrawnAfterThePickerIsWhatIsRecordedAndEscapeThereCancels) {
+  auto flow = makeFlow({left_, right_});
+  auto openAreaSelection = [&]() -> AreaSelection* {
+    flow->start();
+    EXPECT_EQ(model_.phase(), Phase::choosingSource);
+    for (QPushButton* button : flow->sourcePicker()->findChildren<QPushButton*>())
+      if (button->text() == "Area…") button->click();
+    AreaSelection* found = nullptr;
+    turnUntil([&] {
+      for (QWidget* window : QApplication::topLevelWidgets())
+        if (auto* area = qobject_cast<AreaSelection*>(window); area && area->isVisible()) found = area;
+      return found != nullptr;
+    });
+    return found;
+  };
+  auto send = [](QWidget* to, QEvent::Type type, QPointF at) {
+    QMouseEvent event(type, at, at, Qt::LeftButton, type == QEvent::MouseButtonRelease ? Qt::NoButton : Qt::LeftButton,
+                      Qt::NoModifier);
+    QCoreApplication::sendEvent(to, &event);
+  };
+  auto press = [](QWidget* to, int key) {
+    QKeyEvent event(QEvent::KeyPress, key, Qt::NoModifier);
+    QCoreApplication::sendEvent(to, &event);
+  };
+
+  AreaSelection* area = openAreaSelection();
+  ASSERT_NE(area, nullptr);
+  EXPECT_EQ(flow->sourcePicker(), nullptr);
+  press(area, Qt::Key_Escape);
+  ASSERT_TRUE(turnUntil([&] { return model_.phase() == Phase::library; }));
+
+  area = openAreaSelection();
+  ASSERT_NE(area, nullptr);
+  send(area, QEvent::MouseButtonPress, {40, 30});
+  send(area, QEvent::MouseMove, {240, 130});
+  send(area, QEvent::MouseButtonRelease, {240, 130});
+  press(area, Qt::Key_Return);
+  ASSERT_TRUE(turnUntil([&] { return model_.phase() == Phase::recording; }));
+  ASSERT_TRUE(script_->lastRequest);
+  EXPECT_EQ(script_->lastRequest->kind, CaptureSourceKind::area);
+  ASSERT_TRUE(script_->lastRequest->area);
+  EXPECT_EQ(script_->lastRequest->area->x, 40);
+  EXPECT_EQ(script_->lastRequest->area->y, 30);
+  EXPECT_EQ(script_->lastRequest->area->width, 200);
+  EXPECT_EQ(script_->lastRequest->area->height, 100);
+  EXPECT_FALSE(script_->lastRequest->display);
+  turnFor(300ms);
+  flow->stopAndFinish();
+  ASSERT_TRUE(turnUntil([&] { return model_.phase() == Phase::editing; }));
 }
 
 TEST_F(RecordingFlowTest, AFailureWhileRecordingEndsInTheLibraryOnceAndKeepsTheFailedPackage) {
