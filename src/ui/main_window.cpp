@@ -13,7 +13,6 @@
 
 #include "project/project_store.h"
 #include "transcription/cloud_credential_store.h"
-#include "ui/export_dialog.h"
 #include "ui/library_window.h"
 #include "ui/preferences_store.h"
 #include "ui/settings_window.h"
@@ -71,6 +70,8 @@ MainWindowParts MainWindow::defaultParts() {
     hooks.isRecording = [] { return false; };
     return hooks;
   };
+  parts.stills = LibraryThumbnails::mediaEngineStills();
+  parts.exporters = ExportDialog::mediaEngineExporter();
   return parts;
 }
 
@@ -83,6 +84,14 @@ MainWindow::MainWindow(ApplicationModel& model, ProjectStore& store, Preferences
       loop_(loop),
       parts_(std::move(parts)),
       credentials_(std::make_unique<CloudCredentialStore>()) {
+  // A part left out is this build's own.
+  const MainWindowParts defaults = defaultParts();
+  if (!parts_.makeEditor) parts_.makeEditor = defaults.makeEditor;
+  if (!parts_.finishEditorSaves) parts_.finishEditorSaves = defaults.finishEditorSaves;
+  if (!parts_.makeRecordingFlow) parts_.makeRecordingFlow = defaults.makeRecordingFlow;
+  if (!parts_.stills) parts_.stills = defaults.stills;
+  if (!parts_.exporters) parts_.exporters = defaults.exporters;
+
   setWindowTitle(QStringLiteral("Vumo"));
   setAccessibleName(QStringLiteral("Vumo"));
   resize(960, 640);
@@ -107,18 +116,18 @@ MainWindow::MainWindow(ApplicationModel& model, ProjectStore& store, Preferences
   });
 
   pages_ = new QStackedWidget(central);
-  library_ = new LibraryWindow(model_, store_, loop_, LibraryThumbnails::mediaEngineStills(), pages_);
+  library_ = new LibraryWindow(model_, store_, loop_, parts_.stills, pages_);
   pages_->addWidget(library_);
   layout->addWidget(banner_);
   layout->addWidget(pages_, 1);
   setCentralWidget(central);
 
-  export_ = new ExportDialog(model_, loop_, ExportDialog::mediaEngineExporter(), this);
+  export_ = new ExportDialog(model_, loop_, parts_.exporters, this);
 
   model_.addObserver({[this](ApplicationPhase phase) { phaseChanged(phase); },
                       [this](const std::string& message) { showMessage(message); }});
 
-  recording_ = parts_.makeRecordingFlow ? parts_.makeRecordingFlow(model_, store_, this) : RecordingHooks{};
+  recording_ = parts_.makeRecordingFlow(model_, store_, this);
   if (recording_.onShortcutConflict)
     recording_.onShortcutConflict([this](const std::string& message) {
       shortcutConflict_ = QString::fromStdString(message);

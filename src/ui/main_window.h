@@ -13,6 +13,8 @@
 
 #include "project/project_snapshot.h"
 #include "ui/application_model.h"
+#include "ui/export_dialog.h"
+#include "ui/library_thumbnails.h"
 
 class QLabel;
 class QPushButton;
@@ -26,7 +28,6 @@ class ProjectStore;
 class PreferencesStore;
 class LibraryWindow;
 class SettingsWindow;
-class ExportDialog;
 class CloudCredentialStore;
 
 // The recording flow as the window drives it.
@@ -45,6 +46,9 @@ struct MainWindowParts {
   std::function<void(QWidget* editor, std::function<void()> done)> finishEditorSaves;
   // The recording flow, which drives the model itself.
   std::function<RecordingHooks(ApplicationModel&, ProjectStore&, QWidget* parent)> makeRecordingFlow;
+  // The media engine's stills and films; tests hand in their own.
+  LibraryThumbnails::StillRender stills;
+  ExportDialog::ExporterFactory exporters;
 };
 
 // Stands in for the editor where none is built in: the project's title, "Export…" and "Close".
@@ -73,6 +77,8 @@ class MainWindow : public QMainWindow {
   ApplicationModel& model() { return model_; }
   LibraryWindow& library() { return *library_; }
   QWidget* editor() const { return editor_; }
+  ExportDialog& exportDialog() { return *export_; }
+  SettingsWindow* settingsWindow() const { return settings_; }
   // The banner's text; empty when it is hidden.
   QString messageText() const;
 
