@@ -148,7 +148,7 @@ MainWindow::MainWindow(ApplicationModel& model, ProjectStore& store, Preferences
 
 MainWindow::~MainWindow() = default;
 
-QString MainWindow::messageText() const { return banner_->isVisible() ? bannerText_->text() : QString(); }
+QString MainWindow::messageText() const { return banner_->isHidden() ? QString() : bannerText_->text(); }
 
 void MainWindow::showMessage(const std::string& message) {
   const QString text = QString::fromStdString(message);
