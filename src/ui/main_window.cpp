@@ -233,6 +233,9 @@ void MainWindow::showSettings() {
         preferences_, *credentials_, store_, loop_, [this](const std::exception& error) { model_.fail(error); },
         SettingsDevices::ofThisMachine(), this);
     if (!shortcutConflict_.isEmpty()) settings_->reportShortcutConflict(shortcutConflict_);
+    connect(settings_, &SettingsWindow::shortcutsChanged, this, [this](const QString& startStop, const QString& pause) {
+      if (recording_.shortcutsChanged) recording_.shortcutsChanged(startStop.toStdString(), pause.toStdString());
+    });
   } else {
     settings_->reload();
   }

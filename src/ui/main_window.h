@@ -37,6 +37,8 @@ struct RecordingHooks {
   std::function<bool()> isRecording;
   // Where the flow reports the global shortcuts it could not take (see SettingsWindow).
   std::function<void(std::function<void(const std::string&)>)> onShortcutConflict;
+  // The person changed the shortcuts in the settings (Qt's portable key sequence texts).
+  std::function<void(const std::string& startStop, const std::string& pause)> shortcutsChanged;
 };
 
 struct MainWindowParts {
