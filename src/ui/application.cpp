@@ -21,6 +21,7 @@
 #include <thread>
 
 #include "cli/media_module_loader.h"
+#include "cli/recording_recovery.h"
 #include "project/project_store.h"
 #include "ui/application_model.h"
 #include "ui/main_window.h"
@@ -172,23 +173,14 @@ void TerminationSignals::drain() {
 // ---- Recovery ----------------------------------------------------------------------------------
 
 std::vector<std::string> recoverUnfinishedRecordings(ProjectStore& store, const MediaProbing& probe) {
+  const InterruptedRecordingRecovery result = recoverInterruptedRecordings(store, probe);
+  if (result.searchFailure) return {"Unfinished recordings could not be looked for: " + *result.searchFailure};
   std::vector<std::string> sentences;
-  std::vector<RecoverableProject> candidates;
-  try {
-    candidates = store.recoverableProjects(probe);
-  } catch (const std::exception& error) {
-    sentences.push_back(fmt::format("Unfinished recordings could not be looked for: {}", userMessageFor(error)));
-    return sentences;
-  }
-  for (const RecoverableProject& candidate : candidates) {
-    const std::string& title = candidate.manifest.source.title;
-    try {
-      store.markRecovered(candidate.package, candidate.mediaDuration);
-      sentences.push_back(fmt::format("The interrupted recording “{}” was recovered.", title));
-    } catch (const std::exception& error) {
-      sentences.push_back(
-          fmt::format("The interrupted recording “{}” could not be recovered: {}", title, userMessageFor(error)));
-    }
+  for (const InterruptedRecordingOutcome& outcome : result.outcomes) {
+    const std::string& title = outcome.candidate.manifest.source.title;
+    sentences.push_back(outcome.recovered ? fmt::format("The interrupted recording “{}” was recovered.", title)
+                                          : fmt::format("The interrupted recording “{}” could not be recovered: {}",
+                                                        title, outcome.failure));
   }
   return sentences;
 }
