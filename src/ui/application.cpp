@@ -8,6 +8,7 @@
 #include <QApplication>
 #include <QDir>
 #include <QFile>
+#include <QIcon>
 #include <QLocalServer>
 #include <QLocalSocket>
 #include <QSocketNotifier>
@@ -192,6 +193,7 @@ int Application::run(int argc, char** argv) {
   QApplication::setApplicationName(QStringLiteral("Vumo"));
   QApplication::setApplicationDisplayName(QStringLiteral("Vumo"));
   QGuiApplication::setDesktopFileName(QStringLiteral("com.tarvex.vumo"));
+  QApplication::setWindowIcon(QIcon::fromTheme(QStringLiteral("com.tarvex.vumo")));
 
   SingleInstance instance;
   if (!instance.claim()) return 0;

@@ -60,6 +60,7 @@ MainWindowParts MainWindow::defaultParts() {
   parts.makeEditor = [](MainLoop&, ProjectStore&, ProjectSnapshot snapshot, QWidget* parent) -> QWidget* {
     return new EditorPlaceholder(snapshot, parent);
   };
+  parts.editedSnapshot = [](QWidget*) -> std::optional<ProjectSnapshot> { return std::nullopt; };
   parts.finishEditorSaves = [](QWidget*, std::function<void()> done) { done(); };
   parts.makeRecordingFlow = [](ApplicationModel& model, ProjectStore&, QWidget*) {
     RecordingHooks hooks;
@@ -87,6 +88,7 @@ MainWindow::MainWindow(ApplicationModel& model, ProjectStore& store, Preferences
   // A part left out is this build's own.
   const MainWindowParts defaults = defaultParts();
   if (!parts_.makeEditor) parts_.makeEditor = defaults.makeEditor;
+  if (!parts_.editedSnapshot) parts_.editedSnapshot = defaults.editedSnapshot;
   if (!parts_.finishEditorSaves) parts_.finishEditorSaves = defaults.finishEditorSaves;
   if (!parts_.makeRecordingFlow) parts_.makeRecordingFlow = defaults.makeRecordingFlow;
   if (!parts_.stills) parts_.stills = defaults.stills;
@@ -216,8 +218,9 @@ void MainWindow::showExport() {
     return;
   }
   try {
-    const ProjectSnapshot snapshot = store_.loadSnapshot(store_.project(*model_.openProjectID()));
-    export_->prepare(snapshot, preferences_.load().exportFolder);
+    std::optional<ProjectSnapshot> snapshot = editor_ != nullptr ? parts_.editedSnapshot(editor_) : std::nullopt;
+    if (!snapshot) snapshot = store_.loadSnapshot(store_.project(*model_.openProjectID()));
+    export_->prepare(std::move(*snapshot), preferences_.load().exportFolder);
   } catch (const std::exception& error) {
     model_.fail(error);
     return;

@@ -8,6 +8,7 @@
 #include <QMainWindow>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -44,6 +45,9 @@ struct RecordingHooks {
 struct MainWindowParts {
   // The editor of the open project. It has the signals `exportRequested()` and `closeRequested()`.
   std::function<QWidget*(MainLoop&, ProjectStore&, ProjectSnapshot, QWidget* parent)> makeEditor;
+  // What the editor shows now, edits not yet saved included: what an export writes. None: the
+  // project as the store has it.
+  std::function<std::optional<ProjectSnapshot>(QWidget* editor)> editedSnapshot;
   // Calls `done` once every save the editor has queued has landed.
   std::function<void(QWidget* editor, std::function<void()> done)> finishEditorSaves;
   // The recording flow, which drives the model itself.
