@@ -248,6 +248,9 @@ void MainWindow::showSettings() {
 }
 
 void MainWindow::raiseAndActivate() {
+  // While a source is chosen or recorded the flow's own windows are in front, and the main
+  // window raised over the screen would be in the film.
+  if (model_.phase() == ApplicationPhase::choosingSource || isRecordingPhase(model_.phase())) return;
   if (isMinimized()) showNormal();
   show();
   raise();

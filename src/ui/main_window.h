@@ -93,6 +93,7 @@ class MainWindow : public QMainWindow {
   void prepareToQuit(std::function<void()> done);
 
  public slots:
+  // What a second `vumo` asks for; not while a source is chosen or recorded.
   void raiseAndActivate();
   void showSettings();
   void showExport();
