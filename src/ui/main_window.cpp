@@ -119,6 +119,8 @@ MainWindow::MainWindow(ApplicationModel& model, ProjectStore& store, Preferences
 
   pages_ = new QStackedWidget(central);
   library_ = new LibraryWindow(model_, store_, loop_, parts_.stills, pages_);
+  library_->setUnfinishedListed(false);
+  library_->refresh();
   pages_->addWidget(library_);
   layout->addWidget(banner_);
   layout->addWidget(pages_, 1);
@@ -263,7 +265,8 @@ void MainWindow::recoveryFinished(const std::vector<std::string>& sentences) {
     for (const std::string& sentence : sentences) text += (text.empty() ? "" : "\n") + sentence;
     showMessage(text);
   }
-  if (model_.phase() == ApplicationPhase::library) library_->refresh();
+  library_->setUnfinishedListed(true);
+  library_->refresh();
 }
 
 void MainWindow::waitUntil(std::function<bool()> finished, std::function<void()> then) {

@@ -98,7 +98,8 @@ class MainWindow : public QMainWindow {
   void showSettings();
   void showExport();
   void requestCloseEditor();
-  // Start-up recovery's sentences; the library is listed again.
+  // Start-up recovery's sentences; the library is listed again, now with the interrupted
+  // recordings it could not recover. Until this is called they are not listed.
   void recoveryFinished(const std::vector<std::string>& sentences);
 
  signals:
