@@ -33,6 +33,10 @@ std::string contents(const fs::path& path) {
 
 class LibraryTest : public ::testing::Test {
  protected:
+  TemporaryDirectory home;
+  testing::ScopedEnvironmentVariable homeVariable{"HOME", home.path().string()};
+  testing::ScopedEnvironmentVariable cacheHome{"XDG_CACHE_HOME", (home.path() / "cache").string()};
+  testing::ScopedEnvironmentVariable runtime{"XDG_RUNTIME_DIR", home.path().string()};
   ScopedDataHome data;
   ProjectStore store;
   FreedesktopTrash trash{data.path() / "Trash"};
