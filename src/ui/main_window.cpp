@@ -162,6 +162,16 @@ void MainWindow::showMessage(const std::string& message) {
 }
 
 void MainWindow::phaseChanged(ApplicationPhase phase) {
+  // Out of the picture while it is recorded, back when the recording is done.
+  if (isRecordingPhase(phase) && isVisible()) {
+    hiddenForRecording_ = true;
+    hide();
+  } else if (!isRecordingPhase(phase) && hiddenForRecording_) {
+    hiddenForRecording_ = false;
+    show();
+    raise();
+    activateWindow();
+  }
   switch (phase) {
     case ApplicationPhase::library:
       if (editor_ != nullptr) closeEditor();

@@ -134,6 +134,7 @@ class MainWindow : public QMainWindow {
   QString shortcutConflict_;
   ExportDialog* export_ = nullptr;
   bool quitting_ = false;
+  bool hiddenForRecording_ = false;
   bool closeAccepted_ = false;
 };
 

@@ -308,8 +308,10 @@ TEST_F(MainWindowTest, QuittingFinishesARunningRecordingFirst) {
     return hooks;
   };
   auto shell = window(std::move(chosen));
+  shell->show();
   button(shell.get(), "Record")->click();
   ASSERT_EQ(model.phase(), ApplicationPhase::recording);
+  EXPECT_FALSE(shell->isVisible()) << "the window is not in the film";
   bool done = false;
   shell->prepareToQuit([&] { done = true; });
   EXPECT_TRUE(finishing);
@@ -317,6 +319,7 @@ TEST_F(MainWindowTest, QuittingFinishesARunningRecordingFirst) {
   turnUntil([&] { return done; });
   EXPECT_TRUE(done);
   EXPECT_EQ(model.phase(), ApplicationPhase::library);
+  EXPECT_TRUE(shell->isVisible()) << "back once the recording is done";
 }
 
 }  // namespace
