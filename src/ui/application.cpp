@@ -8,6 +8,7 @@
 #include <QApplication>
 #include <QDir>
 #include <QFile>
+#include <QIcon>
 #include <QLocalServer>
 #include <QLocalSocket>
 #include <QSocketNotifier>
@@ -21,6 +22,7 @@
 #include <thread>
 
 #include "cli/media_module_loader.h"
+#include "cli/recording_recovery.h"
 #include "project/project_store.h"
 #include "ui/application_model.h"
 #include "ui/main_window.h"
@@ -172,23 +174,14 @@ void TerminationSignals::drain() {
 // ---- Recovery ----------------------------------------------------------------------------------
 
 std::vector<std::string> recoverUnfinishedRecordings(ProjectStore& store, const MediaProbing& probe) {
+  const InterruptedRecordingRecovery result = recoverInterruptedRecordings(store, probe);
+  if (result.searchFailure) return {"Unfinished recordings could not be looked for: " + *result.searchFailure};
   std::vector<std::string> sentences;
-  std::vector<RecoverableProject> candidates;
-  try {
-    candidates = store.recoverableProjects(probe);
-  } catch (const std::exception& error) {
-    sentences.push_back(fmt::format("Unfinished recordings could not be looked for: {}", userMessageFor(error)));
-    return sentences;
-  }
-  for (const RecoverableProject& candidate : candidates) {
-    const std::string& title = candidate.manifest.source.title;
-    try {
-      store.markRecovered(candidate.package, candidate.mediaDuration);
-      sentences.push_back(fmt::format("The interrupted recording “{}” was recovered.", title));
-    } catch (const std::exception& error) {
-      sentences.push_back(
-          fmt::format("The interrupted recording “{}” could not be recovered: {}", title, userMessageFor(error)));
-    }
+  for (const InterruptedRecordingOutcome& outcome : result.outcomes) {
+    const std::string& title = outcome.candidate.manifest.source.title;
+    sentences.push_back(outcome.recovered ? fmt::format("The interrupted recording “{}” was recovered.", title)
+                                          : fmt::format("The interrupted recording “{}” could not be recovered: {}",
+                                                        title, outcome.failure));
   }
   return sentences;
 }
@@ -200,6 +193,7 @@ int Application::run(int argc, char** argv) {
   QApplication::setApplicationName(QStringLiteral("Vumo"));
   QApplication::setApplicationDisplayName(QStringLiteral("Vumo"));
   QGuiApplication::setDesktopFileName(QStringLiteral("com.tarvex.vumo"));
+  QApplication::setWindowIcon(QIcon::fromTheme(QStringLiteral("com.tarvex.vumo")));
 
   SingleInstance instance;
   if (!instance.claim()) return 0;

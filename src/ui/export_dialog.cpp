@@ -78,6 +78,7 @@ fs::path ExportDialog::freeTarget(const fs::path& folder, const std::string& nam
 ExportDialog::ExportDialog(ApplicationModel& model, MainLoop& loop, ExporterFactory exporters, QWidget* parent)
     : QDialog(parent), model_(model), loop_(loop), exporters_(std::move(exporters)) {
   setWindowTitle(QStringLiteral("Export"));
+  setMinimumWidth(520);
   setAccessibleName(QStringLiteral("Export"));
   auto* layout = new QVBoxLayout(this);
   auto* form = new QFormLayout;

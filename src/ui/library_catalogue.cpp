@@ -88,7 +88,7 @@ std::vector<LibraryEntry> LibraryCatalogue::recentProjects() const {
   return entries;
 }
 
-std::vector<DamagedPackage> LibraryCatalogue::damagedPackages() const {
+std::vector<DamagedPackage> LibraryCatalogue::damagedPackages(bool includeUnfinished) const {
   std::set<fs::path> shown;
   for (const RecentProject& recent : store_.recentProjects()) shown.insert(recent.packagePath.filename());
   std::vector<fs::path> entries = visibleEntries(store_.projectsDirectoryPath());
@@ -98,7 +98,7 @@ std::vector<DamagedPackage> LibraryCatalogue::damagedPackages() const {
     const std::string name = entry.filename().string();
     const bool finished = endsWith(name, finishedSuffix);
     const bool unfinished = endsWith(name, unfinishedSuffix);
-    if ((!finished && !unfinished) || shown.contains(entry.filename())) continue;
+    if ((!finished && !(unfinished && includeUnfinished)) || shown.contains(entry.filename())) continue;
     std::error_code error;
     if (!fs::is_directory(fs::symlink_status(entry, error))) continue;
     if (RecordingPackageLock::isHeld(entry)) continue;  // a recording still writes it

@@ -58,7 +58,9 @@ class LibraryCatalogue {
   // `.vumo` packages that recentProjects() leaves out (no media, a manifest that cannot be read,
   // a recording that failed) and `.vumo.tmp` packages that recovery could not complete, each with
   // its reason, by path. A package whose recording is live is not damaged and is not listed.
-  std::vector<DamagedPackage> damagedPackages() const;
+  // Without `includeUnfinished` the `.vumo.tmp` packages are left out: until start-up recovery
+  // has run, they may still be recovered.
+  std::vector<DamagedPackage> damagedPackages(bool includeUnfinished = true) const;
 
   // Writes the title into the manifest; a title of white space only is LibraryError::emptyTitle.
   void rename(const LibraryEntry& entry, const std::string& title);

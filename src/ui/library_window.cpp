@@ -119,7 +119,7 @@ void LibraryWindow::refresh() {
       projects_->currentItem() != nullptr ? projects_->currentItem()->data(projectIDRole).toString() : QString();
   try {
     entries_ = catalogue_.recentProjects();
-    damaged_ = catalogue_.damagedPackages();
+    damaged_ = catalogue_.damagedPackages(unfinishedListed_);
   } catch (const std::exception& error) {
     entries_.clear();
     damaged_.clear();
@@ -221,6 +221,8 @@ void LibraryWindow::importFolders(const std::vector<fs::path>& folders) {
   }
   refresh();
 }
+
+void LibraryWindow::setUnfinishedListed(bool listed) { unfinishedListed_ = listed; }
 
 void LibraryWindow::askToRename() {
   const LibraryEntry* entry = selectedEntry();

@@ -43,6 +43,9 @@ class LibraryWindow : public QWidget {
   void renameProject(const std::string& projectID, const std::string& title);
   void trashProject(const std::string& projectID);
   void importFolders(const std::vector<std::filesystem::path>& folders);
+  // Whether interrupted recordings are listed as damaged (from the next refresh): not until
+  // start-up recovery has tried them.
+  void setUnfinishedListed(bool listed);
 
  public slots:
   // Lists the store again and asks for the thumbnails it lacks.
@@ -72,6 +75,7 @@ class LibraryWindow : public QWidget {
   std::unique_ptr<LibraryThumbnails> thumbnails_;
   std::vector<LibraryEntry> entries_;
   std::vector<DamagedPackage> damaged_;
+  bool unfinishedListed_ = true;
   QListWidget* projects_ = nullptr;
   QLabel* emptyLabel_ = nullptr;
   QLabel* damagedTitle_ = nullptr;

@@ -13,7 +13,6 @@
 
 #include "project/project_store.h"
 #include "transcription/cloud_credential_store.h"
-#include "ui/export_dialog.h"
 #include "ui/library_window.h"
 #include "ui/preferences_store.h"
 #include "ui/settings_window.h"
@@ -61,6 +60,7 @@ MainWindowParts MainWindow::defaultParts() {
   parts.makeEditor = [](MainLoop&, ProjectStore&, ProjectSnapshot snapshot, QWidget* parent) -> QWidget* {
     return new EditorPlaceholder(snapshot, parent);
   };
+  parts.editedSnapshot = [](QWidget*) -> std::optional<ProjectSnapshot> { return std::nullopt; };
   parts.finishEditorSaves = [](QWidget*, std::function<void()> done) { done(); };
   parts.makeRecordingFlow = [](ApplicationModel& model, ProjectStore&, QWidget*) {
     RecordingHooks hooks;
@@ -71,6 +71,8 @@ MainWindowParts MainWindow::defaultParts() {
     hooks.isRecording = [] { return false; };
     return hooks;
   };
+  parts.stills = LibraryThumbnails::mediaEngineStills();
+  parts.exporters = ExportDialog::mediaEngineExporter();
   return parts;
 }
 
@@ -83,6 +85,15 @@ MainWindow::MainWindow(ApplicationModel& model, ProjectStore& store, Preferences
       loop_(loop),
       parts_(std::move(parts)),
       credentials_(std::make_unique<CloudCredentialStore>()) {
+  // A part left out is this build's own.
+  const MainWindowParts defaults = defaultParts();
+  if (!parts_.makeEditor) parts_.makeEditor = defaults.makeEditor;
+  if (!parts_.editedSnapshot) parts_.editedSnapshot = defaults.editedSnapshot;
+  if (!parts_.finishEditorSaves) parts_.finishEditorSaves = defaults.finishEditorSaves;
+  if (!parts_.makeRecordingFlow) parts_.makeRecordingFlow = defaults.makeRecordingFlow;
+  if (!parts_.stills) parts_.stills = defaults.stills;
+  if (!parts_.exporters) parts_.exporters = defaults.exporters;
+
   setWindowTitle(QStringLiteral("Vumo"));
   setAccessibleName(QStringLiteral("Vumo"));
   resize(960, 640);
@@ -107,18 +118,20 @@ MainWindow::MainWindow(ApplicationModel& model, ProjectStore& store, Preferences
   });
 
   pages_ = new QStackedWidget(central);
-  library_ = new LibraryWindow(model_, store_, loop_, LibraryThumbnails::mediaEngineStills(), pages_);
+  library_ = new LibraryWindow(model_, store_, loop_, parts_.stills, pages_);
+  library_->setUnfinishedListed(false);
+  library_->refresh();
   pages_->addWidget(library_);
   layout->addWidget(banner_);
   layout->addWidget(pages_, 1);
   setCentralWidget(central);
 
-  export_ = new ExportDialog(model_, loop_, ExportDialog::mediaEngineExporter(), this);
+  export_ = new ExportDialog(model_, loop_, parts_.exporters, this);
 
   model_.addObserver({[this](ApplicationPhase phase) { phaseChanged(phase); },
                       [this](const std::string& message) { showMessage(message); }});
 
-  recording_ = parts_.makeRecordingFlow ? parts_.makeRecordingFlow(model_, store_, this) : RecordingHooks{};
+  recording_ = parts_.makeRecordingFlow(model_, store_, this);
   if (recording_.onShortcutConflict)
     recording_.onShortcutConflict([this](const std::string& message) {
       shortcutConflict_ = QString::fromStdString(message);
@@ -139,7 +152,7 @@ MainWindow::MainWindow(ApplicationModel& model, ProjectStore& store, Preferences
 
 MainWindow::~MainWindow() = default;
 
-QString MainWindow::messageText() const { return banner_->isVisible() ? bannerText_->text() : QString(); }
+QString MainWindow::messageText() const { return banner_->isHidden() ? QString() : bannerText_->text(); }
 
 void MainWindow::showMessage(const std::string& message) {
   const QString text = QString::fromStdString(message);
@@ -149,6 +162,16 @@ void MainWindow::showMessage(const std::string& message) {
 }
 
 void MainWindow::phaseChanged(ApplicationPhase phase) {
+  // Out of the picture while it is recorded, back when the recording is done.
+  if (isRecordingPhase(phase) && isVisible()) {
+    hiddenForRecording_ = true;
+    hide();
+  } else if (!isRecordingPhase(phase) && hiddenForRecording_) {
+    hiddenForRecording_ = false;
+    show();
+    raise();
+    activateWindow();
+  }
   switch (phase) {
     case ApplicationPhase::library:
       if (editor_ != nullptr) closeEditor();
@@ -207,8 +230,9 @@ void MainWindow::showExport() {
     return;
   }
   try {
-    const ProjectSnapshot snapshot = store_.loadSnapshot(store_.project(*model_.openProjectID()));
-    export_->prepare(snapshot, preferences_.load().exportFolder);
+    std::optional<ProjectSnapshot> snapshot = editor_ != nullptr ? parts_.editedSnapshot(editor_) : std::nullopt;
+    if (!snapshot) snapshot = store_.loadSnapshot(store_.project(*model_.openProjectID()));
+    export_->prepare(std::move(*snapshot), preferences_.load().exportFolder);
   } catch (const std::exception& error) {
     model_.fail(error);
     return;
@@ -224,6 +248,9 @@ void MainWindow::showSettings() {
         preferences_, *credentials_, store_, loop_, [this](const std::exception& error) { model_.fail(error); },
         SettingsDevices::ofThisMachine(), this);
     if (!shortcutConflict_.isEmpty()) settings_->reportShortcutConflict(shortcutConflict_);
+    connect(settings_, &SettingsWindow::shortcutsChanged, this, [this](const QString& startStop, const QString& pause) {
+      if (recording_.shortcutsChanged) recording_.shortcutsChanged(startStop.toStdString(), pause.toStdString());
+    });
   } else {
     settings_->reload();
   }
@@ -233,6 +260,9 @@ void MainWindow::showSettings() {
 }
 
 void MainWindow::raiseAndActivate() {
+  // While a source is chosen or recorded the flow's own windows are in front, and the main
+  // window raised over the screen would be in the film.
+  if (model_.phase() == ApplicationPhase::choosingSource || isRecordingPhase(model_.phase())) return;
   if (isMinimized()) showNormal();
   show();
   raise();
@@ -245,7 +275,8 @@ void MainWindow::recoveryFinished(const std::vector<std::string>& sentences) {
     for (const std::string& sentence : sentences) text += (text.empty() ? "" : "\n") + sentence;
     showMessage(text);
   }
-  if (model_.phase() == ApplicationPhase::library) library_->refresh();
+  library_->setUnfinishedListed(true);
+  library_->refresh();
 }
 
 void MainWindow::waitUntil(std::function<bool()> finished, std::function<void()> then) {

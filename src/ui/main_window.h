@@ -8,11 +8,14 @@
 #include <QMainWindow>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "project/project_snapshot.h"
 #include "ui/application_model.h"
+#include "ui/export_dialog.h"
+#include "ui/library_thumbnails.h"
 
 class QLabel;
 class QPushButton;
@@ -26,7 +29,6 @@ class ProjectStore;
 class PreferencesStore;
 class LibraryWindow;
 class SettingsWindow;
-class ExportDialog;
 class CloudCredentialStore;
 
 // The recording flow as the window drives it.
@@ -36,15 +38,23 @@ struct RecordingHooks {
   std::function<bool()> isRecording;
   // Where the flow reports the global shortcuts it could not take (see SettingsWindow).
   std::function<void(std::function<void(const std::string&)>)> onShortcutConflict;
+  // The person changed the shortcuts in the settings (Qt's portable key sequence texts).
+  std::function<void(const std::string& startStop, const std::string& pause)> shortcutsChanged;
 };
 
 struct MainWindowParts {
   // The editor of the open project. It has the signals `exportRequested()` and `closeRequested()`.
   std::function<QWidget*(MainLoop&, ProjectStore&, ProjectSnapshot, QWidget* parent)> makeEditor;
+  // What the editor shows now, edits not yet saved included: what an export writes. None: the
+  // project as the store has it.
+  std::function<std::optional<ProjectSnapshot>(QWidget* editor)> editedSnapshot;
   // Calls `done` once every save the editor has queued has landed.
   std::function<void(QWidget* editor, std::function<void()> done)> finishEditorSaves;
   // The recording flow, which drives the model itself.
   std::function<RecordingHooks(ApplicationModel&, ProjectStore&, QWidget* parent)> makeRecordingFlow;
+  // The media engine's stills and films; tests hand in their own.
+  LibraryThumbnails::StillRender stills;
+  ExportDialog::ExporterFactory exporters;
 };
 
 // Stands in for the editor where none is built in: the project's title, "Export…" and "Close".
@@ -73,6 +83,8 @@ class MainWindow : public QMainWindow {
   ApplicationModel& model() { return model_; }
   LibraryWindow& library() { return *library_; }
   QWidget* editor() const { return editor_; }
+  ExportDialog& exportDialog() { return *export_; }
+  SettingsWindow* settingsWindow() const { return settings_; }
   // The banner's text; empty when it is hidden.
   QString messageText() const;
 
@@ -81,11 +93,13 @@ class MainWindow : public QMainWindow {
   void prepareToQuit(std::function<void()> done);
 
  public slots:
+  // What a second `vumo` asks for; not while a source is chosen or recorded.
   void raiseAndActivate();
   void showSettings();
   void showExport();
   void requestCloseEditor();
-  // Start-up recovery's sentences; the library is listed again.
+  // Start-up recovery's sentences; the library is listed again, now with the interrupted
+  // recordings it could not recover. Until this is called they are not listed.
   void recoveryFinished(const std::vector<std::string>& sentences);
 
  signals:
@@ -120,6 +134,7 @@ class MainWindow : public QMainWindow {
   QString shortcutConflict_;
   ExportDialog* export_ = nullptr;
   bool quitting_ = false;
+  bool hiddenForRecording_ = false;
   bool closeAccepted_ = false;
 };
 

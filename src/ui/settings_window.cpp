@@ -78,6 +78,8 @@ SettingsWindow::SettingsWindow(PreferencesStore& preferences, CloudCredentialSto
   auto* layout = new QVBoxLayout(this);
   pages_ = new QTabWidget(this);
   pages_->setAccessibleName(QStringLiteral("Settings pages"));
+  // Every page's name in sight: a tab behind a scroll arrow is one a person never finds.
+  pages_->setUsesScrollButtons(false);
   pages_->addTab(makeRecordingPage(), QStringLiteral("Recording"));
   pages_->addTab(makeShortcutsPage(), QStringLiteral("Shortcuts"));
   pages_->addTab(makeCloudPage(), QStringLiteral("Cloud"));
@@ -88,6 +90,7 @@ SettingsWindow::SettingsWindow(PreferencesStore& preferences, CloudCredentialSto
   auto* buttons = new QDialogButtonBox(QDialogButtonBox::Close, this);
   layout->addWidget(buttons);
   connect(buttons, &QDialogButtonBox::rejected, this, &QDialog::close);
+  resize(640, 520);
   connect(pages_, &QTabWidget::currentChanged, this, [this](int index) {
     if (pages_->widget(index) == diagnostics_) diagnostics_->refresh();
   });

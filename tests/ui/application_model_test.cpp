@@ -34,6 +34,7 @@
 #include "timeline/timeline_speed_engine.h"
 #include "timeline/timeline_validation_error.h"
 #include "transcription/transcription_errors.h"
+#include "ui/library_catalogue.h"
 #include "ui/user_messages.h"
 
 namespace vumo {
@@ -353,6 +354,8 @@ TEST(ApplicationModel, AnErrorOfEachFamilyIsShownOnceInItsCatalogueWords) {
        "No selected audio track is available for captions."},
       {"CloudCredentialError", [] { throw CloudCredentialError(CloudCredentialError::Case::missing); },
        "Add an Alibaba Cloud Bailian API key first."},
+      {"LibraryError", [] { throw LibraryError(LibraryError::Case::alreadyInLibrary, "3F2A.vumo"); },
+       "The project 3F2A.vumo is already in the library."},
   };
   for (const auto& injected : families) {
     SCOPED_TRACE(injected.family);

@@ -33,6 +33,10 @@ std::string contents(const fs::path& path) {
 
 class LibraryTest : public ::testing::Test {
  protected:
+  TemporaryDirectory home;
+  testing::ScopedEnvironmentVariable homeVariable{"HOME", home.path().string()};
+  testing::ScopedEnvironmentVariable cacheHome{"XDG_CACHE_HOME", (home.path() / "cache").string()};
+  testing::ScopedEnvironmentVariable runtime{"XDG_RUNTIME_DIR", home.path().string()};
   ScopedDataHome data;
   ProjectStore store;
   FreedesktopTrash trash{data.path() / "Trash"};
@@ -92,6 +96,9 @@ TEST_F(LibraryTest, PackagesTheListLeavesOutAreListedAsDamagedWithTheirReason) {
   ASSERT_EQ(reasons.size(), 4u) << "a live recording is not damaged";
   for (const auto& [path, reason] : expected) EXPECT_EQ(reasons[path], reason) << path;
   ASSERT_TRUE(reasons.contains(badManifest.rootPath));
+  for (const DamagedPackage& damaged : catalogue.damagedPackages(false))
+    EXPECT_NE(damaged.packagePath, interrupted.package.rootPath) << "left to start-up recovery";
+  EXPECT_EQ(catalogue.damagedPackages(false).size(), 3u);
   EXPECT_FALSE(reasons[badManifest.rootPath].empty());
   EXPECT_EQ(reasons[badManifest.rootPath].find("{\"version\""), std::string::npos) << "the text is never quoted";
 }
