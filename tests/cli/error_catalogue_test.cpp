@@ -19,6 +19,7 @@
 #include "captions/caption_errors.h"
 #include "capture/capture_error.h"
 #include "capture/evdev_pointer_buttons.h"
+#include "capture/x11_global_shortcuts.h"
 #include "cli/cli_errors.h"
 #include "cli/prompt_command.h"
 #include "editor/project_timeline_watcher.h"
@@ -27,7 +28,9 @@
 #include "media/recording_media_writer.h"
 #include "media/still_image.h"
 #include "media/video_device_stream.h"
+#include "playback/playback_errors.h"
 #include "project/project_store_error.h"
+#include "recording/free_space_guard.h"
 #include "recording/recording_errors.h"
 #include "rendering/rendering_errors.h"
 #include "timeline/device_frame_catalog.h"
@@ -233,6 +236,9 @@ std::vector<std::string> everyCase() {
     unlisted();
   });
   listing.add<CloudCredentialError>([](auto kind) { return CloudCredentialError(kind); });
+  listing.add<RecordingStorageError>([](auto kind) { return RecordingStorageError(kind, "/home/ada/.local/share/Vumo/Projects"); });
+  listing.add<GlobalShortcutError>([](auto kind) { return GlobalShortcutError(kind, "Ctrl+Shift+R"); });
+  listing.add<PlaybackError>([](auto kind) { return PlaybackError(kind, "Connection refused"); });
   return listing.lines();
 }
 
