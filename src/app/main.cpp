@@ -110,7 +110,7 @@ struct VumoEntryPoint {
         "       vumo record ...      record the screen (vumo record --help)\n"
         "       vumo export ...      export a project's film (vumo export --help)\n"
         "       vumo prompt ...      the briefing for an editing agent\n"
-        "       vumo settings ...    change a project's settings\n"
+        "       vumo settings ...    store the cloud speech key (vumo settings --help)\n"
         "vumo: no display is reachable (neither DISPLAY nor WAYLAND_DISPLAY names one), so the desktop application "
         "cannot start; without a display, use `vumo cli ...`, `vumo record` and `vumo export`.\n",
         stderr);

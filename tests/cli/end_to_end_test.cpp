@@ -58,11 +58,14 @@ TEST_F(EndToEndTest, MalformedRangeIsStatusTwoWithTheEnvelopeOnStandardError) {
 }
 
 TEST_F(EndToEndTest, AnythingButExactlyCliOpensTheApplication) {
+  // Without a display the application cannot open, and says so instead of running a command.
   for (auto words : {std::vector<std::string>{"CLI", "list"}, {}, {"--cli"}}) {
-    auto result = vumo(words);
-    EXPECT_EQ(result.status, 1);
+    auto result = testing::runProgram(
+        testing::vumoBinary(), words,
+        {{"XDG_DATA_HOME", home.path().string()}, {"DISPLAY", std::nullopt}, {"WAYLAND_DISPLAY", std::nullopt}});
+    EXPECT_EQ(result.status, 6);
     EXPECT_TRUE(result.standardOutput.empty());
-    EXPECT_NE(result.standardError.find("desktop application is not available"), std::string::npos);
+    EXPECT_NE(result.standardError.find("the desktop application cannot start"), std::string::npos);
   }
   EXPECT_TRUE(dataFolderIsEmpty());
 }
