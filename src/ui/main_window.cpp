@@ -203,7 +203,7 @@ void MainWindow::phaseChanged(ApplicationPhase phase) {
   if (isRecordingPhase(phase) && isVisible()) {
     hiddenForRecording_ = true;
     hide();
-  } else if (!isRecordingPhase(phase) && hiddenForRecording_) {
+  } else if (!isRecordingPhase(phase) && hiddenForRecording_ && !quitting_) {
     hiddenForRecording_ = false;
     show();
     raise();
@@ -217,7 +217,8 @@ void MainWindow::phaseChanged(ApplicationPhase phase) {
       library_->refresh();
       break;
     case ApplicationPhase::editing:
-      if (editor_ == nullptr && model_.openProjectID()) openEditor(*model_.openProjectID());
+      // A recording finished by quitting is kept, not opened.
+      if (editor_ == nullptr && model_.openProjectID() && !quitting_) openEditor(*model_.openProjectID());
       break;
     case ApplicationPhase::choosingSource:
     case ApplicationPhase::countdown:
