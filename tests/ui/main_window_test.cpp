@@ -166,10 +166,12 @@ TEST_F(MainWindowTest, AFailedStartReturnsToTheLibraryWithTheErrorShownOnce) {
     return hooks;
   };
   auto shell = window(std::move(chosen));
+  shell->show();
   button(shell.get(), "Record")->click();
   EXPECT_EQ(model.phase(), ApplicationPhase::library);
   EXPECT_EQ(shown, std::vector<QString>{
                        "Unable to connect to the X display :99. Recording needs an X11 session (check DISPLAY)."});
+  EXPECT_TRUE(shell->isVisible()) << "out of sight for the countdown, back with the message";
 }
 
 TEST_F(MainWindowTest, AFlowThatCannotRecordSaysSoOnce) {
@@ -330,7 +332,7 @@ TEST_F(MainWindowTest, QuittingFinishesARunningRecordingFirst) {
   turnUntil([&] { return done; });
   EXPECT_TRUE(done);
   EXPECT_EQ(model.phase(), ApplicationPhase::library);
-  EXPECT_TRUE(shell->isVisible()) << "back once the recording is done";
+  EXPECT_FALSE(shell->isVisible()) << "the application is going: the window stays out of sight";
 }
 
 }  // namespace
