@@ -10,8 +10,8 @@
 #include <optional>
 
 #include "cli/cli_errors.h"
-#include "cli/recording_start.h"
 #include "cli/recording_recovery.h"
+#include "cli/recording_start.h"
 #include "cli/verb_arguments.h"
 #include "project/project_store.h"
 #include "shared/error.h"

@@ -191,7 +191,6 @@ std::vector<std::string> recoverUnfinishedRecordings(ProjectStore& store, const 
 int Application::run(int argc, char** argv) {
   QApplication application(argc, argv);
   QApplication::setApplicationName(QStringLiteral("Vumo"));
-  QApplication::setApplicationDisplayName(QStringLiteral("Vumo"));
   QGuiApplication::setDesktopFileName(QStringLiteral("com.tarvex.vumo"));
   QApplication::setWindowIcon(QIcon::fromTheme(QStringLiteral("com.tarvex.vumo")));
 

@@ -4,6 +4,7 @@
 #include <QFrame>
 #include <QHBoxLayout>
 #include <QLabel>
+#include <QPointer>
 #include <QPushButton>
 #include <QStackedWidget>
 #include <QTimer>
@@ -11,10 +12,14 @@
 #include <chrono>
 #include <stdexcept>
 
+#include "editor/caption_editing_session.h"
+#include "editor/timeline_editing_session.h"
 #include "project/project_store.h"
 #include "transcription/cloud_credential_store.h"
+#include "ui/editor_window.h"
 #include "ui/library_window.h"
 #include "ui/preferences_store.h"
+#include "ui/recording_flow.h"
 #include "ui/settings_window.h"
 #include "ui/user_messages.h"
 
@@ -57,18 +62,50 @@ EditorPlaceholder::EditorPlaceholder(const ProjectSnapshot& snapshot, QWidget* p
 
 MainWindowParts MainWindow::defaultParts() {
   MainWindowParts parts;
-  parts.makeEditor = [](MainLoop&, ProjectStore&, ProjectSnapshot snapshot, QWidget* parent) -> QWidget* {
-    return new EditorPlaceholder(snapshot, parent);
+  parts.makeEditor = [](MainLoop& loop, ProjectStore& store, ProjectSnapshot snapshot, QWidget* parent) -> QWidget* {
+    return new EditorWindow(loop, store, std::move(snapshot), parent);
   };
-  parts.editedSnapshot = [](QWidget*) -> std::optional<ProjectSnapshot> { return std::nullopt; };
-  parts.finishEditorSaves = [](QWidget*, std::function<void()> done) { done(); };
-  parts.makeRecordingFlow = [](ApplicationModel& model, ProjectStore&, QWidget*) {
+  parts.editedSnapshot = [](QWidget* editor) -> std::optional<ProjectSnapshot> {
+    const auto* window = qobject_cast<const EditorWindow*>(editor);
+    if (window == nullptr) return std::nullopt;
+    ProjectSnapshot snapshot = window->snapshot();
+    snapshot.timeline = window->session().timeline();
+    if (const CaptionEditingSession* captions = window->captionSession()) snapshot.captions = captions->document();
+    return snapshot;
+  };
+  parts.finishEditorSaves = [](QWidget* editor, std::function<void()> done) {
+    QPointer<EditorWindow> window = qobject_cast<EditorWindow*>(editor);
+    if (window == nullptr || window->outstandingSaves() == 0) {
+      done();
+      return;
+    }
+    const auto deadline = std::chrono::steady_clock::now() + quitLimit;
+    auto* timer = new QTimer(window);
+    timer->setInterval(pollMilliseconds);
+    QObject::connect(timer, &QTimer::timeout, window, [timer, window, done, deadline] {
+      if (window->outstandingSaves() > 0 && std::chrono::steady_clock::now() < deadline) return;
+      timer->stop();
+      timer->deleteLater();
+      done();
+    });
+    timer->start();
+  };
+  parts.makeRecordingFlow = [](ApplicationModel& model, ProjectStore& store, QWidget* parent) {
+    QPointer<RecordingFlow> flow = new RecordingFlow(model, store, parent);
     RecordingHooks hooks;
-    hooks.start = [&model] {
-      if (model.chooseSource()) model.fail(std::runtime_error("Recording is not available in this build of Vumo."));
+    hooks.start = [flow] {
+      if (flow) flow->start();
     };
-    hooks.stopAndFinish = [] {};
-    hooks.isRecording = [] { return false; };
+    hooks.stopAndFinish = [flow] {
+      if (flow) flow->stopAndFinish();
+    };
+    hooks.isRecording = [flow] { return flow && flow->isRecording(); };
+    hooks.onShortcutConflict = [flow](std::function<void(const std::string&)> handler) {
+      if (flow) flow->onShortcutConflict(std::move(handler));
+    };
+    hooks.shortcutsChanged = [flow](const std::string& startStop, const std::string& pause) {
+      if (flow) flow->setShortcuts(startStop, pause);
+    };
     return hooks;
   };
   parts.stills = LibraryThumbnails::mediaEngineStills();
@@ -166,7 +203,7 @@ void MainWindow::phaseChanged(ApplicationPhase phase) {
   if (isRecordingPhase(phase) && isVisible()) {
     hiddenForRecording_ = true;
     hide();
-  } else if (!isRecordingPhase(phase) && hiddenForRecording_) {
+  } else if (!isRecordingPhase(phase) && hiddenForRecording_ && !quitting_) {
     hiddenForRecording_ = false;
     show();
     raise();
@@ -180,7 +217,8 @@ void MainWindow::phaseChanged(ApplicationPhase phase) {
       library_->refresh();
       break;
     case ApplicationPhase::editing:
-      if (editor_ == nullptr && model_.openProjectID()) openEditor(*model_.openProjectID());
+      // A recording finished by quitting is kept, not opened.
+      if (editor_ == nullptr && model_.openProjectID() && !quitting_) openEditor(*model_.openProjectID());
       break;
     case ApplicationPhase::choosingSource:
     case ApplicationPhase::countdown:

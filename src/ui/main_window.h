@@ -57,7 +57,7 @@ struct MainWindowParts {
   ExportDialog::ExporterFactory exporters;
 };
 
-// Stands in for the editor where none is built in: the project's title, "Export…" and "Close".
+// Stands in for the editor in tests of the shell: the project's title, "Export…" and "Close".
 class EditorPlaceholder : public QWidget {
   Q_OBJECT
 
@@ -73,7 +73,7 @@ class MainWindow : public QMainWindow {
   Q_OBJECT
 
  public:
-  // What this build has: the placeholder editor and a recording flow that says it is missing.
+  // The editor window, the recording flow and the media engine's stills and films.
   static MainWindowParts defaultParts();
 
   MainWindow(ApplicationModel& model, ProjectStore& store, PreferencesStore& preferences, MainLoop& loop,
