@@ -12,6 +12,7 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QPushButton>
+#include <QScrollArea>
 #include <QSignalBlocker>
 #include <QSpinBox>
 #include <QTabWidget>
@@ -715,7 +716,14 @@ InspectorPanels::InspectorPanels(Context context, QTabWidget* tabs) : QObject(ta
   connect(this, &QObject::destroyed, [kept] { delete kept; });
   const auto add = [&](Panel* panel, const char* title) {
     panel->setAccessibleName(title);
-    tabs->addTab(panel, title);
+    // A long page scrolls rather than making the editor taller than a 720-line screen.
+    auto* scroller = new QScrollArea;
+    scroller->setWidgetResizable(true);
+    scroller->setFrameShape(QFrame::NoFrame);
+    scroller->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
+    scroller->setAccessibleName(title);
+    scroller->setWidget(panel);
+    tabs->addTab(scroller, title);
     panels_.push_back(panel);
   };
   add(new ClipPanel(*kept), "Clip");
