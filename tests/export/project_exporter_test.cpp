@@ -25,6 +25,7 @@ extern "C" {
 #include "rendering/rendering_context.h"
 #include "shared/cancellation.h"
 #include "shared/files.h"
+#include "support/test_support.h"
 
 namespace vumo {
 namespace {
@@ -368,19 +369,6 @@ TEST_F(ProjectExports, TheSoundLiesWhereTheEditPutsItAndAMutedTrackIsSilent) {
   }
 }
 
-double psnr(const std::vector<std::uint8_t>& a, const std::vector<std::uint8_t>& b) {
-  double sum = 0;
-  std::size_t count = 0;
-  for (std::size_t i = 0; i < a.size() && i < b.size(); ++i) {
-    if (i % 4 == 3) continue;
-    const double difference = double(a[i]) - double(b[i]);
-    sum += difference * difference;
-    ++count;
-  }
-  const double mse = sum / double(count);
-  return mse == 0 ? 99.0 : 10.0 * std::log10(255.0 * 255.0 / mse);
-}
-
 // The whole scene (a margin, rounded corners, a zoom, the camera overlay) on moving gradients: a
 // film frame is the still of the same instant, up to the codec's loss. The gradients' colours are
 // named: left to itself the source draws new random ones on every run, and the loss of 4:2:0
@@ -419,7 +407,7 @@ TEST_F(ProjectExports, AFilmFrameIsTheStillOfTheSameInstant) {
       const StillImage still = stills.renderImage(snapshot, ProjectExporter::frameTime(index, 30), 256, {});
       ASSERT_EQ(still.width, 256);
       ASSERT_EQ(still.height, 144);
-      EXPECT_GE(psnr(still.pixels, film.rgba[index]), 35.0);
+      EXPECT_GE(vumo::testing::colourPSNR(still.pixels, film.rgba[index]), 35.0);
     }
   }
 }

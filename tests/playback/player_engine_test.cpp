@@ -22,19 +22,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-double psnr(const std::vector<std::uint8_t>& a, const std::vector<std::uint8_t>& b) {
-  double sum = 0;
-  std::size_t count = 0;
-  for (std::size_t i = 0; i < a.size() && i < b.size(); ++i) {
-    if (i % 4 == 3) continue;
-    const double difference = double(a[i]) - double(b[i]);
-    sum += difference * difference;
-    ++count;
-  }
-  const double mse = sum / double(count);
-  return mse == 0 ? 99.0 : 10.0 * std::log10(255.0 * 255.0 / mse);
-}
-
 // Mesa keeps the first shader cache folder it was given for the whole process: one folder serves
 // every test of the suite, however often it runs.
 class PlayerWithTheMediaEngine : public ::testing::Test {
@@ -110,7 +97,7 @@ TEST_F(PlayerWithTheMediaEngine, PlaysAGeneratedRecordingInStepWithItsSoundAsThe
       stills->render(snapshot, frame->sequenceTime, static_cast<int>(frame->size.width), StillImageFormat::png, {}));
   ASSERT_EQ(still.width, frame->size.width);
   ASSERT_EQ(still.height, frame->size.height);
-  EXPECT_GE(psnr(still.pixels, frame->rgba), 45.0);
+  EXPECT_GE(testing::colourPSNR(still.pixels, frame->rgba), 45.0);
 }
 
 // A change of look reaches the next picture without a new load: the engine's picture after
@@ -143,7 +130,7 @@ TEST_F(PlayerWithTheMediaEngine, VisualEditsReachTheNextPictureAsTheStillShowsTh
   const auto stills = module.makeStillRenderer();
   const StillImage still = decodeStillImage(stills->render(edited, time, 640, StillImageFormat::png, {}));
   ASSERT_EQ(still.height, 640);
-  EXPECT_GE(psnr(still.pixels, after.pixels), 45.0);
+  EXPECT_GE(testing::colourPSNR(still.pixels, after.pixels), 45.0);
 
   // Any time outside the sequence shows its nearest picture; the view size decides the size.
   const StillImage last = engine->render(ProjectTime::fromMilliseconds(5'000), {100, 300}, {});

@@ -121,18 +121,7 @@ int distance(const Rgb& a, const Rgb& b) {
 
 #define EXPECT_COLOUR(actual, expected, tolerance) EXPECT_TRUE(colourNear((actual), (expected), (tolerance)))
 
-double psnr(const StillImage& a, const StillImage& b) {
-  double squared = 0;
-  std::size_t count = 0;
-  for (std::size_t i = 0; i < a.pixels.size(); ++i) {
-    if (i % 4 == 3) continue;
-    const double d = static_cast<double>(a.pixels[i]) - static_cast<double>(b.pixels[i]);
-    squared += d * d;
-    ++count;
-  }
-  if (squared == 0) return 100;
-  return 10 * std::log10(255.0 * 255.0 / (squared / static_cast<double>(count)));
-}
+double psnr(const StillImage& a, const StillImage& b) { return testing::colourPSNR(a.pixels, b.pixels); }
 
 // Compares with a reference picture of tests/rendering/golden; VUMO_UPDATE_GOLDEN=1 rewrites it.
 void expectGolden(const StillImage& image, const std::string& name) {

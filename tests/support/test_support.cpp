@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
@@ -162,6 +163,19 @@ ProcessResult runProgram(const std::filesystem::path& program, const std::vector
   launch.environment = environment;
   launch.workingDirectory = workingDirectory;
   return run(launch);
+}
+
+double colourPSNR(const std::vector<std::uint8_t>& a, const std::vector<std::uint8_t>& b) {
+  double squared = 0;
+  std::size_t count = 0;
+  for (std::size_t i = 0; i < a.size() && i < b.size(); ++i) {
+    if (i % 4 == 3) continue;
+    const double difference = double(a[i]) - double(b[i]);
+    squared += difference * difference;
+    ++count;
+  }
+  if (squared == 0 || count == 0) return 99.0;
+  return 10.0 * std::log10(255.0 * 255.0 / (squared / double(count)));
 }
 
 }  // namespace vumo::testing

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -99,6 +100,10 @@ auto thrownCase(Statement&& statement) -> std::optional<decltype(std::declval<co
   }
   return std::nullopt;
 }
+
+// Peak signal-to-noise ratio in dB of two RGBA8 pictures of the same size over their colour
+// channels (alpha left out); 99 for identical pictures.
+double colourPSNR(const std::vector<std::uint8_t>& a, const std::vector<std::uint8_t>& b);
 
 }  // namespace vumo::testing
 

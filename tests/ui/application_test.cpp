@@ -20,9 +20,12 @@
 #include "shared/resources.h"
 #include "support/desktop_servers.h"
 #include "support/test_support.h"
+#include "widget_test_support.h"
 
 namespace vumo {
 namespace {
+
+using widget_testing::turnUntil;
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
@@ -34,12 +37,6 @@ QCoreApplication& application() {
   static char* argv[] = {name, nullptr};
   if (QCoreApplication::instance() == nullptr) new QCoreApplication(argc, argv);
   return *QCoreApplication::instance();
-}
-
-void turnUntil(const std::function<bool()>& done, std::chrono::milliseconds limit = 10s) {
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  while (!done() && std::chrono::steady_clock::now() < deadline)
-    QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
 }
 
 TEST(SingleInstance, ASecondInstanceRaisesTheFirstAndStartsNothing) {

@@ -42,22 +42,16 @@
 #include "ui/qt_main_loop.h"
 #include "ui/timeline_canvas.h"
 #include "ui/timeline_canvas_thumbnails.h"
+#include "widget_test_support.h"
 
 namespace vumo {
 namespace {
 
+using widget_testing::turnUntil;
+
 using namespace std::chrono_literals;
 
 // Turns Qt's loop until `done` or a generous limit: saves and the watcher answer on other threads.
-bool turnUntil(const std::function<bool()>& done, std::chrono::seconds limit = 30s) {
-  const auto end = std::chrono::steady_clock::now() + limit;
-  while (!done()) {
-    if (std::chrono::steady_clock::now() > end) return false;
-    QApplication::processEvents(QEventLoop::AllEvents, 20);
-    QTest::qWait(5);
-  }
-  return true;
-}
 
 // Turns the loop for a while, for things that must NOT happen.
 void turnFor(std::chrono::milliseconds span) {

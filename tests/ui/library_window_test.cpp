@@ -17,25 +17,17 @@
 #include "support/test_support.h"
 #include "ui/application_model.h"
 #include "ui/qt_main_loop.h"
+#include "widget_test_support.h"
 
 namespace vumo {
 namespace {
+
+using widget_testing::startWidgets;
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using testing::ScopedEnvironmentVariable;
 using testing::TemporaryDirectory;
-
-bool startWidgets() {
-  static int argc = 1;
-  static char name[] = "ui_tests";
-  static char* argv[] = {name, nullptr};
-  if (QCoreApplication::instance() == nullptr) {
-    qputenv("QT_QPA_PLATFORM", "offscreen");
-    new QApplication(argc, argv);
-  }
-  return qobject_cast<QApplication*>(QCoreApplication::instance()) != nullptr;
-}
 
 std::string redPNG(int width) {
   QImage image(width, width * 9 / 16, QImage::Format_RGB32);

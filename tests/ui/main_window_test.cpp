@@ -21,32 +21,18 @@
 #include "ui/preferences_store.h"
 #include "ui/qt_main_loop.h"
 #include "ui/user_messages.h"
+#include "widget_test_support.h"
 
 namespace vumo {
 namespace {
+
+using widget_testing::startWidgets;
+using widget_testing::turnUntil;
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using testing::ScopedEnvironmentVariable;
 using testing::TemporaryDirectory;
-
-// Widgets without a display or a window manager.
-bool startWidgets() {
-  static int argc = 1;
-  static char name[] = "ui_tests";
-  static char* argv[] = {name, nullptr};
-  if (QCoreApplication::instance() == nullptr) {
-    qputenv("QT_QPA_PLATFORM", "offscreen");
-    new QApplication(argc, argv);
-  }
-  return qobject_cast<QApplication*>(QCoreApplication::instance()) != nullptr;
-}
-
-void turnUntil(const std::function<bool()>& done, std::chrono::milliseconds limit = 10s) {
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  while (!done() && std::chrono::steady_clock::now() < deadline)
-    QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
-}
 
 QPushButton* button(QWidget* root, const QString& text) {
   for (QPushButton* candidate : root->findChildren<QPushButton*>())

@@ -8,18 +8,16 @@
 #include <thread>
 #include <vector>
 
+#include "widget_test_support.h"
+
 namespace vumo {
 namespace {
+
+using widget_testing::turnUntil;
 
 using namespace std::chrono_literals;
 
 // Turns Qt's loop until `done` or a generous limit, so a broken loop fails instead of hanging.
-void turnUntil(const std::function<bool()>& done) {
-  const auto limit = std::chrono::steady_clock::now() + 10s;
-  while (!done() && std::chrono::steady_clock::now() < limit) {
-    QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
-  }
-}
 
 class QtMainLoopTest : public ::testing::Test {
  protected:

@@ -30,8 +30,12 @@
 #include "capture/synthetic_streams.h"
 #define emit
 
+#include "widget_test_support.h"
+
 namespace vumo {
 namespace {
+
+using widget_testing::turnUntil;
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
@@ -94,11 +98,6 @@ class SyntheticPlatform : public RecordingPlatform {
 };
 
 // Turns Qt's loop until `done` or a generous limit, so a broken flow fails instead of hanging.
-bool turnUntil(const std::function<bool()>& done, std::chrono::milliseconds limit = 10s) {
-  const auto end = std::chrono::steady_clock::now() + limit;
-  while (!done() && std::chrono::steady_clock::now() < end) QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
-  return done();
-}
 
 void turnFor(std::chrono::milliseconds time) {
   turnUntil([] { return false; }, time);

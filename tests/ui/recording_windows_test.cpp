@@ -13,18 +13,15 @@
 #include "ui/area_selection.h"
 #include "ui/control_panel.h"
 #include "ui/countdown_window.h"
+#include "widget_test_support.h"
 
 namespace vumo {
 namespace {
 
+using widget_testing::turnUntil;
+
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
-
-bool turnUntil(const std::function<bool()>& done, std::chrono::milliseconds limit = 5s) {
-  const auto end = std::chrono::steady_clock::now() + limit;
-  while (!done() && std::chrono::steady_clock::now() < end) QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
-  return done();
-}
 
 class RecordingWindowsTest : public ::testing::Test {
  protected:

@@ -20,25 +20,17 @@
 #include "transcription/transcription_errors.h"
 #include "ui/diagnostics_page.h"
 #include "ui/qt_main_loop.h"
+#include "widget_test_support.h"
 
 namespace vumo {
 namespace {
+
+using widget_testing::startWidgets;
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using testing::ScopedEnvironmentVariable;
 using testing::TemporaryDirectory;
-
-bool startWidgets() {
-  static int argc = 1;
-  static char name[] = "ui_tests";
-  static char* argv[] = {name, nullptr};
-  if (QCoreApplication::instance() == nullptr) {
-    qputenv("QT_QPA_PLATFORM", "offscreen");
-    new QApplication(argc, argv);
-  }
-  return qobject_cast<QApplication*>(QCoreApplication::instance()) != nullptr;
-}
 
 template <class Widget>
 Widget* named(QWidget* root, const QString& name) {
