@@ -414,15 +414,29 @@ std::vector<std::string> AtspiDriver::clippedControls(const AccessibleNode& wind
   std::vector<std::string> clipped;
   const auto windowRect = window.extents();
   if (!windowRect || windowRect->empty()) return {"the window " + window.summary() + " has no size"};
-  for (const auto& info : descendants(window)) {
-    if (info.depth == 0 || !info.showing || !info.visible || !controlRoles().count(info.role)) continue;
+  // Content of a scroll pane may lie beyond the window: a person scrolls to it. It still needs a
+  // size, and the pane itself must lie inside.
+  std::vector<std::pair<AccessibleNode, bool>> pending;
+  for (auto& child : window.children()) pending.emplace_back(child, false);
+  for (std::size_t visited = 0; !pending.empty() && visited < 20000; ++visited) {
+    auto [node, scrolled] = pending.back();
+    pending.pop_back();
+    if (!node.showing() || !node.visible()) continue;
+    const std::string role = node.roleName();
+    const std::string name = node.name();
+    const auto rect = node.extents();
     // Labels without text are spacers of layouts; a person misses nothing there.
-    if (info.role == "label" && info.name.empty() && info.node.text().empty()) continue;
-    if (!info.extents || info.extents->empty())
-      clipped.push_back(info.role + " '" + info.name + "' has no size");
-    else if (!windowRect->contains(*info.extents))
-      clipped.push_back(info.role + " '" + info.name + "' at " + describe(*info.extents) + " reaches outside " +
-                        describe(*windowRect));
+    const bool blankLabel = role == "label" && name.empty() && node.text().empty();
+    if (controlRoles().count(role) && !blankLabel) {
+      if (!rect || rect->empty())
+        clipped.push_back(role + " '" + name + "' has no size");
+      else if (!scrolled && !windowRect->contains(*rect))
+        clipped.push_back(role + " '" + name + "' at " + describe(*rect) + " reaches outside " + describe(*windowRect));
+    }
+    const bool pane = role == "scroll pane" || role == "viewport";
+    if (pane && !scrolled && rect && !windowRect->contains(*rect))
+      clipped.push_back(role + " '" + name + "' at " + describe(*rect) + " reaches outside " + describe(*windowRect));
+    for (auto& child : node.children()) pending.emplace_back(child, scrolled || pane);
   }
   return clipped;
 }

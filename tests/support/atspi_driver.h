@@ -121,7 +121,8 @@ class AtspiDriver {
   // Every node under `root` with its geometry, root first.
   std::vector<DescendantInfo> descendants(const AccessibleNode& root);
   // The controls under `window` that a person could not see whole: showing and visible, but with
-  // no size or reaching outside the window. Empty when nothing is clipped.
+  // no size or reaching outside the window (content of a scroll pane may lie beyond it, as long as
+  // the pane does not). Empty when nothing is clipped.
   std::vector<std::string> clippedControls(const AccessibleNode& window);
   // The tree under `root` as indented lines, for failure messages.
   std::string dump(const AccessibleNode& root, int maxDepth = 12);
