@@ -1,11 +1,13 @@
 // The smallest Qt Widgets program the desktop harness drives in its own test: a window "Probe"
-// with a button "Press Me" and a label that counts the presses, so a test can tell a press that
-// arrived through the accessibility tree, or through the pointer, from one that did not. Given
+// with a button "Press Me", a label that counts the presses (so a test can tell a press that
+// arrived, through the accessibility tree or the pointer, from one that did not) and a text field
+// "Title". Given
 // --clipped, a second button "Cut Off" reaches past the window's right edge, for the check that
 // finds controls a person cannot see whole.
 
 #include <QApplication>
 #include <QLabel>
+#include <QLineEdit>
 #include <QPushButton>
 #include <QVBoxLayout>
 #include <QWidget>
@@ -22,6 +24,9 @@ int main(int argc, char** argv) {
   auto* label = new QLabel("Pressed 0 times", &window);
   layout->addWidget(button);
   layout->addWidget(label);
+  auto* title = new QLineEdit(&window);
+  title->setAccessibleName("Title");
+  layout->addWidget(title);
   int presses = 0;
   QObject::connect(button, &QPushButton::clicked, [&] {
     ++presses;

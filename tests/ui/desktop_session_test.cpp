@@ -73,6 +73,10 @@ TEST_P(DesktopSessionTest, DrivesAQtProgramThroughItsAccessibilityTreeAndThePoin
   EXPECT_TRUE(driver.waitUntil([&] { return label.text() == "Pressed 2 times"; }, 10s)) << label.text();
   EXPECT_EQ(driver.clippedControls(window), std::vector<std::string>{});
 
+  const auto title = driver.waitFor(window, {"text", "Title"});
+  driver.setText(title, "Cut from 1 s, 世界");
+  EXPECT_TRUE(driver.waitUntil([&] { return title.text() == "Cut from 1 s, 世界"; }, 10s)) << title.text();
+
   const auto file = screenshots / (probeCase.name + "-window.png");
   std::filesystem::remove(file);
   saveScreenshot(session.display(), file, windowRect);
