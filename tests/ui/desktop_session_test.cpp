@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "support/atspi_driver.h"
+#include "support/desktop_session_journey.h"
 
 namespace vumo::testing {
 namespace {
@@ -159,6 +160,29 @@ TEST(DesktopSession, ClippedControlsAreNamed) {
   ASSERT_EQ(clipped.size(), 1u) << ::testing::PrintToString(clipped);
   EXPECT_EQ(clipped.front().rfind("push button 'Cut Off' at ", 0), 0u) << clipped.front();
   EXPECT_NE(clipped.front().find("reaches outside"), std::string::npos) << clipped.front();
+}
+
+// A step that fails says which step, what it wanted and what the tree held instead, and leaves a
+// screenshot of the screen at that moment behind.
+TEST(DesktopJourney, AFailedStepTellsWhereItBrokeAndShowsTheScreen) {
+  DesktopJourney journey({}, screenshots / "journey");
+  journey.start({VUMO_ATSPI_PROBE}, "probe");
+  const auto window = journey.step("find the probe's window",
+                                   [&] { return journey.driver().waitForWindow(journey.application(), "Probe"); });
+  journey.step("press Press Me", [&] { journey.press(window, "Press Me"); });
+  try {
+    journey.step("find a button that is not there", [&] {
+      return journey.driver().waitFor(window, {"push button", "Absent"}, 500ms);
+    });
+    FAIL() << "a missing button was found";
+  } catch (const std::runtime_error& error) {
+    const std::string text = error.what();
+    EXPECT_EQ(text.rfind("step 3 (find a button that is not there) failed: no push button 'Absent'", 0), 0u) << text;
+    EXPECT_NE(text.find("label 'Pressed 1 times'"), std::string::npos) << "the tree as it was:\n" << text;
+    const auto shot = screenshots / "journey" / "failed-step-3.png";
+    EXPECT_NE(text.find("screenshot: " + shot.string()), std::string::npos) << text;
+    EXPECT_EQ(pngSize(shot), std::make_pair(1280, 720));
+  }
 }
 
 }  // namespace
