@@ -202,6 +202,14 @@ std::string AccessibleNode::summary() const {
 }
 
 AtspiDriver::AtspiDriver(double qtScaleFactor) {
+  // libatspi keeps its connection and the desktop it found for the life of the process and cannot
+  // connect again after atspi_exit, so a second desktop in one process would see an empty tree.
+  static bool connectedBefore = false;
+  if (connectedBefore)
+    throw std::runtime_error(
+        "the accessibility client connects once per process: run each desktop test in a process of its own "
+        "(ctest does; by hand, one test at a time with --gtest_filter)");
+  connectedBefore = true;
   coordinateScale = qtScaleFactor;
   // A client that answers slowly fails the call after the limit instead of hanging the test; the
   // first calls to an application that is still starting get longer.

@@ -89,7 +89,8 @@ class AtspiDriver {
  public:
   // Connects to the accessibility bus of this process's session bus and display. Qt's bridge gives
   // geometry in device-independent pixels; `qtScaleFactor` (the programs' QT_SCALE_FACTOR) turns it
-  // into the screen's pixels, where pointer input and screenshots work.
+  // into the screen's pixels, where pointer input and screenshots work. One driver per process:
+  // libatspi cannot connect a second time, so a second driver throws.
   explicit AtspiDriver(double qtScaleFactor = 1.0);
   ~AtspiDriver();
   AtspiDriver(const AtspiDriver&) = delete;
