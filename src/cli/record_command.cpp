@@ -10,6 +10,7 @@
 #include <optional>
 
 #include "cli/cli_errors.h"
+#include "cli/recording_recovery.h"
 #include "cli/verb_arguments.h"
 #include "project/project_store.h"
 #include "shared/error.h"
@@ -129,26 +130,24 @@ RecordRequest parse(const std::vector<std::string>& arguments) {
 Json recoverUnfinishedRecordings(ProjectStore& store, const MediaProbing& probe,
                                  const std::function<void(std::string_view)>& writeError) {
   Json recovered = Json::array();
-  std::vector<RecoverableProject> candidates;
-  try {
-    candidates = store.recoverableProjects(probe);
-  } catch (const std::exception& error) {
-    writeError(fmt::format("vumo record: could not look for unfinished recordings: {}\n", error.what()));
+  const InterruptedRecordingRecovery result = recoverInterruptedRecordings(store, probe);
+  if (result.searchFailure) {
+    writeError(fmt::format("vumo record: could not look for unfinished recordings: {}\n", *result.searchFailure));
     return recovered;
   }
-  for (const RecoverableProject& candidate : candidates) {
-    try {
-      const ProjectPackage package = store.markRecovered(candidate.package, candidate.mediaDuration);
-      writeError(fmt::format("vumo record: recovered the interrupted recording {} ({} ms) as {}\n",
-                             candidate.manifest.id.string(), candidate.mediaDuration.cliMilliseconds(),
-                             package.rootPath.string()));
-      recovered.push_back({{"projectID", candidate.manifest.id.string()},
-                           {"packagePath", package.rootPath.string()},
-                           {"durationMilliseconds", candidate.mediaDuration.cliMilliseconds()}});
-    } catch (const std::exception& error) {
+  for (const InterruptedRecordingOutcome& outcome : result.outcomes) {
+    const RecoverableProject& candidate = outcome.candidate;
+    if (!outcome.recovered) {
       writeError(fmt::format("vumo record: could not recover the interrupted recording {}: {}\n",
-                             candidate.package.rootPath.string(), error.what()));
+                             candidate.package.rootPath.string(), outcome.failure));
+      continue;
     }
+    writeError(fmt::format("vumo record: recovered the interrupted recording {} ({} ms) as {}\n",
+                           candidate.manifest.id.string(), candidate.mediaDuration.cliMilliseconds(),
+                           outcome.recovered->rootPath.string()));
+    recovered.push_back({{"projectID", candidate.manifest.id.string()},
+                         {"packagePath", outcome.recovered->rootPath.string()},
+                         {"durationMilliseconds", candidate.mediaDuration.cliMilliseconds()}});
   }
   return recovered;
 }

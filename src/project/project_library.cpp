@@ -79,12 +79,14 @@ bool ProjectLibrary::isDirectlyInProjectsFolder(const fs::path& path) const {
   return resolvedFolder(path.parent_path()) == resolvedFolder(projectsDirectory_);
 }
 
-void ProjectLibrary::deleteProject(const RecentProject& recent) {
+fs::path ProjectLibrary::deletablePackage(const RecentProject& recent) const {
   fs::path path = standardized(recent.packagePath);
   if (path.extension() != finishedSuffix || !isDirectlyInProjectsFolder(path))
     throw ProjectStoreError::invalidProjectLocation();
-  removeAllOrThrow(path);
+  return path;
 }
+
+void ProjectLibrary::deleteProject(const RecentProject& recent) { removeAllOrThrow(deletablePackage(recent)); }
 
 void ProjectLibrary::discardRecording(const ProjectPackage& package) {
   fs::path path = standardized(package.rootPath);

@@ -26,6 +26,9 @@ class ProjectLibrary {
   ProjectPackage project(const std::string& matchingIDPrefix) const;
   // Only a `.vumo` folder directly in the projects folder; invalidProjectLocation otherwise.
   void deleteProject(const RecentProject& recent);
+  // The folder deleteProject would remove, after the same checks, for a caller that disposes of
+  // it another way (the desktop moves it to the trash).
+  std::filesystem::path deletablePackage(const RecentProject& recent) const;
   // Only a `<UUID>.vumo.tmp` folder directly in the projects folder. Renamed out of sight first,
   // so a crash halfway never leaves something that looks like a project.
   void discardRecording(const ProjectPackage& package);
