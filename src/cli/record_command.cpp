@@ -11,6 +11,7 @@
 
 #include "cli/cli_errors.h"
 #include "cli/recording_recovery.h"
+#include "cli/recording_start.h"
 #include "cli/verb_arguments.h"
 #include "project/project_store.h"
 #include "shared/error.h"
@@ -209,11 +210,12 @@ class StatusPrinter {
 }  // namespace
 
 RecordCommand::RecordCommand(RecordControls& controls, VumoCLI::Streams streams, bool statusOnTerminal,
-                             std::unique_ptr<RecordingPlatform> platform)
+                             std::unique_ptr<RecordingPlatform> platform, FreeSpaceGuard::Settings freeSpace)
     : controls_(controls),
       streams_(std::move(streams)),
       statusOnTerminal_(statusOnTerminal),
-      platform_(std::move(platform)) {}
+      platform_(std::move(platform)),
+      freeSpace_(std::move(freeSpace)) {}
 
 std::string RecordCommand::usageText() {
   return "usage: vumo record [source] [options]\n"
@@ -245,6 +247,8 @@ std::string RecordCommand::usageText() {
          "  --list-sources      print the displays, windows, audio sources and video devices\n"
          "  --help              this text\n"
          "\n"
+         "A recording needs 1 GiB free in the projects folder to start, and stops and is kept\n"
+         "(with a note in the answer) when less than that is left.\n"
          "Ctrl-C or SIGTERM stops and keeps the recording (status 0); before the first frame it\n"
          "cancels and leaves nothing (130). SIGUSR1 pauses and resumes; the pause leaves no gap.\n"
          "A killed recording is recovered by the next vumo record, which lists it in its answer.";
@@ -271,20 +275,15 @@ int RecordCommand::run(const std::vector<std::string>& arguments) {
       return 0;
     }
 
+    // Refused before the person is asked for a source: with no room there is nothing to choose.
+    ProjectStore store;
+    FreeSpaceGuard freeSpace(store.projectsDirectoryPath(), freeSpace_);
+    freeSpace.requireRoomToStart();
+
     // The desktop may end a shared source ("stop sharing"): that finishes the recording as Ctrl-C does.
     platform_->onSourceEnded([this] { controls_.post(RecordControlEvent::stop); });
     CaptureSourceDescriptor source = platform_->resolve(request.source, controls_.stopRequested());
     if (request.title) source.title = *request.title;
-    RecordingOptions options;
-    options.capturesSystemAudio = request.streams.systemAudio;
-    options.capturesMicrophone = request.streams.microphone;
-    options.capturesWebcam = request.streams.camera;
-    options.capturesMenuBar = true;
-    options.microphoneDeviceID = request.streams.microphoneSource;
-    options.webcamDeviceID = request.streams.cameraPath;
-    options.framesPerSecond = request.streams.framesPerSecond;
-
-    ProjectStore store;
     const Json recoveredProjects =
         recoverUnfinishedRecordings(store, platform_->recordingMediaProbe(), streams_.standardError);
 
@@ -295,20 +294,10 @@ int RecordCommand::run(const std::vector<std::string>& arguments) {
       failed = true;
       controls_.wake();
     };
-    platform_->watchSource(source, settings);
-    RecordingCaptureStreams streams = platform_->openStreams(source, request.streams);
-    const std::vector<std::string> notes = platform_->recordingNotes();
+    StartedRecording started = startRecording(*platform_, store, source, request.streams, std::move(settings));
+    std::unique_ptr<ScreenRecordingSession>& session = started.session;
+    std::vector<std::string>& notes = started.notes;
     for (const std::string& note : notes) printer.message("note: " + note);
-    settings.notes = notes;
-    std::unique_ptr<ScreenRecordingSession> session =
-        ScreenRecordingSession::create(store, source, options, std::move(streams), platform_->writerFactory(),
-                                       std::move(settings), platform_->microphoneConfiguration(request.streams));
-    try {
-      session->start();
-    } catch (...) {
-      session->discard();
-      throw;
-    }
 
     const std::optional<std::int64_t> durationNanoseconds =
         request.durationSeconds ? std::optional<std::int64_t>(std::llround(*request.durationSeconds * 1e9))
@@ -318,6 +307,11 @@ int RecordCommand::run(const std::vector<std::string>& arguments) {
       printer.update(status, session->framesHandedOver(), session->metrics().droppedVideoFrames);
       if (failed) break;
       if (durationNanoseconds && status.elapsed.nanoseconds >= *durationNanoseconds) break;
+      if (freeSpace.ranShort()) {
+        notes.emplace_back(recording_messages::stoppedForFreeSpace);
+        printer.message("note: " + notes.back());
+        break;
+      }
       const std::optional<RecordControlEvent> event = controls_.wait(std::chrono::milliseconds(20));
       if (!event) continue;
       if (*event == RecordControlEvent::togglePause) {
@@ -354,7 +348,7 @@ int RecordCommand::run(const std::vector<std::string>& arguments) {
                    {"durationMilliseconds", result.snapshot.manifest.duration.cliMilliseconds()},
                    {"width", result.snapshot.manifest.encodedPixelSize.width},
                    {"height", result.snapshot.manifest.encodedPixelSize.height},
-                   {"framesPerSecond", options.framesPerSecond},
+                   {"framesPerSecond", request.streams.framesPerSecond},
                    {"videoFrames", result.snapshot.manifest.metrics.videoFrames},
                    {"droppedVideoFrames", result.snapshot.manifest.metrics.droppedVideoFrames},
                    {"mouseEvents", result.snapshot.manifest.metrics.mouseEvents},

@@ -7,6 +7,7 @@
 #include "cli/record_controls.h"
 #include "cli/recording_platform.h"
 #include "cli/vumo_cli.h"
+#include "recording/free_space_guard.h"
 
 namespace vumo {
 
@@ -23,7 +24,7 @@ namespace vumo {
 class RecordCommand {
  public:
   RecordCommand(RecordControls& controls, VumoCLI::Streams streams, bool statusOnTerminal,
-                std::unique_ptr<RecordingPlatform> platform);
+                std::unique_ptr<RecordingPlatform> platform, FreeSpaceGuard::Settings freeSpace = {});
 
   int run(const std::vector<std::string>& arguments);
 
@@ -34,6 +35,7 @@ class RecordCommand {
   VumoCLI::Streams streams_;
   bool statusOnTerminal_;
   std::unique_ptr<RecordingPlatform> platform_;
+  FreeSpaceGuard::Settings freeSpace_;
 };
 
 }  // namespace vumo

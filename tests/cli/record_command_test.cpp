@@ -95,7 +95,7 @@ class RecordCommandTest : public ::testing::Test {
     auto outcome = std::make_shared<Outcome>();
     VumoCLI::Streams streams{[outcome](std::string_view text) { outcome->output += text; },
                              [outcome](std::string_view text) { outcome->error += text; }};
-    RecordCommand command(controls_, streams, false, std::move(platform));
+    RecordCommand command(controls_, streams, false, std::move(platform), freeSpace_);
     std::jthread driver;
     if (user) driver = std::jthread([&] { user(controls_); });
     outcome->status = command.run(arguments);
@@ -113,6 +113,8 @@ class RecordCommandTest : public ::testing::Test {
   testing::ScopedDataHome home_;
   RecordControls controls_;
   std::shared_ptr<testing::FakeWriterLog> log_;
+  // A disk of any size: the tests cannot fill a real one.
+  FreeSpaceGuard::Settings freeSpace_{.probe = [](const fs::path&) { return std::optional<std::uint64_t>(); }};
 };
 
 TEST_F(RecordCommandTest, ARecordingOfAGivenDurationBecomesAFinishedProject) {
@@ -218,6 +220,69 @@ TEST_F(RecordCommandTest, UnfinishedRecordingsAreRecoveredBeforeTheNewOneUnlessT
   Outcome next = run({"--fps", "30", "--duration", "0.2"});
   ASSERT_EQ(next.status, 0) << next.error;
   EXPECT_TRUE(next.answer()["recoveredProjects"].empty());
+}
+
+TEST_F(RecordCommandTest, ARecordingStartsOnlyWithTheMinimumFreeInTheProjectsFolder) {
+  constexpr std::uint64_t gibibyte = std::uint64_t(1) << 30;
+  struct Case {
+    std::uint64_t minimumBytes;
+    std::optional<std::uint64_t> available;
+    bool refused;
+  } cases[] = {
+      {FreeSpaceGuard::defaultMinimumBytes, gibibyte - 1, true},
+      {FreeSpaceGuard::defaultMinimumBytes, gibibyte, false},
+      {FreeSpaceGuard::defaultMinimumBytes, 0, true},
+      // A file system that cannot say how much is free does not stop anyone.
+      {FreeSpaceGuard::defaultMinimumBytes, std::nullopt, false},
+      {10'000'000, 10'000'001, false},
+      {10'000'000, 9'999'999, true},
+  };
+  std::size_t recorded = 0;
+  for (const Case& c : cases) {
+    fs::path asked;
+    freeSpace_ = {.minimumBytes = c.minimumBytes, .probe = [&](const fs::path& folder) {
+                    asked = folder;
+                    return c.available;
+                  }};
+    Outcome outcome = run({"--fps", "30", "--duration", "0.1"});
+    EXPECT_EQ(asked, home_.path() / "Vumo" / "Projects");
+    if (c.refused) {
+      EXPECT_EQ(outcome.status, 6) << c.minimumBytes << " " << *c.available;
+      EXPECT_TRUE(outcome.output.empty());
+      EXPECT_EQ(Json::parse(outcome.error)["message"],
+                "Not enough free disk space to record. At least 1 GiB must be free in the projects folder (" +
+                    asked.string() + ").")
+          << outcome.error;
+    } else {
+      ASSERT_EQ(outcome.status, 0) << outcome.error;
+      ++recorded;
+    }
+    EXPECT_EQ(packages().size(), recorded);
+  }
+}
+
+TEST_F(RecordCommandTest, ARecordingThatRunsShortOfSpaceIsStoppedAndKeptWithANote) {
+  // Room at the start, then the disk fills up a third of a second in; no duration and no stop.
+  const auto start = std::chrono::steady_clock::now();
+  std::atomic<int> probes = 0;
+  freeSpace_ = {.probe =
+                    [&](const fs::path&) {
+                      ++probes;
+                      const bool full = std::chrono::steady_clock::now() - start > std::chrono::milliseconds(300);
+                      return std::optional<std::uint64_t>(full ? 500'000'000 : 5'000'000'000);
+                    },
+                .checkInterval = std::chrono::milliseconds(100)};
+  Outcome outcome = run({"--fps", "30"});
+  ASSERT_EQ(outcome.status, 0) << outcome.error;
+  const Json answer = outcome.answer();
+  EXPECT_EQ(answer["notes"], Json::array({std::string(recording_messages::stoppedForFreeSpace)}));
+  EXPECT_NE(outcome.error.find("note: " + std::string(recording_messages::stoppedForFreeSpace)), std::string::npos);
+  EXPECT_GE(answer["durationMilliseconds"].get<std::int64_t>(), 150);
+  EXPECT_LE(answer["durationMilliseconds"].get<std::int64_t>(), 1000);
+  // Checked about once per interval, not at every status line.
+  EXPECT_LE(probes.load(), 12);
+  ASSERT_EQ(packages().size(), 1u);
+  EXPECT_EQ(packages().front().extension(), ".vumo");
 }
 
 TEST_F(RecordCommandTest, BadWordsAreRefusedBeforeAnythingIsWritten) {
