@@ -151,6 +151,13 @@ CaptionDocument CaptionDocumentEngine::clearHighlights(const CaptionDocument& do
   return result.validated(sourceDuration);
 }
 
+CaptionDocument CaptionDocumentEngine::updateStyle(const CaptionDocument& document, const CaptionStyle& style,
+                                                   ProjectTime sourceDuration) {
+  CaptionDocument result = document;
+  result.style = style;
+  return result.validated(sourceDuration);
+}
+
 CaptionDocument CaptionDocumentEngine::removeCue(const CaptionDocument& document, const Uuid& id,
                                                  ProjectTime sourceDuration) {
   CaptionDocument result = document;

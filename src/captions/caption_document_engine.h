@@ -39,6 +39,10 @@ struct CaptionDocumentEngine {
 
   static CaptionDocument clearHighlights(const CaptionDocument& document, const Uuid& id, ProjectTime sourceDuration);
 
+  // The project's caption style, clamped and rounded as every document's style is.
+  static CaptionDocument updateStyle(const CaptionDocument& document, const CaptionStyle& style,
+                                     ProjectTime sourceDuration);
+
   static CaptionDocument removeCue(const CaptionDocument& document, const Uuid& id, ProjectTime sourceDuration);
 };
 

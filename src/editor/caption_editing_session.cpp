@@ -144,6 +144,10 @@ bool CaptionEditingSession::clearHighlights(const Uuid& id) {
   return apply(false, [&](const CaptionDocument& from) { return Engine::clearHighlights(from, id, sourceDuration_); });
 }
 
+bool CaptionEditingSession::updateStyle(const CaptionStyle& style) {
+  return apply(false, [&](const CaptionDocument& from) { return Engine::updateStyle(from, style, sourceDuration_); });
+}
+
 void CaptionEditingSession::consumeTextFocusRequest(const Uuid& id) {
   if (textFocusRequestCueID_ == id) textFocusRequestCueID_.reset();
 }

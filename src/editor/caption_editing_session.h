@@ -74,6 +74,8 @@ class CaptionEditingSession {
   // Removes every highlight with the same text and occurrence; the others keep their occurrence.
   bool removeHighlight(const Uuid& id, const CaptionHighlight& highlight);
   bool clearHighlights(const Uuid& id);
+  // The style of every cue, in its normal form (see CaptionStyle::normalized).
+  bool updateStyle(const CaptionStyle& style);
 
   // The text field took the focus it was asked for; a request for another cue stays.
   void consumeTextFocusRequest(const Uuid& id);

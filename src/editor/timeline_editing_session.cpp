@@ -82,6 +82,11 @@ EditTimeline validated(EditTimeline timeline, ProjectTime sourceDuration) {
 
 }  // namespace
 
+AnnotationStyleEdit AnnotationStyleEdit::of(const AnnotationElement& annotation) {
+  return {annotation.color,    annotation.lineWidth,   annotation.cornerRadius, annotation.locksAspectRatio,
+          annotation.isFilled, annotation.dimsOutside, annotation.textStyle};
+}
+
 TimelineEditingSession::TimelineEditingSession(EditTimeline timeline, ProjectTime sourceDuration, PixelSize sourceSize,
                                                ChangeHandler onChange)
     : timeline_(std::move(timeline)),
@@ -486,6 +491,47 @@ bool TimelineEditingSession::updateAnnotationText(const Uuid& id, const std::str
   });
 }
 
+bool TimelineEditingSession::updateAnnotationBounds(const Uuid& id, RectValue bounds) {
+  if (!holdsID(timeline_.annotations, id)) return false;
+  return mutationResult([&] {
+    auto annotations = timeline_.annotations;
+    auto annotation = findByID(annotations, id);
+    if (annotation->kind == AnnotationKind::arrow && annotation->startPoint && annotation->endPoint) {
+      PointValue& start = *annotation->startPoint;
+      PointValue& end = *annotation->endPoint;
+      const bool rightward = start.x <= end.x;
+      const bool downward = start.y <= end.y;
+      const double left = bounds.x, right = bounds.x + bounds.width;
+      const double top = bounds.y, bottom = bounds.y + bounds.height;
+      start = PointValue{rightward ? left : right, downward ? top : bottom};
+      end = PointValue{rightward ? right : left, downward ? bottom : top};
+    } else {
+      annotation->bounds = bounds;
+    }
+    return withAnnotations(timeline_, std::move(annotations), sourceDuration_);
+  });
+}
+
+bool TimelineEditingSession::updateAnnotationStyle(const Uuid& id, const AnnotationStyleEdit& style) {
+  if (!holdsID(timeline_.annotations, id)) return false;
+  return mutationResult([&] {
+    auto annotations = timeline_.annotations;
+    auto annotation = findByID(annotations, id);
+    annotation->color = style.color;
+    annotation->lineWidth = style.lineWidth;
+    annotation->cornerRadius = style.cornerRadius;
+    annotation->locksAspectRatio = style.locksAspectRatio;
+    annotation->isFilled = style.isFilled;
+    annotation->dimsOutside = style.dimsOutside;
+    if (annotation->kind == AnnotationKind::text && style.textStyle) {
+      TextAnnotationStyle text = *style.textStyle;
+      text.content = annotation->textStyle.value_or(TextAnnotationStyle::defaultValue()).content;
+      annotation->textStyle = std::move(text);
+    }
+    return withAnnotations(timeline_, std::move(annotations), sourceDuration_);
+  });
+}
+
 // ---- Settings ----------------------------------------------------------------------------------
 
 bool TimelineEditingSession::updateAudio(MediaTrackKind kind, bool isMuted, double gainDecibels) {
@@ -513,6 +559,19 @@ bool TimelineEditingSession::updateWebcam(const std::optional<WebcamOverlay>& ov
     next.webcamOverlay = overlay;
     return validated(TimelineSettingsEngine::constrainWebcam(next, sourceSize_), sourceDuration_);
   });
+}
+
+bool TimelineEditingSession::updateDeviceFrame(const std::optional<DeviceFrameEdit>& frame) {
+  return mutationResult([&] {
+    EditTimeline next = timeline_;
+    next.deviceFrame = frame;
+    return validated(std::move(next), sourceDuration_);
+  });
+}
+
+bool TimelineEditingSession::updateCursor(const CursorEdit& cursor) {
+  return mutationResult(
+      [&] { return validated(TimelineSettingsEngine::withCursor(timeline_, cursor), sourceDuration_); });
 }
 
 bool TimelineEditingSession::applySettings(const std::map<std::string, std::string>& values) {

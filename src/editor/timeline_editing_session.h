@@ -34,6 +34,22 @@
 
 namespace vumo {
 
+// The look of one annotation, apart from its place, its times and its words: what the inspector
+// shows. `textStyle` counts for text annotations only, and its `content` is not taken (the words
+// change through `updateAnnotationText`).
+struct AnnotationStyleEdit {
+  CanvasColorValue color = AnnotationElement::defaultColor();
+  double lineWidth = 0.006;
+  double cornerRadius = 0;
+  bool locksAspectRatio = false;
+  bool isFilled = false;
+  bool dimsOutside = false;
+  std::optional<TextAnnotationStyle> textStyle;
+
+  static AnnotationStyleEdit of(const AnnotationElement& annotation);
+  friend bool operator==(const AnnotationStyleEdit&, const AnnotationStyleEdit&) = default;
+};
+
 class TimelineEditingSession {
  public:
   // The timeline and where the change came from: `committed` is false for a step inside a
@@ -142,6 +158,10 @@ class TimelineEditingSession {
   bool updateAnnotationEnd(const Uuid& id, ProjectTime to);
   // The text of a text annotation; other kinds have no text and nothing changes.
   bool updateAnnotationText(const Uuid& id, const std::string& text);
+  // Where the annotation is drawn. An arrow keeps its direction: its two points become the
+  // corners of `bounds` that they held in the box around them.
+  bool updateAnnotationBounds(const Uuid& id, RectValue bounds);
+  bool updateAnnotationStyle(const Uuid& id, const AnnotationStyleEdit& style);
 
   // ---- Settings --------------------------------------------------------------------------------
 
@@ -150,6 +170,12 @@ class TimelineEditingSession {
   // The overlay is kept on the output afterwards, as a new aspect ratio may push it off.
   bool updateCanvas(const CanvasEdit& canvas);
   bool updateWebcam(const std::optional<WebcamOverlay>& overlay);
+  // A frame of the device frame catalogue, or none. The validator refuses an asset the catalogue
+  // does not know; which frames suit the recording's shape is the picker's choice.
+  bool updateDeviceFrame(const std::optional<DeviceFrameEdit>& frame);
+  // The scale is clamped as the command line's `cursor.scale` clamps it; a scale that is not a
+  // number is refused.
+  bool updateCursor(const CursorEdit& cursor);
   // `key=value` pairs as the command line's `set` takes them.
   bool applySettings(const std::map<std::string, std::string>& values);
 

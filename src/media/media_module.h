@@ -11,6 +11,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <span>
 #include <stop_token>
 #include <string>
 #include <vector>
@@ -24,6 +25,7 @@
 #include "shared/geometry.h"
 #include "shared/media_track_kind.h"
 #include "shared/project_time.h"
+#include "timeline/edit_timeline.h"
 
 namespace vumo {
 
@@ -80,10 +82,62 @@ class ProjectExporting {
                                      std::stop_token stop) = 0;
 };
 
+// The sound of an edited sequence from one time on: the audio mix with its speed changes, already
+// on the sequence timeline, as interleaved 32-bit float samples at `sampleRate` and `channelCount`.
+// Independent of the GPU context that made it; use from one thread at a time.
+class PreviewAudioReading {
+ public:
+  static constexpr int sampleRate = 48'000;
+  static constexpr int channelCount = 2;
+
+  virtual ~PreviewAudioReading() = default;
+  // Fills the front of `into` with the next frames (whole frames only) and returns how many frames
+  // it wrote; 0 once the sequence is over. Throws the media errors or CancelledError.
+  virtual std::int64_t read(std::span<float> into) = 0;
+};
+
+// The player's engine: one project's composition on one GPU context, used from one worker thread
+// at a time. Pictures come from the same frame source, scene evaluator and scene renderer as the
+// still of `frame` and the exported film, so what is played is what is exported.
+class ProjectPreviewing {
+ public:
+  virtual ~ProjectPreviewing() = default;
+
+  // Builds the composition of `snapshot` (the frame source and the sequence's sound) and returns
+  // the sequence duration. Throws the composition and media errors, or the timeline's validation
+  // errors; after a failure the engine has no composition until the next successful load.
+  virtual ProjectTime load(const ProjectSnapshot& snapshot) = 0;
+
+  // The look of the next frames (zooms, canvas, cursor, camera overlay, annotations) from
+  // `timeline`, without opening any reader again. Its clips and audio mix are not read: a change
+  // of those needs `load`.
+  virtual void setVisualEdits(const EditTimeline& timeline) = 0;
+
+  // The picture at `sequenceTime` (clamped into the sequence) as premultiplied RGBA8, rows top
+  // first, as large as fits `maxSize` with the canvas's aspect and even sides. Increasing times
+  // decode forward; only a jump back (or far ahead) seeks. Throws the media and rendering errors,
+  // ProjectFrameRendererError::unavailable without a composition or a screen picture at that time,
+  // or CancelledError.
+  virtual StillImage render(ProjectTime sequenceTime, PixelSize maxSize, std::stop_token stop) = 0;
+
+  // The sequence's sound from `from` on; null when the sequence has no sound. Throws the media
+  // errors.
+  virtual std::unique_ptr<PreviewAudioReading> openAudio(ProjectTime from) = 0;
+};
+
+// What a canvas wallpaper needs to know of a movie: the size and length of its first video stream,
+// the one the renderer plays.
+struct VideoFileDescription {
+  PixelSize pixelSize;
+  ProjectTime duration;
+
+  friend bool operator==(const VideoFileDescription&, const VideoFileDescription&) = default;
+};
+
 struct MediaModule {
   // Raised whenever a member changes meaning, so a program never calls into an engine built for
   // another one.
-  static constexpr int currentInterfaceVersion = 5;
+  static constexpr int currentInterfaceVersion = 7;
   static constexpr const char* fileName = "vumo-media.so";
   static constexpr const char* entryPointName = "vumoMediaModule";
 
@@ -103,6 +157,12 @@ struct MediaModule {
   std::unique_ptr<VideoCaptureStream> (*makeVideoDeviceStream)(const VideoDeviceRequest&) = nullptr;
   // What recovery needs to know of an unfinished recording's movie (MediaProbe::inspect).
   std::optional<MediaProbeResult> (*probeRecordingMedia)(const std::filesystem::path&) = nullptr;
+  // The player's engine on a new GPU context; throws RenderingContextError.
+  std::shared_ptr<ProjectPreviewing> (*makePreviewer)() = nullptr;
+  // Any movie file: none when it is not one the engine can decode (no video stream, no decoder for
+  // it, no size or no positive length). Throws CancelledError.
+  std::optional<VideoFileDescription> (*describeVideoFile)(const std::filesystem::path& file,
+                                                           std::stop_token stop) = nullptr;
 };
 
 using MediaModuleEntryPoint = const MediaModule* (*)();

@@ -30,29 +30,35 @@ PixelSize ProjectFrameRenderer::outputSize(const ProjectSnapshot& snapshot, int 
   return {evenWidth, height};
 }
 
-StillImage ProjectFrameRenderer::renderImage(const ProjectSnapshot& snapshot, ProjectTime sequenceTime, int width,
-                                             std::stop_token stop) {
-  throwIfCancelled(stop);
-  const PixelSize size = outputSize(snapshot, width);
-  ProjectFrameSource source(snapshot, stop);
+StillImage renderProjectFrame(SceneRenderer& renderer, ProjectFrameSource& source, const SceneEvaluator& evaluator,
+                              const TimelineVisualEdits& edits, const CaptionDocument* captions,
+                              ProjectTime sequenceTime, PixelSize outputSize) {
   const auto sourceTime = source.sourceTime(sequenceTime);
   if (sequenceTime < ProjectTime{} || sequenceTime >= source.sequenceDuration() || !sourceTime) {
     throw ProjectFrameRendererError(ProjectFrameRendererError::Case::unavailable);
   }
   ProjectFrames frames = source.framesAt(sequenceTime);
   if (!frames.screen) throw ProjectFrameRendererError(ProjectFrameRendererError::Case::unavailable);
-  throwIfCancelled(stop);
 
-  const SceneEvaluator evaluator(snapshot);
-  const SceneState state = evaluator.evaluate(*sourceTime, TimelineVisualEdits::from(snapshot.timeline),
-                                              snapshot.captions ? &*snapshot.captions : nullptr);
-  renderer_->registerProjectAssets(snapshot);
+  const SceneState state = evaluator.evaluate(*sourceTime, edits, captions);
   SceneFrames sceneFrames;
-  sceneFrames.sourceSize = snapshot.manifest.encodedPixelSize;
+  sceneFrames.sourceSize = evaluator.sourceSize();
   sceneFrames.screen = std::move(frames.screen);
   sceneFrames.webcam = std::move(frames.camera);
   sceneFrames.backgroundVideo = std::move(frames.background);
-  return renderer_->render(state, sceneFrames, size);
+  return renderer.render(state, sceneFrames, outputSize);
+}
+
+StillImage ProjectFrameRenderer::renderImage(const ProjectSnapshot& snapshot, ProjectTime sequenceTime, int width,
+                                             std::stop_token stop) {
+  throwIfCancelled(stop);
+  const PixelSize size = outputSize(snapshot, width);
+  ProjectFrameSource source(snapshot, stop);
+  const SceneEvaluator evaluator(snapshot);
+  renderer_->registerProjectAssets(snapshot);
+  throwIfCancelled(stop);
+  return renderProjectFrame(*renderer_, source, evaluator, TimelineVisualEdits::from(snapshot.timeline),
+                            snapshot.captions ? &*snapshot.captions : nullptr, sequenceTime, size);
 }
 
 std::string ProjectFrameRenderer::render(const ProjectSnapshot& snapshot, ProjectTime sequenceTime, int width,

@@ -7,13 +7,24 @@
 #include <string>
 
 #include "media/media_module.h"
+#include "media/project_frame_source.h"
 #include "media/still_image.h"
 #include "project/project_snapshot.h"
 #include "rendering/scene_renderer.h"
+#include "scene/scene_evaluator.h"
 #include "shared/geometry.h"
 #include "shared/project_time.h"
 
 namespace vumo {
+
+// The picture at `sequenceTime` of a composition that is already open: its frames from `source`,
+// the scene of `edits` evaluated at the source time they show, drawn at `outputSize`. The still,
+// and the player for each of its frames, draw through here. A time outside the sequence, or one
+// at which the screen shows nothing, is ProjectFrameRendererError::unavailable; throws what the
+// frame source and the renderer throw.
+StillImage renderProjectFrame(SceneRenderer& renderer, ProjectFrameSource& source, const SceneEvaluator& evaluator,
+                              const TimelineVisualEdits& edits, const CaptionDocument* captions,
+                              ProjectTime sequenceTime, PixelSize outputSize);
 
 class ProjectFrameRenderer final : public ProjectStillRendering {
  public:

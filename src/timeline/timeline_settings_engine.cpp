@@ -183,6 +183,14 @@ EditTimeline TimelineSettingsEngine::applying(const std::map<std::string, std::s
   return constrainWebcam(result, sourceSize);
 }
 
+EditTimeline TimelineSettingsEngine::withCursor(const EditTimeline& timeline, const CursorEdit& cursor) {
+  if (!std::isfinite(cursor.scale)) throw TimelineSettingsError::invalidValue("cursor.scale");
+  EditTimeline result = timeline;
+  result.cursor = cursor;
+  result.cursor.scale = std::clamp(cursor.scale, 0.5, 3.0);
+  return result;
+}
+
 double TimelineSettingsEngine::outputAspectRatio(const EditTimeline& timeline, PixelSize sourceSize) {
   // A source of unknown size is treated as the common 16:9.
   double sourceAspect = sourceSize.width > 0 && sourceSize.height > 0

@@ -47,6 +47,10 @@ struct TimelineSettingsEngine {
   // aspect ratio (`source` uses `sourceSize`). Keyframes are clamped when evaluated.
   static EditTimeline constrainWebcam(const EditTimeline& timeline, PixelSize sourceSize);
 
+  // The timeline with `cursor`, its scale clamped to what `cursor.scale` takes; a scale that is not a
+  // finite number is `invalidValue("cursor.scale")`.
+  static EditTimeline withCursor(const EditTimeline& timeline, const CursorEdit& cursor);
+
   // Output width over height of the timeline's canvas for a source of `sourceSize`.
   static double outputAspectRatio(const EditTimeline& timeline, PixelSize sourceSize);
 

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <condition_variable>
+#include <limits>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -124,6 +125,57 @@ TEST(CaptionEditingSessionTest, PanelEditsAreOneStepEachAndARefusedEditKeepsTheD
   EXPECT_EQ(r.session.redoCount(), 2u);
   ASSERT_TRUE(r.session.clearHighlights(cueId(2)));
   EXPECT_FALSE(r.session.canRedo());
+}
+
+// The style comes in its normal form, as the renderer expects it; a value that is already there
+// after that is no step at all.
+TEST(CaptionEditingSessionTest, AStyleIsOneStepInItsNormalFormAndUndoAndRedoFollow) {
+  const double nan = std::numeric_limits<double>::quiet_NaN();
+  struct Case {
+    std::string name;
+    CaptionStyle asked;
+    CaptionStyle expected;
+    std::size_t steps;
+  };
+  const std::vector<Case> cases{
+      {"within the limits",
+       {false, 1, CaptionAppearance::whiteWithBlackOutline, 0.8, 0.2},
+       {false, 1, CaptionAppearance::whiteWithBlackOutline, 0.8, 0.2},
+       1},
+      {"rounded to hundredths, lines at most two",
+       {true, 5, CaptionAppearance::blackWithWhiteOutline, 1.156, 0.456},
+       {true, 2, CaptionAppearance::blackWithWhiteOutline, 1.16, 0.46},
+       1},
+      {"below every limit",
+       {true, 0, CaptionAppearance::whiteOnBlack, 0.1, -1},
+       {true, 1, CaptionAppearance::whiteOnBlack, 0.6, 0.0},
+       1},
+      {"not a number falls back to the default",
+       {true, 1, CaptionAppearance::whiteOnBlack, nan, nan},
+       {true, 1, CaptionAppearance::whiteOnBlack, 1.0, 0.08},
+       1},
+      {"the current style once rounded",
+       {true, 2, CaptionAppearance::whiteOnBlack, 1.004, 0.0849},
+       CaptionStyle::defaults(),
+       0},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    Recorded r;
+    ASSERT_EQ(r.session.document().style, CaptionStyle::defaults());
+    ASSERT_TRUE(r.session.updateStyle(c.asked));
+    EXPECT_EQ(r.session.document().style, c.expected);
+    EXPECT_EQ(r.session.document().cues, kBase.cues) << "the cues are untouched";
+    EXPECT_EQ(r.session.undoCount(), c.steps);
+    ASSERT_EQ(r.changes.size(), c.steps);
+    if (c.steps == 0) continue;
+    EXPECT_EQ(r.changes[0], (Change{true, true}));
+    EXPECT_EQ(r.documents[0].style, c.expected);
+    r.session.undo();
+    EXPECT_EQ(r.session.document(), kBase);
+    r.session.redo();
+    EXPECT_EQ(r.session.document().style, c.expected);
+  }
 }
 
 TEST(CaptionEditingSessionTest, UndoKeepsTheLatestHundredSteps) {

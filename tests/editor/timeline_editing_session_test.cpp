@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <limits>
 #include <optional>
 #include <string>
 #include <vector>
@@ -12,7 +13,9 @@
 #include "timeline/timeline_edit_engine.h"
 #include "timeline/timeline_effect_error.h"
 #include "timeline/timeline_frame_grid.h"
+#include "timeline/timeline_settings_engine.h"
 #include "timeline/timeline_speed_engine.h"
+#include "timeline/timeline_validation_error.h"
 
 namespace vumo {
 namespace {
@@ -331,6 +334,193 @@ TEST(TimelineEditingSession, EffectsAndAnnotationsEditedThroughTheSession) {
   ASSERT_TRUE(f.session.removeSelectedAnnotation());
   EXPECT_TRUE(f.session.timeline().annotations.empty());
   EXPECT_EQ(f.session.selectedAnnotationID(), std::nullopt);
+}
+
+// The starting timeline with three annotations one after another: a rectangle over 0...2 s, an
+// arrow over 2...4 s pointing up and to the left, a text over 4...6 s.
+EditTimeline annotatedTimeline() {
+  EditTimeline t = startingTimeline();
+  AnnotationElement rectangle;
+  rectangle.id = Uuid::stable("rectangle");
+  rectangle.startTime = ms(0);
+  rectangle.endTime = ms(2'000);
+  rectangle.bounds = RectValue{0.1, 0.1, 0.3, 0.2};
+  AnnotationElement arrow;
+  arrow.id = Uuid::stable("arrow");
+  arrow.kind = AnnotationKind::arrow;
+  arrow.startTime = ms(2'000);
+  arrow.endTime = ms(4'000);
+  arrow.startPoint = PointValue{0.8, 0.6};
+  arrow.endPoint = PointValue{0.4, 0.2};
+  arrow.zIndex = 1;
+  AnnotationElement text;
+  text.id = Uuid::stable("text");
+  text.kind = AnnotationKind::text;
+  text.startTime = ms(4'000);
+  text.endTime = ms(6'000);
+  text.bounds = RectValue{0.2, 0.7, 0.5, 0.1};
+  text.textStyle = TextAnnotationStyle{"Hi", 48, false, TextAnnotationOutlineColor::black};
+  text.zIndex = 2;
+  t.annotations = {rectangle, arrow, text};
+  return t;
+}
+
+// Each operation of the inspectors: one committed, saved undo step that undo takes back and redo
+// brings again; the same operation with a value the engines refuse changes nothing and says why.
+TEST(TimelineEditingSession, InspectorOperationsAreOneUndoStepAndARefusedValueChangesNothing) {
+  const Uuid rectangle = Uuid::stable("rectangle"), arrow = Uuid::stable("arrow"), text = Uuid::stable("text");
+  const std::string invalidAnnotation =
+      TimelineValidationError::of(TimelineValidationError::Case::invalidAnnotation).what();
+  AnnotationStyleEdit blueFilled = AnnotationStyleEdit::of(annotatedTimeline().annotations[0]);
+  blueFilled.color = {0, 0.5, 1};
+  blueFilled.lineWidth = 0.01;
+  blueFilled.cornerRadius = 0.2;
+  blueFilled.isFilled = true;
+  blueFilled.dimsOutside = true;
+  blueFilled.locksAspectRatio = true;
+  AnnotationStyleEdit tooThick = blueFilled;
+  tooThick.lineWidth = 0.5;
+  AnnotationStyleEdit outlined = AnnotationStyleEdit::of(annotatedTimeline().annotations[2]);
+  outlined.textStyle = TextAnnotationStyle{"not taken", 96, true, TextAnnotationOutlineColor::white};
+  AnnotationStyleEdit hugeText = outlined;
+  hugeText.textStyle->fontSize = 500;
+  const DeviceFrameEdit display{true, "vumo-display-black", DeviceFrameContentMode::fill};
+  const double nan = std::numeric_limits<double>::quiet_NaN();
+
+  struct Case {
+    std::string name;
+    std::function<bool(TimelineEditingSession&)> edit;
+    std::function<bool(const EditTimeline&)> changed;
+    std::function<bool(TimelineEditingSession&)> refused;
+    std::string refusal;
+  };
+  const std::vector<Case> cases{
+      {"device frame", [&](auto& s) { return s.updateDeviceFrame(display); },
+       [&](const EditTimeline& t) { return t.deviceFrame == display; },
+       [](auto& s) {
+         return s.updateDeviceFrame(DeviceFrameEdit{true, "no-such-frame", DeviceFrameContentMode::fit});
+       },
+       TimelineValidationError::of(TimelineValidationError::Case::invalidDeviceFrame).what()},
+      {"cursor",
+       [](auto& s) {
+         return s.updateCursor({false, 2.5, false, ClickEffectStyle::ringAndPress});
+       },
+       [](const EditTimeline& t) {
+         return t.cursor == CursorEdit{false, 2.5, false, ClickEffectStyle::ringAndPress};
+       },
+       [&](auto& s) {
+         return s.updateCursor({true, nan, true, ClickEffectStyle::ring});
+       },
+       "Invalid value for setting: cursor.scale"},
+      {"cursor scale beyond the largest",
+       [](auto& s) {
+         return s.updateCursor({true, 9, true, ClickEffectStyle::ring});
+       },
+       [](const EditTimeline& t) { return t.cursor.scale == 3.0; },
+       [&](auto& s) {
+         return s.updateCursor({true, -nan, true, ClickEffectStyle::ring});
+       },
+       "Invalid value for setting: cursor.scale"},
+      {"rectangle bounds",
+       [&](auto& s) {
+         return s.updateAnnotationBounds(rectangle, {0.5, 0.5, 0.25, 0.25});
+       },
+       [](const EditTimeline& t) {
+         return t.annotations[0].bounds == RectValue{0.5, 0.5, 0.25, 0.25};
+       },
+       [&](auto& s) {
+         return s.updateAnnotationBounds(rectangle, {0.9, 0.9, 0.2, 0.2});
+       },
+       invalidAnnotation},
+      // The arrow pointed from the bottom right to the top left, and still does.
+      {"arrow bounds",
+       [&](auto& s) {
+         return s.updateAnnotationBounds(arrow, {0.125, 0.25, 0.25, 0.5});
+       },
+       [](const EditTimeline& t) {
+         return t.annotations[1].startPoint == PointValue{0.375, 0.75} &&
+                t.annotations[1].endPoint == PointValue{0.125, 0.25} && !t.annotations[1].bounds;
+       },
+       [&](auto& s) {
+         return s.updateAnnotationBounds(arrow, {0.1, 0.1, 0.01, 0.01});
+       },
+       invalidAnnotation},
+      {"annotation style", [&](auto& s) { return s.updateAnnotationStyle(rectangle, blueFilled); },
+       [&](const EditTimeline& t) {
+         return AnnotationStyleEdit::of(t.annotations[0]) == blueFilled && t.annotations[0].bounds &&
+                t.annotations[0].startTime == ms(0);
+       },
+       [&](auto& s) { return s.updateAnnotationStyle(rectangle, tooThick); }, invalidAnnotation},
+      // The words stay the annotation's own.
+      {"text style", [&](auto& s) { return s.updateAnnotationStyle(text, outlined); },
+       [](const EditTimeline& t) {
+         return t.annotations[2].textStyle == TextAnnotationStyle{"Hi", 96, true, TextAnnotationOutlineColor::white};
+       },
+       [&](auto& s) { return s.updateAnnotationStyle(text, hugeText); }, invalidAnnotation},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::vector<Notice> notices;
+    TimelineEditingSession session(annotatedTimeline(), tenSeconds, {1920, 1080},
+                                   [&](const EditTimeline& t, bool committed, bool persist) {
+                                     notices.push_back({t, committed, persist});
+                                   });
+    const EditTimeline before = session.timeline();
+    ASSERT_TRUE(c.edit(session)) << session.message().value_or("");
+    const EditTimeline after = session.timeline();
+    EXPECT_TRUE(c.changed(after));
+    EXPECT_EQ(session.undoCount(), 1u);
+    ASSERT_EQ(notices.size(), 1u);
+    EXPECT_TRUE(notices[0].committed && notices[0].shouldPersist);
+    EXPECT_EQ(notices[0].timeline, after);
+
+    // The same value again is no second step.
+    EXPECT_TRUE(c.edit(session));
+    EXPECT_EQ(session.undoCount(), 1u);
+    EXPECT_EQ(notices.size(), 1u);
+
+    EXPECT_FALSE(c.refused(session));
+    EXPECT_EQ(session.timeline(), after);
+    EXPECT_EQ(session.undoCount(), 1u);
+    EXPECT_EQ(notices.size(), 1u);
+    EXPECT_EQ(session.message(), c.refusal);
+
+    session.undo();
+    EXPECT_EQ(session.timeline(), before);
+    session.redo();
+    EXPECT_EQ(session.timeline(), after);
+    EXPECT_EQ(session.message(), std::nullopt);
+  }
+}
+
+TEST(TimelineEditingSession, InspectorOperationsOnAnnotationsThatAreGoneOrAFrameTakenAway) {
+  TimelineEditingSession session(annotatedTimeline(), tenSeconds, {1920, 1080}, [](auto&, bool, bool) {});
+  EXPECT_FALSE(session.updateAnnotationBounds(Uuid::stable("none"), {0.1, 0.1, 0.2, 0.2}));
+  EXPECT_FALSE(session.updateAnnotationStyle(Uuid::stable("none"), AnnotationStyleEdit{}));
+  EXPECT_EQ(session.undoCount(), 0u);
+  EXPECT_EQ(session.message(), std::nullopt);
+
+  // Text style asked of a rectangle: the rest of the style is taken, the text style is not.
+  AnnotationStyleEdit style = AnnotationStyleEdit::of(session.timeline().annotations[0]);
+  style.textStyle = TextAnnotationStyle::defaultValue();
+  style.lineWidth = 0.02;
+  ASSERT_TRUE(session.updateAnnotationStyle(Uuid::stable("rectangle"), style));
+  EXPECT_EQ(session.timeline().annotations[0].textStyle, std::nullopt);
+  EXPECT_EQ(session.timeline().annotations[0].lineWidth, 0.02);
+
+  ASSERT_TRUE(session.updateDeviceFrame(DeviceFrameEdit{true, "vumo-display-black", DeviceFrameContentMode::fit}));
+  ASSERT_TRUE(session.updateDeviceFrame(std::nullopt));
+  EXPECT_EQ(session.timeline().deviceFrame, std::nullopt);
+  EXPECT_EQ(session.undoCount(), 3u);
+
+  // A timeline of an older schema takes no device frame.
+  EditTimeline older = annotatedTimeline();
+  older.schemaVersion = 7;
+  TimelineEditingSession old(older, tenSeconds, {1920, 1080}, [](auto&, bool, bool) {});
+  EXPECT_FALSE(old.updateDeviceFrame(DeviceFrameEdit{true, "vumo-display-black", DeviceFrameContentMode::fit}));
+  EXPECT_EQ(old.message(),
+            TimelineValidationError::of(TimelineValidationError::Case::deviceFrameRequiresSchema8).what());
+  EXPECT_EQ(old.timeline(), older);
 }
 
 TEST(EditorMessages, EveryNoticeHasItsKeyAndTheCauseFollowsThoseThatTakeOne) {

@@ -3,14 +3,22 @@
 
 #include "media/media_module.h"
 
+#include "export/preview_engine.h"
 #include "export/project_exporter.h"
 #include "media/caption_audio_exporter.h"
+#include "media/media_container.h"
 #include "media/recording_media_writer.h"
 #include "media/video_device_stream.h"
 #include "rendering/project_frame_renderer.h"
 #include "rendering/rendering_context.h"
 #include "rendering/rendering_errors.h"
+#include "shared/error.h"
 #include "shared/resources.h"
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+}
 
 namespace {
 
@@ -70,6 +78,27 @@ std::unique_ptr<vumo::RecordingMediaWriting> makeRecordingMediaWriter(
 
 std::vector<vumo::VideoDeviceDescription> listVideoDevices() { return vumo::listVideoDevices(); }
 
+std::shared_ptr<vumo::ProjectPreviewing> makePreviewer() { return vumo::ProjectPreviewEngine::makeForProgram(); }
+
+// The first video stream, as the wallpaper reader picks it; a file that is not a movie, or one of a
+// kind this engine cannot decode, describes nothing rather than failing.
+std::optional<vumo::VideoFileDescription> describeVideoFile(const std::filesystem::path& file, std::stop_token stop) {
+  try {
+    vumo::MediaContainer container = vumo::MediaContainer::open(file, std::move(stop));
+    for (std::int64_t index = 0; index < container.streamCount(); ++index) {
+      if (container.streamType(index) != vumo::MediaStreamType::video) continue;
+      const AVCodecParameters* parameters = container.stream(index)->codecpar;
+      const vumo::ProjectTime duration = container.streamTimeRange(index).duration;
+      if (parameters->width <= 0 || parameters->height <= 0 || duration <= vumo::ProjectTime{} ||
+          avcodec_find_decoder(parameters->codec_id) == nullptr)
+        return std::nullopt;
+      return vumo::VideoFileDescription{{parameters->width, parameters->height}, duration};
+    }
+  } catch (const vumo::Error&) {
+  }
+  return std::nullopt;
+}
+
 }  // namespace
 
 extern "C" __attribute__((visibility("default"))) const vumo::MediaModule* vumoMediaModule() {
@@ -81,6 +110,8 @@ extern "C" __attribute__((visibility("default"))) const vumo::MediaModule* vumoM
                                         &makeRecordingMediaWriter,
                                         &listVideoDevices,
                                         &vumo::makeVideoDeviceStream,
-                                        &vumo::MediaProbe::inspect};
+                                        &vumo::MediaProbe::inspect,
+                                        &makePreviewer,
+                                        &describeVideoFile};
   return &module;
 }
