@@ -346,6 +346,32 @@ TEST_F(ProjectPlayerTest, OnlyClipsAndTheAudioMixRebuildTheComposition) {
   EXPECT_EQ(engine_->visualEdits, 4);  // the look-only changes and the unchanged timeline
 }
 
+TEST_F(ProjectPlayerTest, EditsWhilePlayingKeepPlayingFromWhereTheyAre) {
+  makePlayer(true);
+  const ProjectSnapshot snapshot = tenSecondProject();
+  loadAndShowFirstFrame(snapshot);
+  player_->seek(ms(1'000));
+  player_->play();
+  play(200ms);
+  EditTimeline timeline = snapshot.timeline;
+  timeline.zooms = {zoomMs(0, 5'000)};
+  player_->applyTimeline(timeline);  // the look only: the sound plays on
+  play(100ms);
+  EXPECT_EQ(engine_->audioOpens, 1);
+  EXPECT_NEAR(double(player_->currentTime().nanoseconds), 1'300e6, 10e6);
+
+  timeline.segments[0].sourceRange = rangeMs(0, 6'000);
+  player_->applyTimeline(timeline);  // a trim: a new composition, and its sound from the position
+  EXPECT_TRUE(player_->isPlaying());
+  ASSERT_TRUE(turnUntil([this] { return sound_->playedTime() >= ms(1'300); }));
+  play(100ms);
+  EXPECT_TRUE(player_->isPlaying());
+  EXPECT_EQ(player_->duration(), ms(6'000));
+  EXPECT_EQ(engine_->loads, 2);
+  EXPECT_EQ(engine_->audioOpens, 2);
+  EXPECT_NEAR(double(player_->currentTime().nanoseconds), 1'400e6, 10e6);
+}
+
 TEST_F(ProjectPlayerTest, FramesAreDrawnForTheViewSize) {
   makePlayer();
   loadAndShowFirstFrame();
