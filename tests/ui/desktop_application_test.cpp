@@ -144,8 +144,12 @@ TEST(DesktopApplication, RecordsAnAreaThenSplitsTrimsUndoesAndExports) {
   struct Work {
     AccessibleNode window, button, label;
   };
-  const Work work = vumo.step("start the program to record", [&] {
+  const Work work = vumo.step("start the program to record and move it to the middle of the screen", [&] {
     const auto window = driver.waitForWindow(driver.waitForApplication(probe->pid()), "Probe");
+    // Where the window manager put it depends on what else is open; the area needs room around it.
+    vumo.xdotool({"search", "--sync", "--onlyvisible", "--name", "^Probe$", "windowmove", "--sync", "480", "280"});
+    if (!driver.waitUntil([&] { return window.extents()->x >= 480 && window.extents()->y >= 280; }, 10s))
+      throw std::runtime_error("the probe stayed at " + describe(*window.extents()));
     return Work{window, driver.waitFor(window, {"push button", "Press Me"}),
                 driver.waitFor(window, {"label", "Pressed ", true})};
   });
