@@ -27,6 +27,7 @@
 #include "shared/error.h"
 #include "timeline/timeline_mapper.h"
 #include "ui/agent_panel.h"
+#include "ui/announced_label.h"
 #include "ui/editor_player.h"
 #include "ui/inspector_panels.h"
 #include "ui/player_view.h"
@@ -328,8 +329,7 @@ void EditorWindow::refreshViews() {
   follow(session_->message(), shownTimelineMessage_);
   if (captions_) follow(captions_->message(), shownCaptionMessage_);
   if (messageLabel_->text() != banner_) {
-    messageLabel_->setText(banner_);
-    messageLabel_->setAccessibleDescription(banner_);
+    setAnnouncedText(messageLabel_, banner_);
   }
   messageLabel_->setVisible(!banner_.isEmpty());
   playerStateChanged();
@@ -347,8 +347,7 @@ void EditorWindow::playerStateChanged() {
 
 void EditorWindow::showFailure(const std::string& text) {
   banner_ = QString::fromStdString(text);
-  messageLabel_->setText(banner_);
-  messageLabel_->setAccessibleDescription(banner_);
+  setAnnouncedText(messageLabel_, banner_);
   messageLabel_->setVisible(true);
 }
 

@@ -18,6 +18,7 @@
 #include "export/export_progress.h"
 #include "shared/error.h"
 #include "shared/files.h"
+#include "ui/announced_label.h"
 #include "ui/application_model.h"
 
 namespace vumo {
@@ -191,7 +192,7 @@ void ExportDialog::prepare(ProjectSnapshot snapshot, fs::path folder) {
   folder_ = std::move(folder);
   film_.reset();
   progress_->setValue(0);
-  status_->setText(QStringLiteral("The film goes to %1.").arg(QString::fromStdString(folder_.string())));
+  setAnnouncedText(status_, QStringLiteral("The film goes to %1.").arg(QString::fromStdString(folder_.string())));
   updateControls();
 }
 
@@ -223,7 +224,7 @@ void ExportDialog::start() {
   running_ = true;
   film_.reset();
   progress_->setValue(0);
-  status_->setText(QStringLiteral("Preparing…"));
+  setAnnouncedText(status_, QStringLiteral("Preparing…"));
   updateControls();
 
   const ExportConfiguration options = configuration();
@@ -256,12 +257,12 @@ void ExportDialog::progressed(const ProjectExportProgress& progress) {
   if (!running_) return;
   const auto phase = parseName<ExportPhase>(progress.phase).value_or(ExportPhase::rendering);
   switch (phase) {
-    case ExportPhase::preparing: status_->setText(QStringLiteral("Preparing…")); break;
+    case ExportPhase::preparing: setAnnouncedText(status_, QStringLiteral("Preparing…")); break;
     case ExportPhase::rendering:
-      status_->setText(
-          QStringLiteral("Rendering frame %1 of %2…").arg(progress.completedFrames).arg(progress.totalFrames));
+      setAnnouncedText(
+          status_, QStringLiteral("Rendering frame %1 of %2…").arg(progress.completedFrames).arg(progress.totalFrames));
       break;
-    case ExportPhase::finalizing: status_->setText(QStringLiteral("Finishing the file…")); break;
+    case ExportPhase::finalizing: setAnnouncedText(status_, QStringLiteral("Finishing the file…")); break;
     case ExportPhase::completed: break;
   }
   if (progress.totalFrames > 0)
@@ -275,20 +276,21 @@ void ExportDialog::ended(std::optional<ExportedFilm> film, std::exception_ptr fa
   if (film) {
     film_ = film->outputPath;
     progress_->setValue(1000);
-    status_->setText(QStringLiteral("Exported %1.").arg(QString::fromStdString(film->outputPath.filename().string())));
+    setAnnouncedText(status_,
+                     QStringLiteral("Exported %1.").arg(QString::fromStdString(film->outputPath.filename().string())));
     model_.exportEnded();
   } else {
     progress_->setValue(0);
     try {
       if (failure) std::rethrow_exception(failure);
     } catch (const CancelledError&) {
-      status_->setText(QStringLiteral("The export was cancelled."));
+      setAnnouncedText(status_, QStringLiteral("The export was cancelled."));
       model_.exportEnded();
     } catch (const std::exception& error) {
-      status_->setText(QStringLiteral("The export failed."));
+      setAnnouncedText(status_, QStringLiteral("The export failed."));
       model_.fail(error);
     } catch (...) {
-      status_->setText(QStringLiteral("The export failed."));
+      setAnnouncedText(status_, QStringLiteral("The export failed."));
       model_.fail(std::runtime_error("The export failed."));
     }
   }
@@ -298,7 +300,7 @@ void ExportDialog::ended(std::optional<ExportedFilm> film, std::exception_ptr fa
 
 void ExportDialog::cancel() {
   if (!running_) return;
-  status_->setText(QStringLiteral("Cancelling…"));
+  setAnnouncedText(status_, QStringLiteral("Cancelling…"));
   worker_.request_stop();
 }
 

@@ -16,6 +16,7 @@
 #include "editor/timeline_editing_session.h"
 #include "project/project_store.h"
 #include "transcription/cloud_credential_store.h"
+#include "ui/announced_label.h"
 #include "ui/editor_window.h"
 #include "ui/library_window.h"
 #include "ui/preferences_store.h"
@@ -193,7 +194,7 @@ QString MainWindow::messageText() const { return banner_->isHidden() ? QString()
 
 void MainWindow::showMessage(const std::string& message) {
   const QString text = QString::fromStdString(message);
-  bannerText_->setText(text);
+  setAnnouncedText(bannerText_, text);
   banner_->show();
   emit messageShown(text);
 }
