@@ -236,7 +236,8 @@ std::vector<std::string> everyCase() {
     unlisted();
   });
   listing.add<CloudCredentialError>([](auto kind) { return CloudCredentialError(kind); });
-  listing.add<RecordingStorageError>([](auto kind) { return RecordingStorageError(kind, "/home/ada/.local/share/Vumo/Projects"); });
+  listing.add<RecordingStorageError>(
+      [](auto kind) { return RecordingStorageError(kind, "/home/ada/.local/share/Vumo/Projects"); });
   listing.add<GlobalShortcutError>([](auto kind) { return GlobalShortcutError(kind, "Ctrl+Shift+R"); });
   listing.add<PlaybackError>([](auto kind) { return PlaybackError(kind, "Connection refused"); });
   return listing.lines();
