@@ -58,7 +58,15 @@ TEST(X11PointerStream, ReportsMovesClicksAndDragsButNoWheel) {
   // raw event and are found by looking at the position.
   auto settle = [] { std::this_thread::sleep_for(50ms); };
   xdotool({"mousemove", "300", "200"});
-  settle();
+  // The jump is found by the position poll; on a busy machine its next look may be late, and a
+  // relative move before it would hide the jump.
+  for (int tries = 0; tries < 200; ++tries) {
+    {
+      std::lock_guard guard(lock);
+      if (!events.empty() && events.back().globalPoint == PointValue{300, 200}) break;
+    }
+    settle();
+  }
   xdotool({"mousemove_relative", "--", "3", "-2"});
   xdotool({"click", "1"});
   xdotool({"click", "3"});
