@@ -645,6 +645,10 @@ void ProjectPlayer::tick() {
   }
   if (clock + endTolerance >= duration_) {
     stopPlaying(duration_);
+    // A slow renderer may not have delivered the last frame when the clock runs out; the end of
+    // the film must still show it.
+    const ProjectTime last = lastFrameTime(duration_);
+    if (!currentFrame_ || currentFrame_->sequenceTime != last) requestStill(last, true);
     notifyState();
     return;
   }
