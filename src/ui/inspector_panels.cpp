@@ -716,7 +716,7 @@ InspectorPanels::InspectorPanels(Context context, QTabWidget* tabs) : QObject(ta
   connect(this, &QObject::destroyed, [kept] { delete kept; });
   const auto add = [&](Panel* panel, const char* title) {
     panel->setAccessibleName(title);
-    // A long page scrolls rather than making the editor taller than a 720-line screen.
+    // A long page scrolls, so that the editor's height never follows its longest tab.
     auto* scroller = new QScrollArea;
     scroller->setWidgetResizable(true);
     scroller->setFrameShape(QFrame::NoFrame);

@@ -1,9 +1,8 @@
 #pragma once
 
-// The inspectors at the editor's right: clip, canvas and background, cursor, camera overlay,
-// device frame, captions and annotations, one tab each. Each control shows the open timeline (or
-// caption document) and changes it only through an editing session, so every change is one undo
-// step and reaches the disk through the session's ordered saves.
+// The tabs beside the player that restyle the film. A control shows the open timeline (or caption
+// document) and changes it only through an editing session, so every change is one undo step and
+// reaches the disk through the session's ordered saves.
 
 #include <QObject>
 #include <filesystem>
