@@ -120,19 +120,7 @@ DesktopProgram::DesktopProgram(const std::vector<std::string>& words,
   std::vector<char*> argv;
   for (auto& word : arguments) argv.push_back(word.data());
   argv.push_back(nullptr);
-  std::map<std::string, std::string> merged;
-  for (char** e = environ; *e != nullptr; ++e) {
-    std::string entry = *e;
-    if (auto eq = entry.find('='); eq != std::string::npos) merged[entry.substr(0, eq)] = entry.substr(eq + 1);
-  }
-  for (const auto& [key, value] : environment) {
-    if (value)
-      merged[key] = *value;
-    else
-      merged.erase(key);
-  }
-  std::vector<std::string> entries;
-  for (const auto& [key, value] : merged) entries.push_back(key + "=" + value);
+  std::vector<std::string> entries = environmentWith(environment);
   std::vector<char*> envp;
   for (auto& entry : entries) envp.push_back(entry.data());
   envp.push_back(nullptr);

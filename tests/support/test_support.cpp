@@ -19,6 +19,23 @@ extern char** environ;
 
 namespace vumo::testing {
 
+std::vector<std::string> environmentWith(const std::map<std::string, std::optional<std::string>>& changes) {
+  std::map<std::string, std::string> merged;
+  for (char** e = environ; *e != nullptr; ++e) {
+    std::string entry = *e;
+    if (auto eq = entry.find('='); eq != std::string::npos) merged[entry.substr(0, eq)] = entry.substr(eq + 1);
+  }
+  for (const auto& [key, value] : changes) {
+    if (value)
+      merged[key] = *value;
+    else
+      merged.erase(key);
+  }
+  std::vector<std::string> entries;
+  for (const auto& [key, value] : merged) entries.push_back(key + "=" + value);
+  return entries;
+}
+
 TemporaryDirectory::TemporaryDirectory() {
   std::string pattern = (std::filesystem::temp_directory_path() / "vumo-test-XXXXXX").string();
   if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
@@ -68,19 +85,7 @@ ProcessResult run(const ProcessLaunch& launch) {
   std::vector<char*> argv;
   for (auto& word : words) argv.push_back(word.data());
   argv.push_back(nullptr);
-  std::map<std::string, std::string> merged;
-  for (char** e = environ; *e != nullptr; ++e) {
-    std::string entry = *e;
-    if (auto eq = entry.find('='); eq != std::string::npos) merged[entry.substr(0, eq)] = entry.substr(eq + 1);
-  }
-  for (const auto& [key, value] : launch.environment) {
-    if (value)
-      merged[key] = *value;
-    else
-      merged.erase(key);
-  }
-  std::vector<std::string> entries;
-  for (const auto& [key, value] : merged) entries.push_back(key + "=" + value);
+  std::vector<std::string> entries = environmentWith(launch.environment);
   std::vector<char*> envp;
   for (auto& entry : entries) envp.push_back(entry.data());
   envp.push_back(nullptr);

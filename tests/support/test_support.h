@@ -78,6 +78,10 @@ struct ProcessLaunch {
 
 ProcessResult run(const ProcessLaunch& launch);
 
+// This process's environment as `NAME=value` entries with `changes` applied (a variable given none
+// is removed), for a program about to be started.
+std::vector<std::string> environmentWith(const std::map<std::string, std::optional<std::string>>& changes);
+
 // Runs a program with the given arguments and extra environment in the given working folder.
 ProcessResult runProgram(const std::filesystem::path& program, const std::vector<std::string>& arguments,
                          const std::map<std::string, std::optional<std::string>>& environment = {},
